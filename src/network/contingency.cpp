@@ -1,0 +1,98 @@
+#include "network/contingency.h"
+
+#include <algorithm>
+
+#include "frame/failure_codes.h"
+#include "frame/progress.h"
+#include "frame/run_store.h"
+#include "frame/spill.h"
+#include "kernel/log_factorial.h"
+#include "network/passes.h"
+#include "network/pearson.h"
+
+namespace anvl::net {
+namespace {
+
+constexpr DriverTraits kContingencyTraits{true, true, true, 1};
+// Bytes of a node record: the stage byte, the key words, two doubles.
+constexpr int64_t kRecordFixedBytes = 17;
+
+// A plain exchange sort, ascending: only the sorted values matter.
+void ExchangeSort(std::vector<int64_t>& v) {
+  for (size_t i = 0; i < v.size(); ++i)
+    for (size_t j = i + 1; j < v.size(); ++j)
+      if (v[j] < v[i]) std::swap(v[i], v[j]);
+}
+
+// The exact route: the network of the table, the two passes, the tails.
+int ExactRoute(const AsymptoticResult& a, int64_t rows, int64_t cols, const double* lf,
+               PassResult& pass) {
+  std::vector<int64_t> key_margins = rows <= cols ? a.row_totals : a.col_totals;
+  std::vector<int64_t> stage_margins = rows <= cols ? a.col_totals : a.row_totals;
+  ExchangeSort(key_margins);
+  ExchangeSort(stage_margins);
+  Network net;
+  net.SetMargins(std::move(key_margins), std::move(stage_margins), lf, false);
+  const std::vector<double> expected = ExpectedTable(net.A, net.B, net.N);
+  int64_t limit = 0;
+  if (EstimateStageNodes(net.A, net.B, &limit) != 0) return -1;
+  net.SetCapacity(limit);
+  const int opened = OpenNodeFile(8 * net.codec.n_words + kRecordFixedBytes);
+  if (opened != 0) return opened;
+  PearsonMember member;
+  member.K = net.K;
+  member.expected = expected.data();
+  int code = BackwardInduction(net, member);
+  if (code == 0) code = ForwardPass(net, member, a.x2, pass);
+  return code;
+}
+
+}  // namespace
+
+int ContingencyRun(std::vector<int64_t>& table, int64_t rows, int64_t cols, int selector,
+                   int64_t method, const double* scores) {
+  NodeFileGuard spill;
+  ZeroElapsed();
+  StartClock();
+  StartTicks();
+  LogFactorialTable lf;
+  BuildLogFactorials(lf);
+  AsymptoticResult a;
+  int code = AsymptoticRoute(table, rows, cols, selector, scores, lf.data(), a);
+  if (code != 0) return code;
+  if (method == 1) {
+    PassResult pass;
+    code = ExactRoute(a, rows, cols, lf.data(), pass);
+    if (code != 0) return code;
+    UpdateElapsed();
+    PublishExact(a, selector, pass.tail_high, std::max(pass.point, a.table_probability));
+    return 0;
+  }
+  // Asymptotic only (the Monte Carlo route runs as asymptotic for now).
+  UpdateElapsed();
+  PublishAsymptotic(a, selector);
+  return 0;
+}
+
+void ContingencyDriver(const CallArgs& args) {
+  std::vector<int64_t> work;
+  int64_t code = BeginDriver(args, kContingencyTraits, work);
+  const RunStore& st = Store();
+  const int selector = static_cast<int>(st.run_selector);
+  if (code == 0) {
+    if (st.data_form == 1) {
+      if (st.row_count <= 1 || st.column_count <= 1)
+        code = fail::kOneRowOrColumn;
+      else
+        code = ContingencyRun(work, st.row_count, st.column_count, selector, st.run_method,
+                              args.scores);
+    } else if (selector == kPearsonChiSquare && args.case_rows == 1) {
+      code = fail::kOutsideModel;  // the one-way goodness-of-fit test isn't available yet
+    } else {
+      code = fail::kOneRowOrColumn;
+    }
+  }
+  EndDriver(code);
+}
+
+}  // namespace anvl::net

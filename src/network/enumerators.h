@@ -1,0 +1,102 @@
+// The two generators that the network passes share: the nodes of a stage,
+// and the successors of a node.  Both walk cumulative vectors
+// c_j = x_0 + ... + x_j lexicographically, last level fastest, between
+// bounds that admit only vectors that can still be completed.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+namespace anvl::net {
+
+// Digits of a node key at most: the shorter dimension of a table.
+inline constexpr int kMaxDigits = 128;
+
+// Lists every node of a stage with total T into `matrix` (K - 1 digits a
+// node, one node after another).  The K margins are A; the rest R = N - T
+// bounds the lower ends.  Returns the count, or -1 when it would pass
+// `limit`.
+int64_t StageEnumerator(int K, const int64_t* A, int64_t T, int64_t N, int64_t limit,
+                        std::vector<int64_t>& matrix);
+
+// Successors of a node m of stage s at stage s + 1: the lines d with
+// 0 <= d_j <= A_j - m_j summing to the line total, such that the lines
+// after it (summing to `rest`) can still be filled.  Writes m'[0..K-2];
+// the caller sets m'[K-1].  Start() gives the first successor; Next()
+// the following ones, false after the last.
+class SuccessorEnumerator {
+ public:
+  void Reserve(int K) {
+    c_.assign(K, 0);
+    upper_.assign(K, 0);
+    cap_.assign(K, 0);
+    capsum_.assign(K, 0);
+  }
+
+  // m[0..K-1] is the node (m[K-1] its true last component).
+  bool Start(int K, const int64_t* A, const int64_t* m, int64_t line_total, int64_t rest,
+             int64_t* next) {
+    K_ = K;
+    line_ = line_total;
+    rest_ = rest;
+    m_ = m;
+    int64_t s = 0;
+    for (int j = 0; j < K; ++j) {
+      cap_[j] = A[j] - m[j];
+      s += cap_[j];
+      capsum_[j] = s;
+    }
+    Fill(0);
+    Emit(next);
+    return true;
+  }
+
+  bool Next(int64_t* next) {
+    int level = K_ - 2;
+    if (level < 0) return false;
+    ++c_[level];
+    while (c_[level] > upper_[level]) {
+      if (level == 0) return false;
+      --level;
+      ++c_[level];
+    }
+    Fill(level + 1);
+    Emit(next);
+    return true;
+  }
+
+  // The line of the current successor: d_j, with d[K-1] by subtraction.
+  void Line(int64_t* d) const {
+    int64_t prev = 0;
+    for (int j = 0; j < K_ - 1; ++j) {
+      d[j] = c_[j] - prev;
+      prev = c_[j];
+    }
+    d[K_ - 1] = line_ - prev;
+  }
+
+ private:
+  // Sets levels from..K-2 at their lower bounds.
+  void Fill(int from) {
+    for (int j = from; j < K_ - 1; ++j) {
+      const int64_t prev = j == 0 ? 0 : c_[j - 1];
+      c_[j] = std::max(prev, capsum_[j] - rest_);
+      upper_[j] = std::min(prev + cap_[j], line_);
+    }
+  }
+  void Emit(int64_t* next) const {
+    int64_t prev = 0;
+    for (int j = 0; j < K_ - 1; ++j) {
+      next[j] = m_[j] + c_[j] - prev;
+      prev = c_[j];
+    }
+  }
+
+  int K_ = 0;
+  int64_t line_ = 0, rest_ = 0;
+  const int64_t* m_ = nullptr;
+  std::vector<int64_t> c_, upper_, cap_, capsum_;
+};
+
+}  // namespace anvl::net

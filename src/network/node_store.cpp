@@ -1,0 +1,324 @@
+#include "network/node_store.h"
+
+#include <cmath>
+#include <new>
+
+#include "kernel/log_sum.h"
+
+namespace anvl::net {
+namespace {
+
+// A key word stays below this times the radix of its last digit.
+constexpr double kWordLimit = 2147483647.0;
+// exp() of the estimate's exponent underflows below and overflows above.
+constexpr double kExpUnderflow = -708.39;
+constexpr double kExpOverflow = 709.78;
+// The summed estimate of the plain network may not pass 2^30 - 1/2.
+constexpr double kTotalLimit = 1073741823.5;
+constexpr int64_t kPlainMinimumLimit = 20000;
+constexpr int64_t kCanonicalMinimumLimit = 2000;
+constexpr double kCanonicalWordLimit = 2147483647.0;
+constexpr double kTwoPi = 6.283185307179586;
+// The pool holds one entry per 40 bytes of budget, less a reserve.
+constexpr int64_t kBytesPerEntry = 40;
+constexpr int64_t kEntryReserve = 4000;
+
+// Sums of the normal approximation to the number of nodes per stage.
+struct EstimateBase {
+  double mean, var, c;
+};
+EstimateBase Base(const std::vector<int64_t>& A) {
+  double s1 = 0.0, s2 = 0.0, s3 = 0.0;
+  for (int64_t a : A) {
+    s1 += static_cast<double>(a);
+    s2 += static_cast<double>(a) * static_cast<double>(a + 2);
+    s3 += std::log(static_cast<double>(a + 1));
+  }
+  const double var = s2 / 12.0;
+  return {s1 / 2.0, var, s3 - (std::log(var) + std::log(kTwoPi)) / 2.0};
+}
+
+}  // namespace
+
+void KeyCodec::Build(int k, const std::vector<int64_t>& radices) {
+  K = k;
+  radix = radices;
+  word_end.clear();
+  const int digits = K - 1;
+  if (digits >= 1) {
+    double p = static_cast<double>(radix[0]);
+    for (int i = 1; i < digits; ++i) {
+      if (static_cast<double>(radix[i]) * p > kWordLimit) {
+        word_end.push_back(i);
+        p = static_cast<double>(radix[i]);
+      } else {
+        p *= static_cast<double>(radix[i]);
+      }
+    }
+  }
+  last_word_empty = !word_end.empty() && word_end.back() == digits - 1;
+  word_end.push_back(digits - 1);
+  n_words = static_cast<int>(word_end.size());
+}
+
+void KeyCodec::Pack(const int64_t* m, int64_t T, int64_t* key) const {
+  int first = 0;
+  for (int w = 0; w < n_words; ++w) {
+    const int last = word_end[w];
+    if (w == n_words - 1 && last_word_empty) {
+      key[w] = T;
+      break;
+    }
+    int64_t v = m[first];
+    for (int i = first + 1; i <= last; ++i) v = v * radix[i] + m[i];
+    key[w] = v;
+    first = last + 1;
+  }
+}
+
+void KeyCodec::Unpack(const int64_t* key, int64_t* m) const {
+  int first = 0;
+  for (int w = 0; w < n_words; ++w) {
+    const int last = word_end[w];
+    if (w == n_words - 1 && last_word_empty) break;
+    int64_t v = key[w];
+    for (int i = last; i >= first; --i) {
+      m[i] = v % radix[i];
+      v /= radix[i];
+    }
+    first = last + 1;
+  }
+}
+
+int64_t HashKey(int stage, const int64_t* key, int n_words, int64_t prime) {
+  const double y = static_cast<double>(prime);
+  const double w = std::fmod(2147483648.0, y);
+  double x = static_cast<double>(stage);
+  for (int i = 0; i < n_words; ++i)
+    x = std::fmod(std::fmod(static_cast<double>(key[i]), y) + std::fmod(x * w, y), y);
+  return x < 1.0 ? prime : static_cast<int64_t>(x);
+}
+
+int64_t LargestPrimeBelow(int64_t n) {
+  if (n % 2 == 0) n -= 1;
+  const int64_t r = static_cast<int64_t>(std::sqrt(static_cast<float>(n)));
+  for (; n >= 3; n -= 2) {
+    bool prime = true;
+    for (int64_t d = 3; d <= r; d += 2)
+      if (n % d == 0) {
+        prime = false;
+        break;
+      }
+    if (prime) return n;
+  }
+  return 3;
+}
+
+int EstimateStageNodes(const std::vector<int64_t>& A, const std::vector<int64_t>& B,
+                       int64_t* stage_node_limit) {
+  const EstimateBase e0 = Base(A);
+  double T = 0.0, total = 0.0, peak = 0.0;
+  for (int64_t b : B) {
+    T += static_cast<double>(b);
+    const double d = T - e0.mean;
+    const double e = e0.c - d * d / e0.var / 2.0;
+    double term = 0.0;
+    if (e < kExpUnderflow) {
+      term = 0.0;
+    } else if (e > kExpOverflow) {
+      return -1;
+    } else {
+      term = std::exp(e);
+    }
+    total += term;
+    if (total > kTotalLimit) return -1;
+    if (term > peak) peak = term;
+  }
+  *stage_node_limit = std::max<int64_t>(static_cast<int64_t>(peak), kPlainMinimumLimit);
+  return 0;
+}
+
+int EstimateCanonicalStageNodes(const std::vector<int64_t>& A, const std::vector<int64_t>& B,
+                                int64_t* stage_node_limit) {
+  const EstimateBase e0 = Base(A);
+  double T = 0.0, total = 0.0, peak = 0.0;
+  for (int64_t b : B) {
+    T += static_cast<double>(b);
+    const double d = T - e0.mean;
+    const double e = e0.c - d * d / e0.var / 2.0;
+    if (e > kExpOverflow) return -1;
+    const double term = std::trunc(std::exp(e));
+    total += term;
+    if (term > peak) peak = term;
+  }
+  auto doubled = [](double x) { return 2.0 * x > kCanonicalWordLimit ? x : 2.0 * x; };
+  const double v = doubled(peak);
+  if (v < 1.0 || v >= 2147483648.0) return -1;
+  const double t = doubled(total);
+  if (t < 1.0 || t > kCanonicalWordLimit) return -1;
+  *stage_node_limit = v < 2001.0 ? kCanonicalMinimumLimit : static_cast<int64_t>(v);
+  return 0;
+}
+
+int NodeStore::Create(int64_t z, int n_words, int64_t prime) {
+  z_ = z;
+  n_words_ = n_words;
+  prime_ = prime;
+  try {
+    stage_.assign(static_cast<size_t>(z + 1), kFreeSlot);
+    used_.assign(static_cast<size_t>(z + 1), 0);
+    keys_.assign(static_cast<size_t>((z + 1) * n_words), 0);
+    first_.assign(static_cast<size_t>(z + 1), 0.0);
+    second_.assign(static_cast<size_t>(z + 1), 0.0);
+    root_.assign(static_cast<size_t>(z + 1), 0);
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+  return 0;
+}
+
+bool NodeStore::SameKey(int64_t slot, const int64_t* key) const {
+  const int64_t* k = &keys_[slot * n_words_];
+  for (int i = 0; i < n_words_; ++i)
+    if (k[i] != key[i]) return false;
+  return true;
+}
+
+int64_t NodeStore::Find(int stage, const int64_t* key) const {
+  const int64_t h = HashKey(stage, key, n_words_, prime_);
+  const int8_t s = static_cast<int8_t>(stage);
+  // From the hash position up to Z, then from 1 up to the position before.
+  for (int64_t i = h; i <= z_; ++i) {
+    if (!used_[i]) return 0;
+    if (stage_[i] == s && SameKey(i, key)) return i;
+  }
+  for (int64_t i = 1; i < h; ++i) {
+    if (!used_[i]) return 0;
+    if (stage_[i] == s && SameKey(i, key)) return i;
+  }
+  return 0;
+}
+
+int64_t NodeStore::Insert(int stage, const int64_t* key, double first, double second,
+                          bool check_duplicate) {
+  const int64_t h = HashKey(stage, key, n_words_, prime_);
+  const int8_t s = static_cast<int8_t>(stage);
+  auto take = [&](int64_t i) {
+    stage_[i] = s;
+    used_[i] = 1;
+    for (int w = 0; w < n_words_; ++w) keys_[i * n_words_ + w] = key[w];
+    first_[i] = first;
+    second_[i] = second;
+    root_[i] = 0;
+    return i;
+  };
+  for (int pass = 0; pass < 2; ++pass) {
+    const int64_t from = pass == 0 ? h : 1, to = pass == 0 ? z_ : h - 1;
+    for (int64_t i = from; i <= to; ++i) {
+      if (stage_[i] == kFreeSlot) return take(i);
+      if (check_duplicate && stage_[i] == s && SameKey(i, key)) return i;
+    }
+  }
+  return 0;
+}
+
+int64_t NodeStore::NextSlotOfStage(int64_t cursor, int stage) const {
+  const int8_t s = static_cast<int8_t>(stage);
+  for (int64_t i = cursor + 1; i <= z_; ++i)
+    if (stage_[i] == s) return i;
+  return 0;
+}
+
+void NodeStore::Place(int64_t slot, int stage, const int64_t* key, double first, double second) {
+  stage_[slot] = static_cast<int8_t>(stage);
+  used_[slot] = 1;
+  for (int w = 0; w < n_words_; ++w) keys_[slot * n_words_ + w] = key[w];
+  first_[slot] = first;
+  second_[slot] = second;
+  root_[slot] = 0;
+}
+
+int64_t PastPool::EntryLimit(int64_t budget_bytes) {
+  return budget_bytes / kBytesPerEntry - kEntryReserve;
+}
+
+int PastPool::Create(int64_t limit) {
+  try {
+    const size_t n = static_cast<size_t>(limit + 1);
+    stat.assign(n, -1.0);
+    logp.assign(n, 0.0);
+    sum_left.assign(n, 0.0);
+    sum_right.assign(n, 0.0);
+    left.assign(n, 0);
+    right.assign(n, 0);
+    stack.assign(n + 1, 0);
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+  for (int64_t i = 1; i < limit; ++i) left[i] = -(i + 1);
+  left[limit] = 0;
+  head_ = 1;
+  return 0;
+}
+
+int64_t PastPool::NewEntry(double s, double lp) {
+  if (head_ == 0) return 0;
+  const int64_t e = head_;
+  head_ = -left[e];
+  stat[e] = s;
+  logp[e] = sum_left[e] = sum_right[e] = lp;
+  left[e] = right[e] = 0;
+  return e;
+}
+
+int PastPool::AddToTree(int64_t& root, double s, double lp, double merge_tolerance) {
+  if (root == 0) {
+    root = NewEntry(s, lp);
+    return root == 0 ? -1 : 1;
+  }
+  int64_t e = root;
+  for (;;) {
+    if (std::fabs(stat[e] - s) <= merge_tolerance) {
+      logp[e] = LogSum(logp[e], lp);
+      sum_left[e] = LogSum(sum_left[e], lp);
+      sum_right[e] = LogSum(sum_right[e], lp);
+      return 0;
+    }
+    if (stat[e] > s) {
+      sum_left[e] = LogSum(sum_left[e], lp);
+      if (left[e] != 0) {
+        e = left[e];
+        continue;
+      }
+      const int64_t n = NewEntry(s, lp);
+      if (n == 0) return -1;
+      left[e] = n;
+      return 1;
+    }
+    sum_right[e] = LogSum(sum_right[e], lp);
+    if (right[e] != 0) {
+      e = right[e];
+      continue;
+    }
+    const int64_t n = NewEntry(s, lp);
+    if (n == 0) return -1;
+    right[e] = n;
+    return 1;
+  }
+}
+
+void PastPool::FreeTree(int64_t& root) {
+  if (root == 0) return;
+  int64_t top = 0;
+  stack[top++] = root;
+  root = 0;
+  while (top > 0) {
+    const int64_t e = stack[--top];
+    if (left[e] != 0) stack[top++] = left[e];
+    if (right[e] != 0) stack[top++] = right[e];
+    left[e] = -head_;
+    head_ = e;
+  }
+}
+
+}  // namespace anvl::net

@@ -1,0 +1,362 @@
+// The two passes over the staged network of a two-way table, written once
+// and generic over the statistic (a member policy, fixed at compile time).
+//
+// BackwardInduction walks the network from the root down and writes every
+// node with the least and greatest statistic still to come on its way to
+// the root (its ShortestPath and LongestPath) to the spill file.  The
+// ForwardPass then reads the nodes stage by stage and carries, per node, a
+// tree of the distinct past values of the statistic with their summed
+// weights; a past value whose every completion is decided against the
+// observed value adds the exact mass of all its completions to a tail at
+// once and is dropped.
+#pragma once
+
+#include <cmath>
+#include <concepts>
+#include <cstdint>
+#include <new>
+#include <vector>
+
+#include "frame/progress.h"
+#include "frame/spill.h"
+#include "kernel/log_factorial.h"
+#include "network/enumerators.h"
+#include "network/node_store.h"
+
+namespace anvl::net {
+
+// The shape of the network of one table, shared by both passes.
+struct Network {
+  int K = 0, S = 0;               // key and stage dimension
+  std::vector<int64_t> A, B;      // KeyMargins and StageMargins, ascending
+  std::vector<int64_t> T;         // T[s] = B[0] + ... + B[s-1], s = 0..S
+  std::vector<int64_t> rest;      // rest[s] = B[s+1] + ... + B[S-1]
+  int64_t N = 0;
+  KeyCodec codec;
+  int64_t stage_node_limit = 0, Z = 0, prime = 0;
+  const double* lf = nullptr;     // log factorial table of the run
+  std::vector<int64_t> stage_end; // records written up to stage s + 1
+  double L0 = 0.0;                // log N! - sum log A_j!
+
+  // Fills T, rest, N and L0 from A and B, and the key codec from the
+  // radices of the plain form (min(A_i, N - B_S) + 1) or the canonical
+  // form (A_i + 1).
+  void SetMargins(std::vector<int64_t> key_margins, std::vector<int64_t> stage_margins,
+                  const double* table, bool canonical);
+  // Sizes the node store from a stage node limit: Z = 2 x limit slots and
+  // the largest prime below Z as the hash modulus.
+  void SetCapacity(int64_t limit);
+  // log of the summed weight of all paths from node m of a stage with
+  // total Ts up to the root: log (N - Ts)! - sum log (A_j - m_j)!.
+  double LogRemainingWeight(int64_t Ts, const int64_t* m) const {
+    double r = LogFactorial(N - Ts, lf);
+    for (int j = 0; j < K; ++j) r -= LogFactorial(A[j] - m[j], lf);
+    return r;
+  }
+  // log of the multinomial coefficient of line `line` with cells d.
+  double EdgeLogWeight(int line, const int64_t* d) const {
+    double w = LogFactorial(B[line], lf);
+    for (int j = 0; j < K; ++j) w -= LogFactorial(d[j], lf);
+    return w;
+  }
+};
+
+// What a statistic supplies to the passes.
+template <class M>
+concept NetworkMember = requires(const M& m, int line, const int64_t* d, double w, double x) {
+  { M::kCanonical } -> std::convertible_to<bool>;      // nodes named by sorted complements
+  { M::kPValueBelow } -> std::convertible_to<bool>;    // the p-value side is below the lower cut
+  { M::kInnerStopTests } -> std::convertible_to<bool>; // stop tests inside the stage and the walk
+  { M::kStopOnNoNewEntry } -> std::convertible_to<bool>;
+  { M::kStageMessages } -> std::convertible_to<bool>;  // " Generating the distribution ..."
+  { M::kMergeTolerance } -> std::convertible_to<double>;
+  { M::kStopMargin } -> std::convertible_to<double>;
+  { m.EdgeStatistic(line, d, w) } -> std::same_as<double>;
+  { m.Tolerance(x) } -> std::same_as<double>;
+  { m.StartValue(x) } -> std::same_as<double>;
+};
+
+// Tails of the forward pass.
+struct PassResult {
+  double tail_high = 0.0, tail_low = 0.0, point = 0.0;
+  bool stopped_early = false;
+};
+
+// Key of node m (m[K-1] its true last component) of a stage with total Ts.
+// The canonical form sorts the complements A_j - m_j and keeps the K - 1
+// smallest.
+template <class M>
+inline void NodeKey(const Network& net, const int64_t* m, int64_t Ts, int64_t* scratch,
+                    int64_t* key) {
+  if constexpr (M::kCanonical) {
+    const int K = net.K;
+    for (int j = 0; j < K; ++j) scratch[j] = net.A[j] - m[j];
+    for (int i = 0; i < K - 1; ++i)  // exchange sort: only the sorted values matter
+      for (int j = i + 1; j < K; ++j)
+        if (scratch[j] < scratch[i]) std::swap(scratch[i], scratch[j]);
+    net.codec.Pack(scratch, Ts, key);
+  } else {
+    net.codec.Pack(m, Ts, key);
+  }
+}
+
+// The node a key stands for, at a stage with total Ts.
+template <class M>
+inline void NodeOfKey(const Network& net, const int64_t* key, int64_t Ts, int64_t* m) {
+  const int K = net.K;
+  net.codec.Unpack(key, m);
+  if constexpr (M::kCanonical)
+    for (int j = 0; j < K - 1; ++j) m[j] = net.A[j] - m[j];
+  int64_t sum = 0;
+  for (int j = 0; j < K - 1; ++j) sum += m[j];
+  m[K - 1] = Ts - sum;
+}
+
+inline void CompleteLast(int K, int64_t Ts, int64_t* m) {
+  int64_t sum = 0;
+  for (int j = 0; j < K - 1; ++j) sum += m[j];
+  m[K - 1] = Ts - sum;
+}
+
+inline double ClampUnit(double x) { return x < 0.0 ? 0.0 : (x > 1.0 ? 1.0 : x); }
+
+// Writes every node of the network, stages S down to 1, with its exact
+// ShortestPath and LongestPath, and fills net.stage_end.  Returns 0, -1
+// (a stage over its limit, no free slot, a successor not found, more than
+// 127 stages, no memory) or the spill file's code.
+template <NetworkMember M>
+int BackwardInduction(Network& net, const M& member) {
+  const int K = net.K, S = net.S;
+  if (S > kMaxStages) return -1;
+  NodeStore store;
+  if (store.Create(net.Z, net.codec.n_words, net.prime) != 0) return -1;
+  std::vector<int64_t> matrix, m(K), mn(K), d(K), scratch(K), key(net.codec.n_words);
+  SuccessorEnumerator succ;
+  try {
+    matrix.assign(static_cast<size_t>((K - 1) * net.stage_node_limit), 0);
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+  succ.Reserve(K);
+  net.stage_end.assign(S, 0);
+
+  // The root: the vector A at stage S (every complement 0).
+  NodeKey<M>(net, net.A.data(), net.N, scratch.data(), key.data());
+  if (store.Insert(S, key.data(), 0.0, 0.0, false) == 0) return -1;
+  int64_t created = 1, records = 0;
+
+  for (int t = S - 1; t >= 0; --t) {
+    if (Tick() || M::kCanonical) SendBackwardLine(t);
+    if (t > 0) {
+      const int64_t Tt = net.T[t], Tnext = net.T[t + 1];
+      const int64_t count = StageEnumerator(K, net.A.data(), Tt, net.N, net.stage_node_limit, matrix);
+      if (count < 0) return -1;
+      for (int64_t i = 0; i < count; ++i) {
+        for (int j = 0; j < K - 1; ++j) m[j] = matrix[static_cast<size_t>(i * (K - 1) + j)];
+        CompleteLast(K, Tt, m.data());
+        if constexpr (M::kCanonical) {
+          NodeKey<M>(net, m.data(), Tt, scratch.data(), key.data());
+          if (store.Find(t, key.data()) != 0) continue;  // an equivalent node is done
+        }
+        double shortest = 0.0, longest = 0.0;
+        bool first = true;
+        succ.Start(K, net.A.data(), m.data(), net.B[t], net.rest[t], mn.data());
+        do {
+          if (!first && Tick()) SendBackwardNodesLine(t + 1, net.Z - created);
+          CompleteLast(K, Tnext, mn.data());
+          NodeKey<M>(net, mn.data(), Tnext, scratch.data(), key.data());
+          const int64_t slot = store.Find(t + 1, key.data());
+          if (slot == 0) return -1;
+          succ.Line(d.data());
+          const double inc = member.EdgeStatistic(t, d.data(), net.EdgeLogWeight(t, d.data()));
+          const double s = store.first(slot) + inc, l = store.second(slot) + inc;
+          if (first || s < shortest) shortest = s;
+          if (first || l > longest) longest = l;
+          first = false;
+        } while (succ.Next(mn.data()));
+        NodeKey<M>(net, m.data(), Tt, scratch.data(), key.data());
+        if (store.Insert(t, key.data(), shortest, longest, M::kCanonical) == 0) return -1;
+        ++created;
+      }
+    }
+    // Stage t + 1 is no longer needed: write it out and free its slots.
+    for (int64_t slot = 1; slot <= store.Z(); ++slot) {
+      if (store.stage(slot) != t + 1) continue;
+      ++records;
+      const int err = M::kCanonical
+                          ? WriteWordsPair(store.key(slot), net.codec.n_words, store.first(slot),
+                                           store.second(slot), records)
+                          : WriteStageWordsPair(static_cast<int8_t>(t + 1), store.key(slot),
+                                                net.codec.n_words, store.first(slot),
+                                                store.second(slot), records);
+      if (err != 0) return err;
+      store.Free(slot);
+    }
+    net.stage_end[t] = records;
+  }
+  return 0;
+}
+
+namespace detail {
+
+// All entries of the current node's tree against one edge.
+template <NetworkMember M>
+int PastPathUpdate(PastPool& pool, int64_t root, int64_t& succ_root, double inc, double w,
+                   double R, double upper, double lower, PassResult& r, int64_t& new_entries) {
+  if (root == 0) return 0;
+  int64_t top = 0;
+  pool.stack[top++] = root;
+  while (top > 0) {
+    if constexpr (M::kInnerStopTests)
+      if (1.0 - r.tail_high - r.tail_low < M::kStopMargin) break;
+    const int64_t p = pool.stack[--top];
+    const double stat = pool.stat[p] + inc;
+    const double logp = pool.logp[p] + w;
+    bool decided_high, decided_low;
+    if constexpr (M::kPValueBelow) {
+      decided_high = stat < lower;   // less probable on every way: counts to the p-value
+      decided_low = !decided_high && stat > upper;
+    } else {
+      decided_high = stat > upper;
+      decided_low = !decided_high && stat < lower;
+    }
+    if (decided_high) {
+      if constexpr (M::kPValueBelow) {
+        r.tail_high += std::exp(R + pool.sum_left[p] + w);
+        if (pool.right[p] != 0) pool.stack[top++] = pool.right[p];
+      } else {
+        r.tail_high += std::exp(R + pool.sum_right[p] + w);
+        if (pool.left[p] != 0) pool.stack[top++] = pool.left[p];
+      }
+    } else if (decided_low) {
+      if constexpr (M::kPValueBelow) {
+        r.tail_low += std::exp(pool.sum_right[p] + w + R) - std::exp(logp + R);
+        if (pool.left[p] != 0) pool.stack[top++] = pool.left[p];
+      } else {
+        r.tail_low += std::exp(pool.sum_left[p] + w + R) - std::exp(logp + R);
+        if (pool.right[p] != 0) pool.stack[top++] = pool.right[p];
+      }
+    } else {
+      const int added = pool.AddToTree(succ_root, stat, logp, M::kMergeTolerance);
+      if (added < 0) return -1;
+      new_entries += added;
+      if (pool.right[p] != 0) pool.stack[top++] = pool.right[p];
+      if (pool.left[p] != 0) pool.stack[top++] = pool.left[p];
+    }
+    if (Tick()) SendExactEstimateLine(ClampUnit(r.tail_high), ClampUnit(1.0 - r.tail_low));
+  }
+  return 0;
+}
+
+}  // namespace detail
+
+// The forward pass: tails of the statistic against `obs` from stage 0 to
+// the root.  Returns 0, -1 (a node not found, a full store or pool) or
+// the spill file's code; on a failure the tails are worthless.
+template <NetworkMember M>
+int ForwardPass(const Network& net, const M& member, double obs, PassResult& result) {
+  const int K = net.K, S = net.S;
+  result = PassResult{};
+  NodeStore store;
+  PastPool pool;
+  if (store.Create(net.Z, net.codec.n_words, net.prime) != 0) return -1;
+  const int64_t limit = PastPool::EntryLimit(MemoryBudget());
+  if (limit < 1 || pool.Create(limit) != 0) return -1;
+  std::vector<int64_t> m(K), mn(K), d(K), scratch(K), key(net.codec.n_words);
+  SuccessorEnumerator succ;
+  succ.Reserve(K);
+  const double tol = member.Tolerance(obs);
+
+  // Stage 0 by hand in slot 1: the zero node (every complement A_j).
+  std::vector<int64_t> zero(K, 0);
+  NodeKey<M>(net, zero.data(), 0, scratch.data(), key.data());
+  store.Place(1, 0, key.data(), obs + tol, obs - tol);
+  if (pool.AddToTree(store.tree_root(1), member.StartValue(net.L0), -net.L0,
+                     M::kMergeTolerance) < 0)
+    return -1;
+
+  for (int s = 0;;) {
+    // Load stage s + 1 from the spill file, with its cuts.
+    const int64_t from = (s + 1 == S) ? 1 : net.stage_end[s + 1] + 1, to = net.stage_end[s];
+    for (int64_t rec = from; rec <= to; ++rec) {
+      double shortest, longest;
+      int err;
+      if constexpr (M::kCanonical) {
+        err = ReadWordsPair(key.data(), net.codec.n_words, &shortest, &longest, rec);
+      } else {
+        int8_t stage_byte;
+        err = ReadStageWordsPair(&stage_byte, key.data(), net.codec.n_words, &shortest, &longest,
+                                 rec);
+      }
+      if (err != 0) return err;
+      if (store.Insert(s + 1, key.data(), obs + tol - shortest, obs - tol - longest, false) == 0)
+        return -1;
+    }
+    if (Tick() && M::kStageMessages) SendStageLine(s);
+
+    // The stage processor: expand every node of stage s.
+    int64_t new_entries = 0;
+    const int64_t Ts = net.T[s], Tnext = net.T[s + 1];
+    const int64_t nodes = s == 0 ? 1 : net.stage_end[s - 1] - net.stage_end[s];
+    int64_t slot = store.NextSlotOfStage(0, s);
+    if (slot == 0) return -1;
+    bool settled = false;
+    for (int64_t i = 0; i < nodes && !settled; ++i) {
+      if (i > 0) {
+        slot = store.NextSlotOfStage(slot, s);
+        if (slot == 0) return -1;
+      }
+      int64_t& root = store.tree_root(slot);
+      if (root != 0) {
+        NodeOfKey<M>(net, store.key(slot), Ts, m.data());
+        succ.Start(K, net.A.data(), m.data(), net.B[s], net.rest[s], mn.data());
+        do {
+          CompleteLast(K, Tnext, mn.data());
+          succ.Line(d.data());
+          const double w = net.EdgeLogWeight(s, d.data());
+          const double inc = member.EdgeStatistic(s, d.data(), w);
+          const double R = net.LogRemainingWeight(Tnext, mn.data());
+          NodeKey<M>(net, mn.data(), Tnext, scratch.data(), key.data());
+          const int64_t next = store.Find(s + 1, key.data());
+          if (next == 0) return -1;
+          if (detail::PastPathUpdate<M>(pool, root, store.tree_root(next), inc, w, R,
+                                        store.first(next), store.second(next), result,
+                                        new_entries) != 0)
+            return -1;
+          if constexpr (M::kInnerStopTests) {
+            if (1.0 - result.tail_high - result.tail_low <= M::kStopMargin) {
+              settled = true;
+              break;
+            }
+          }
+        } while (succ.Next(mn.data()));
+      }
+      if (settled) break;
+      store.Free(slot);
+      pool.FreeTree(root);
+    }
+    if ((M::kStopOnNoNewEntry && new_entries == 0) ||
+        1.0 - result.tail_low - result.tail_high <= M::kStopMargin) {
+      result.stopped_early = true;
+      return 0;
+    }
+    ++s;
+    if (s >= S) break;
+  }
+
+  // Collect at the root: the entries left lie within obs +- tol.
+  for (int64_t slot = store.NextSlotOfStage(0, S); slot != 0;
+       slot = store.NextSlotOfStage(slot, S)) {
+    int64_t top = 0;
+    if (store.tree_root(slot) != 0) pool.stack[top++] = store.tree_root(slot);
+    while (top > 0) {
+      const int64_t e = pool.stack[--top];
+      result.point += std::exp(pool.logp[e]);
+      if (pool.left[e] != 0) pool.stack[top++] = pool.left[e];
+      if (pool.right[e] != 0) pool.stack[top++] = pool.right[e];
+    }
+  }
+  return 0;
+}
+
+}  // namespace anvl::net
