@@ -243,28 +243,36 @@ int64_t PastPool::EntryLimit(int64_t budget_bytes) {
 }
 
 int PastPool::Create(int64_t limit) {
+  const size_t n = static_cast<size_t>(limit + 1);
   try {
-    const size_t n = static_cast<size_t>(limit + 1);
-    stat.assign(n, -1.0);
-    logp.assign(n, 0.0);
-    sum_left.assign(n, 0.0);
-    sum_right.assign(n, 0.0);
-    left.assign(n, 0);
-    right.assign(n, 0);
-    stack.assign(n + 1, 0);
+    reals_.reset(new double[4 * n]);
+    ints_.reset(new int64_t[3 * n + 1]);
   } catch (const std::bad_alloc&) {
     return -1;
   }
-  for (int64_t i = 1; i < limit; ++i) left[i] = -(i + 1);
-  left[limit] = 0;
-  head_ = 1;
+  stat = reals_.get();
+  logp = stat + n;
+  sum_left = logp + n;
+  sum_right = sum_left + n;
+  left = ints_.get();
+  right = left + n;
+  stack = right + n;
+  limit_ = limit;
+  head_ = 0;
+  fresh_ = 1;
   return 0;
 }
 
 int64_t PastPool::NewEntry(double s, double lp) {
-  if (head_ == 0) return 0;
-  const int64_t e = head_;
-  head_ = -left[e];
+  int64_t e;
+  if (head_ != 0) {
+    e = head_;
+    head_ = -left[e];
+  } else if (fresh_ <= limit_) {
+    e = fresh_++;
+  } else {
+    return 0;
+  }
   stat[e] = s;
   logp[e] = sum_left[e] = sum_right[e] = lp;
   left[e] = right[e] = 0;
@@ -316,7 +324,7 @@ void PastPool::FreeTree(int64_t& root) {
     const int64_t e = stack[--top];
     if (left[e] != 0) stack[top++] = left[e];
     if (right[e] != 0) stack[top++] = right[e];
-    left[e] = -head_;
+    left[e] = -head_;  // the free list links through LeftChild, negated
     head_ = e;
   }
 }

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace anvl::net {
@@ -115,14 +116,22 @@ class PastPool {
   // Returns every entry of the tree to the free list; root becomes 0.
   void FreeTree(int64_t& root);
 
-  std::vector<double> stat, logp, sum_left, sum_right;
-  std::vector<int64_t> left, right;
+  // Entry arrays, indexed 1..limit.  Untouched entries are left
+  // uninitialised: they join the free list in ascending order as they are
+  // first needed, after any entry given back, which is the order a fully
+  // linked list would give them in.
+  double *stat = nullptr, *logp = nullptr, *sum_left = nullptr, *sum_right = nullptr;
+  int64_t *left = nullptr, *right = nullptr;
   // Work stack of the tree walks; sized to the pool so that it can't overrun.
-  std::vector<int64_t> stack;
+  int64_t* stack = nullptr;
 
  private:
   int64_t NewEntry(double s, double lp);
-  int64_t head_ = 0;
+  std::unique_ptr<double[]> reals_;
+  std::unique_ptr<int64_t[]> ints_;
+  int64_t head_ = 0;       // last entry given back, 0 for none
+  int64_t fresh_ = 1;      // first entry never used
+  int64_t limit_ = 0;
 };
 
 }  // namespace anvl::net

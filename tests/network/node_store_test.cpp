@@ -1,0 +1,166 @@
+// Keys, hashing, the node store and the past-value pool.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "network/node_store.h"
+
+namespace anvl::net {
+namespace {
+
+TEST(KeyCodec, PacksAndHashesTheWorkedNode) {
+  // A = (4, 5, 5), B = (3, 4, 7), N = 14: radices min(A_i, N - B_S) + 1.
+  KeyCodec c;
+  c.Build(3, {5, 6});
+  ASSERT_EQ(c.n_words, 1);
+  EXPECT_EQ(c.word_end, std::vector<int>{1});
+  const int64_t m[3] = {1, 2, 4};
+  int64_t key[1];
+  c.Pack(m, 7, key);
+  EXPECT_EQ(key[0], 8);  // 1 x 6 + 2
+  EXPECT_EQ(LargestPrimeBelow(40000), 39989);
+  EXPECT_EQ(std::fmod(2147483648.0, 39989.0), 34359.0);
+  EXPECT_EQ(HashKey(2, key, 1, 39989), 28737);
+  int64_t back[3] = {};
+  c.Unpack(key, back);
+  EXPECT_EQ(back[0], 1);
+  EXPECT_EQ(back[1], 2);
+}
+
+TEST(KeyCodec, TwoColumnsHaveOneWordOfOneDigit) {
+  KeyCodec c;
+  c.Build(2, {17});
+  EXPECT_EQ(c.n_words, 1);
+  EXPECT_EQ(c.word_end, std::vector<int>{0});
+  EXPECT_FALSE(c.last_word_empty);
+}
+
+TEST(KeyCodec, WordsCloseWhereTheRunningProductPasses2147483647) {
+  // Radix 1000: 1000^3 = 1e9 fits, 1000^4 doesn't, so the first word closes
+  // at digit 3 (0-based), which still belongs to it; the running product
+  // restarts from that digit's radix, so the next word closes at digit 6.
+  KeyCodec c;
+  c.Build(9, std::vector<int64_t>(8, 1000));
+  EXPECT_EQ(c.word_end, (std::vector<int>{3, 6, 7}));
+  EXPECT_FALSE(c.last_word_empty);
+  // A close at the last digit appends a word that covers no digit: it
+  // holds the stage total instead.
+  KeyCodec e;
+  e.Build(5, std::vector<int64_t>(4, 1000));
+  EXPECT_EQ(e.word_end, (std::vector<int>{3, 3}));
+  EXPECT_TRUE(e.last_word_empty);
+  const int64_t m[5] = {999, 0, 5, 998, 12};
+  int64_t key[2];
+  e.Pack(m, 4321, key);
+  EXPECT_EQ(key[1], 4321);
+  int64_t back[5] = {};
+  e.Unpack(key, back);
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(back[i], m[i]);
+
+  std::mt19937_64 rng(7);
+  for (int trial = 0; trial < 200; ++trial) {
+    const int K = 2 + static_cast<int>(rng() % 40);
+    std::vector<int64_t> radix(K - 1);
+    for (auto& r : radix) r = 2 + static_cast<int64_t>(rng() % 5000);
+    KeyCodec k;
+    k.Build(K, radix);
+    std::vector<int64_t> v(K), w(K, -1), packed(k.n_words);
+    for (int i = 0; i < K - 1; ++i) v[i] = static_cast<int64_t>(rng() % radix[i]);
+    k.Pack(v.data(), 99, packed.data());
+    for (int64_t word : packed) EXPECT_GE(word, 0);
+    k.Unpack(packed.data(), w.data());
+    for (int i = 0; i < K - 1; ++i) ASSERT_EQ(w[i], v[i]) << "K=" << K << " digit " << i;
+  }
+}
+
+TEST(HashKey, ZeroMapsToThePrimeAndEveryValueIsInRange) {
+  const int64_t zero = 0;
+  EXPECT_EQ(HashKey(0, &zero, 1, 39989), 39989);
+  const int64_t p = 39989;
+  EXPECT_EQ(HashKey(0, &p, 1, 39989), 39989);
+  std::mt19937_64 rng(3);
+  for (int i = 0; i < 1000; ++i) {
+    const int64_t words[2] = {static_cast<int64_t>(rng() >> 1), static_cast<int64_t>(rng() >> 2)};
+    const int64_t h = HashKey(static_cast<int>(rng() % 128), words, 2, 4001);
+    ASSERT_GE(h, 1);
+    ASSERT_LE(h, 4001);
+  }
+}
+
+TEST(NodeStore, FindsNodesPastFreedSlotsAndWrapsAround) {
+  NodeStore s;
+  ASSERT_EQ(s.Create(10, 1, 7), 0);
+  // Keys 7 and 14 and 21 of stage 0 all hash to slot 7 (x = 0 -> prime).
+  const int64_t k7 = 7, k14 = 14, k21 = 21, k28 = 28, k35 = 35;
+  EXPECT_EQ(s.Insert(0, &k7, 1, 2, false), 7);
+  EXPECT_EQ(s.Insert(0, &k14, 1, 2, false), 8);
+  EXPECT_EQ(s.Insert(0, &k21, 1, 2, false), 9);
+  EXPECT_EQ(s.Insert(0, &k28, 1, 2, false), 10);
+  EXPECT_EQ(s.Insert(0, &k35, 1, 2, false), 1);  // the probe wraps from Z to 1
+  EXPECT_EQ(s.Insert(0, &k21, 5, 6, true), 9);  // the duplicate test returns the slot
+  EXPECT_EQ(s.first(9), 1.0);
+  s.Free(8);
+  EXPECT_EQ(s.Find(0, &k21), 9);   // beyond a freed slot
+  EXPECT_EQ(s.Find(0, &k35), 1);
+  EXPECT_EQ(s.Find(1, &k21), 0);   // other stage
+  EXPECT_EQ(s.Find(0, &k14), 0);
+  EXPECT_EQ(s.NextSlotOfStage(0, 0), 1);
+  EXPECT_EQ(s.NextSlotOfStage(1, 0), 7);
+  EXPECT_EQ(s.NextSlotOfStage(7, 0), 9);
+  EXPECT_EQ(s.Insert(0, &k14, 3, 4, false), 8);  // the freed slot is taken again
+}
+
+TEST(NodeStore, FullTableRefusesAnInsert) {
+  NodeStore s;
+  ASSERT_EQ(s.Create(4, 1, 3), 0);
+  for (int64_t k = 0; k < 4; ++k) ASSERT_NE(s.Insert(1, &k, 0, 0, false), 0);
+  const int64_t extra = 99;
+  EXPECT_EQ(s.Insert(1, &extra, 0, 0, false), 0);
+  EXPECT_EQ(s.Find(1, &extra), 0);
+}
+
+TEST(CapacityEstimate, HasAFloorAndFailsOnOverflow) {
+  int64_t limit = 0;
+  ASSERT_EQ(EstimateStageNodes({4, 5, 5}, {3, 4, 7}, &limit), 0);
+  EXPECT_EQ(limit, 20000);
+  ASSERT_EQ(EstimateCanonicalStageNodes({4, 5, 5}, {3, 4, 7}, &limit), 0);
+  EXPECT_EQ(limit, 2000);
+  // Many large key margins: the normal density's peak passes exp(709.78).
+  std::vector<int64_t> big(400, 1000000), stages(2, 200000000);
+  EXPECT_EQ(EstimateStageNodes(big, stages, &limit), -1);
+  EXPECT_EQ(EstimateCanonicalStageNodes(big, stages, &limit), -1);
+  // Moderate margins whose summed estimate passes 2^30 - 1/2.
+  std::vector<int64_t> mid(12, 60), many(20, 36);
+  EXPECT_EQ(EstimateStageNodes(mid, many, &limit), -1);
+}
+
+TEST(PastPool, MergesCloseValuesKeepsSumsAndRunsOut) {
+  PastPool pool;
+  ASSERT_EQ(pool.Create(3), 0);
+  int64_t root = 0;
+  const double tol = 1.0000000116860974e-07;
+  EXPECT_EQ(pool.AddToTree(root, 5.0, std::log(0.25), tol), 1);
+  EXPECT_EQ(root, 1);
+  EXPECT_EQ(pool.AddToTree(root, 5.0 + 1e-8, std::log(0.25), tol), 0);  // merges
+  EXPECT_NEAR(std::exp(pool.logp[1]), 0.5, 1e-15);
+  EXPECT_EQ(pool.AddToTree(root, 5.0 + 1e-6, std::log(0.125), tol), 1);  // doesn't
+  EXPECT_EQ(pool.AddToTree(root, 4.0, std::log(0.125), tol), 1);         // last entry
+  EXPECT_NEAR(std::exp(pool.sum_left[1]), 0.625, 1e-15);
+  EXPECT_NEAR(std::exp(pool.sum_right[1]), 0.625, 1e-15);
+  EXPECT_EQ(pool.AddToTree(root, 3.0, 0.0, tol), -1);                    // exhausted
+  int64_t other = 0;
+  pool.FreeTree(root);
+  EXPECT_EQ(root, 0);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(pool.AddToTree(other, i * 1.0, 0.0, tol), 1);
+  EXPECT_EQ(pool.AddToTree(other, 9.0, 0.0, tol), -1);
+}
+
+TEST(PastPool, EntryLimitFollowsTheBudget) {
+  EXPECT_EQ(PastPool::EntryLimit(2097152), 48428);
+  EXPECT_EQ(PastPool::EntryLimit(16777216), 415430);
+}
+
+}  // namespace
+}  // namespace anvl::net
