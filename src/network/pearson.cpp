@@ -110,25 +110,30 @@ void PublishMeasures(const AsymptoticResult& a) {
 
 }  // namespace
 
-int AsymptoticRoute(std::vector<int64_t>& table, int64_t rows, int64_t& cols, int selector,
-                    const double* scores, const double* lf, AsymptoticResult& out) {
-  out.row_totals.assign(rows, 0);
-  out.col_totals.assign(cols, 0);
+int TableTotals(const std::vector<int64_t>& table, int64_t rows, int64_t cols,
+                std::vector<int64_t>& row_totals, std::vector<int64_t>& col_totals, int64_t& N) {
+  row_totals.assign(rows, 0);
+  col_totals.assign(cols, 0);
   int64_t total = 0;
   for (int64_t j = 0; j < cols; ++j)
     for (int64_t i = 0; i < rows; ++i) {
       const int64_t x = table[i + j * rows];
       if (x < 0) return -1;  // a count below 0 has no probability
-      out.row_totals[i] += x;
-      out.col_totals[j] += x;
+      row_totals[i] += x;
+      col_totals[j] += x;
       if (__builtin_add_overflow(total, x, &total) || total < 0) return -1;
     }
-  for (int64_t r : out.row_totals)
+  for (int64_t r : row_totals)
     if (r < 1) return -1;
-  for (int64_t c : out.col_totals)
+  for (int64_t c : col_totals)
     if (c < 1) return -1;
-  out.N = total;
-  if (out.N < 1) return -1;
+  N = total;
+  return N < 1 ? -1 : 0;
+}
+
+int AsymptoticRoute(std::vector<int64_t>& table, int64_t rows, int64_t& cols, int selector,
+                    const double* scores, const double* lf, AsymptoticResult& out) {
+  if (TableTotals(table, rows, cols, out.row_totals, out.col_totals, out.N) != 0) return -1;
   if (selector == kMedianTest) {
     const int code = CollapseAtCut(table, rows, cols, scores, out);
     if (code != 0) return code;

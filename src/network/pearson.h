@@ -23,6 +23,12 @@ struct AsymptoticResult {
   double cut = 0.0;  // the median cut, StatSelector 2
 };
 
+// Row and column totals and the grand total of a column-major table.  A
+// negative cell, a row or column total below 1, or a grand total that
+// overflows is -1.
+int TableTotals(const std::vector<int64_t>& table, int64_t rows, int64_t cols,
+                std::vector<int64_t>& row_totals, std::vector<int64_t>& col_totals, int64_t& N);
+
 // Totals (a row or column total below 1, or a grand total that overflows,
 // is -1), the collapse of the median test at ModelOption(13) when
 // selector is 2 (`cols` becomes 2; an empty side is -32), X^2 with
