@@ -2,6 +2,7 @@
 
 #include "kernel/binomial.h"
 #include "network/contingency.h"
+#include "network/fisher.h"
 
 namespace anvl {
 namespace {
@@ -16,7 +17,7 @@ constexpr Route kRoutes[] = {
     {1, 2, false},  {2, 1, false},   {502, 1, false}, {6, 1, false},  {7, 2, true},
     {507, 2, true}, {31, 3, true}, {42, 4, true},  {9, 1, true},   {10, 9, false},
     {510, 9, false}, {11, 2, false}, {19, 1, false},  {18, 1, false}, {20, 9, false},
-    {21, 8, false},  {24, 1, false}, {26, 2, false},  {51, 3, false}, {32, 1, false},
+    {21, 8, false},  {24, 1, false}, {26, 2, false},  {51, 3, false}, {32, 1, true},
     {40, 2, false},  {45, 1, false}, {41, 3, false},  {47, 1, false}, {48, 2, false},
     {43, 1, false},  {46, 1, false}, {49, 1, false},  {50, 1, false},
 };
@@ -39,6 +40,9 @@ void RunDriver(int64_t procedure, const CallArgs& args) {
     case 31:
     case 42:
       net::ContingencyDriver(args);
+      break;
+    case 32:
+      net::FisherDriver(args);
       break;
     default:
       break;

@@ -22,6 +22,11 @@ constexpr double kTwoPi = 6.283185307179586;
 // The pool holds one entry per 40 bytes of budget, less a reserve.
 constexpr int64_t kBytesPerEntry = 40;
 constexpr int64_t kEntryReserve = 4000;
+// The hash in integers: products of two residues stay below 2^53 for a
+// prime below sqrt(2^53), and words below 2^53 convert to double exactly.
+constexpr int64_t kExactHashPrime = 94906265;
+constexpr int64_t kExactDouble = int64_t{1} << 53;
+constexpr int64_t kTwoTo31 = int64_t{1} << 31;
 
 // Sums of the normal approximation to the number of nodes per stage.
 struct EstimateBase {
@@ -91,6 +96,16 @@ void KeyCodec::Unpack(const int64_t* key, int64_t* m) const {
 }
 
 int64_t HashKey(int stage, const int64_t* key, int n_words, int64_t prime) {
+  // While every operand is below 2^53 the double arithmetic is exact, and
+  // integer remainders give the same slot faster.
+  bool exact = prime < kExactHashPrime;
+  for (int i = 0; exact && i < n_words; ++i) exact = key[i] < kExactDouble;
+  if (exact) {
+    const int64_t w = kTwoTo31 % prime;
+    int64_t x = stage;
+    for (int i = 0; i < n_words; ++i) x = (key[i] % prime + (x * w) % prime) % prime;
+    return x == 0 ? prime : x;
+  }
   const double y = static_cast<double>(prime);
   const double w = std::fmod(2147483648.0, y);
   double x = static_cast<double>(stage);

@@ -91,9 +91,12 @@ inline void NodeKey(const Network& net, const int64_t* m, int64_t Ts, int64_t* s
   if constexpr (M::kCanonical) {
     const int K = net.K;
     for (int j = 0; j < K; ++j) scratch[j] = net.A[j] - m[j];
-    for (int i = 0; i < K - 1; ++i)  // exchange sort: only the sorted values matter
-      for (int j = i + 1; j < K; ++j)
-        if (scratch[j] < scratch[i]) std::swap(scratch[i], scratch[j]);
+    for (int i = 1; i < K; ++i) {  // insertion sort: only the sorted values matter
+      const int64_t v = scratch[i];
+      int j = i;
+      for (; j > 0 && scratch[j - 1] > v; --j) scratch[j] = scratch[j - 1];
+      scratch[j] = v;
+    }
     net.codec.Pack(scratch, Ts, key);
   } else {
     net.codec.Pack(m, Ts, key);

@@ -140,8 +140,12 @@ TEST(BinomialTest, ClopperPearsonLimitsSolveTheirEquations) {
   for (auto [x, n] : {std::pair<int64_t, int64_t>{7, 12}, {0, 10}, {10, 10}, {1, 50}}) {
     const double low = x == 0 ? 0.0 : anvl::BinomialBisect(n, x - 1, 0.975);
     const double high = x == n ? 1.0 : anvl::BinomialBisect(n, x, 0.025);
-    if (x > 0) EXPECT_NEAR((double)Lower(n, x - 1, low), 0.975, 1e-7);
-    if (x < n) EXPECT_NEAR((double)Lower(n, x, high), 0.025, 1e-7);
+    if (x > 0) {
+      EXPECT_NEAR((double)Lower(n, x - 1, low), 0.975, 1e-7);
+    }
+    if (x < n) {
+      EXPECT_NEAR((double)Lower(n, x, high), 0.025, 1e-7);
+    }
     EXPECT_LT(low, high);
   }
 }

@@ -72,7 +72,9 @@ TEST(FisherRecord, WorkedTableFromTheHost) {
   EXPECT_NEAR(r.f[16], 0.154179154, 1e-9);
   // Only the statistic and the two-sided values reach the record.
   for (int f = 0; f < 42; ++f)
-    if (f != 0 && f != 16) EXPECT_EQ(r.f[f], kMissing) << "field " << f;
+    if (f != 0 && f != 16) {
+      EXPECT_EQ(r.f[f], kMissing) << "field " << f;
+    }
   r = RunFisher(t, TQ_METHOD_ASYMPTOTIC);
   EXPECT_EQ(r.f[16], kMissing);
   EXPECT_GT(r.f[0], 0.0);

@@ -1,0 +1,425 @@
+// Tick, time limit, stop and progress lines, with time driven by hand.
+#include "frame/progress.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "frame/clock.h"
+#include "frame/failure_codes.h"
+#include "frame/run_store.h"
+#include "frame/spill.h"
+
+namespace anvl {
+namespace {
+
+// Test-side stand-ins for the host and the clock of this thread.
+thread_local int64_t t_now_ms = 0;
+thread_local int64_t t_poll_answer = 0;
+thread_local std::vector<int64_t> t_poll_seen;
+
+struct Received {
+  std::string text;
+  int32_t length_ref;
+  int64_t counter;
+  int64_t length;
+};
+thread_local std::vector<Received> t_lines;
+
+int64_t FakeCounter() { return t_now_ms; }
+WallTime FakeWall() { return {10, 20, 30, 0}; }
+
+void FakePoll(int64_t* flag) {
+  t_poll_seen.push_back(*flag);
+  if (*flag == 0) *flag = t_poll_answer;
+}
+
+void FakeText(const char* text, int32_t* length, int64_t* counter, int64_t text_length) {
+  t_lines.push_back({std::string(text, static_cast<size_t>(text_length)), *length, *counter,
+                     text_length});
+}
+
+class ProgressTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SetClockSourcesForTesting(FakeWall, FakeCounter);
+    ResetStore();
+    ZeroElapsed();
+    StartClock();
+    SetSetting(setting::kTimeLimit, int64_t{0});
+    Host() = HostContact{};
+    Host().poll = FakePoll;
+    Host().text = FakeText;
+    t_now_ms = 1000000;
+    t_poll_answer = 0;
+    t_poll_seen.clear();
+    t_lines.clear();
+    StartTimeLimit();
+    StartTicks();
+  }
+  void TearDown() override {
+    CloseNodeFile();
+    Host() = HostContact{};
+    SetClockSourcesForTesting(nullptr, nullptr);
+  }
+
+  // Advances the clock by `step` ms before each call; returns the quantum
+  // after each report, and checks that reports fall every `quantum` calls.
+  std::vector<int64_t> RunReports(int64_t step, int reports) {
+    std::vector<int64_t> quanta;
+    int64_t calls_since = 0;
+    int64_t expected_gap = TickStateForTesting().tick_quantum;
+    while (static_cast<int>(quanta.size()) < reports) {
+      t_now_ms += step;
+      ++calls_since;
+      if (Tick()) {
+        EXPECT_EQ(calls_since, expected_gap) << "step " << step;
+        calls_since = 0;
+        expected_gap = TickStateForTesting().tick_quantum;
+        quanta.push_back(expected_gap);
+      }
+    }
+    return quanta;
+  }
+};
+
+TEST_F(ProgressTest, HostFlagStopsOnlyOnLowestBit) {
+  struct Case {
+    int64_t answer;
+    int64_t prior_code;
+    int64_t expected_code;
+    std::vector<int64_t> expected_polls;
+    const char* source;
+  };
+  const Case cases[] = {
+      {1, 0, fail::kStoppedByHost, {0, -1}, "lowest bit set: stop, then a last poll at -1"},
+      {3, fail::kSpillRead, fail::kStoppedByHost, {0, -1}, "a stop overwrites an earlier failure"},
+      {-1, fail::kNoMemory, fail::kStoppedByHost, {0, -1}, "-1 has its lowest bit set"},
+      {2, 0, 0, {0}, "2 asks for nothing"},
+      {2, fail::kSpillRead, fail::kSpillRead, {0}, "no stop keeps the code"},
+      {0, 0, 0, {0}, "0 asks for nothing"},
+  };
+  for (const Case& c : cases) {
+    for (bool use_poll_now : {false, true}) {
+      SetUp();
+      if (c.prior_code != 0) RecordFailure(c.prior_code);
+      t_poll_answer = c.answer;
+      if (use_poll_now) {
+        EXPECT_TRUE(PollNow());
+      } else {
+        EXPECT_TRUE(Tick());  // quantum 1: the first call reports
+      }
+      EXPECT_EQ(FailureCode(), c.expected_code)
+          << c.source << " answer " << c.answer << " PollNow " << use_poll_now;
+      EXPECT_EQ(t_poll_seen, c.expected_polls) << c.source << " answer " << c.answer;
+    }
+  }
+}
+
+TEST_F(ProgressTest, NullPollRoutineNeverStops) {
+  Host().poll = nullptr;
+  for (int i = 0; i < 100; ++i) {
+    t_now_ms += 10;
+    Tick();
+  }
+  EXPECT_TRUE(PollNow());
+  EXPECT_EQ(FailureCode(), 0);
+}
+
+TEST_F(ProgressTest, StopClosesAndDeletesSpillFile) {
+  const std::string path = ::testing::TempDir() + "progress_stop_spill.bin";
+  Host().spill_path = path;
+  ASSERT_EQ(OpenNodeFile(16), 0);
+  const int64_t w[2] = {1, 2};
+  ASSERT_EQ(WriteWords(w, 2, 1), 0);
+  t_poll_answer = 1;
+  Tick();
+  struct stat st;
+  EXPECT_FALSE(NodeFileIsOpen());
+  EXPECT_NE(::stat(path.c_str(), &st), 0) << path << " still exists after the stop";
+  int64_t r[2];
+  EXPECT_EQ(WriteWords(w, 2, 2), fail::kSpillWrite);
+  EXPECT_EQ(ReadWords(r, 2, 1), fail::kSpillRead);
+  EXPECT_EQ(FailureCode(), fail::kStoppedByHost);
+}
+
+TEST_F(ProgressTest, NoTimeLimitNeverStopsNorCounts) {
+  for (int64_t minutes : {int64_t{0}, int64_t{-5}}) {
+    SetUp();
+    SetSetting(setting::kTimeLimit, minutes);
+    StartTimeLimit();
+    EXPECT_EQ(TickStateForTesting().time_limit_ms, 0) << "minutes " << minutes;
+    for (int i = 0; i < 200; ++i) {
+      t_now_ms += 3600 * 1000;  // an hour per call
+      Tick();
+    }
+    EXPECT_EQ(FailureCode(), 0) << "minutes " << minutes;
+    EXPECT_EQ(TickStateForTesting().time_spent, 0) << "minutes " << minutes;
+  }
+}
+
+TEST_F(ProgressTest, TimeLimitIsIntegerMinutes) {
+  struct Case {
+    double setting;
+    int64_t limit_ms;
+    const char* source;
+  };
+  const Case cases[] = {
+      {1.0, 60000, "one minute"},
+      {2.9, 120000, "integer part of 2.9 minutes"},
+      {0.9, 0, "below one minute: no limit"},
+  };
+  for (const Case& c : cases) {
+    SetSetting(setting::kTimeLimit, c.setting);
+    StartTimeLimit();
+    EXPECT_EQ(TickStateForTesting().time_limit_ms, c.limit_ms) << c.source;
+  }
+}
+
+TEST_F(ProgressTest, QuantumDoublesUntilReportsTakeThreeSeconds) {
+  // 1 ms per call: a report after q calls took q ms.  The quantum doubles
+  // while 2q < 6000, so it stops at 4096 (4.096 s per report) and stays.
+  const std::vector<int64_t> expected = {2,   4,   8,    16,   32,   64,   128,
+                                         256, 512, 1024, 2048, 4096, 4096, 4096};
+  EXPECT_EQ(RunReports(1, static_cast<int>(expected.size())), expected);
+  // Then 2 ms per call: 8192 ms > 6000 halves to 2048; 4096 ms stays.
+  EXPECT_EQ(RunReports(2, 3), (std::vector<int64_t>{2048, 2048, 2048}));
+  // Then 10 ms per call: 20480 ms, 10240, 5120 (stays: 2 x 5120 >= 6000).
+  EXPECT_EQ(RunReports(10, 4), (std::vector<int64_t>{1024, 512, 512, 512}));
+}
+
+TEST_F(ProgressTest, QuantumBoundariesAndFloor) {
+  struct Case {
+    int64_t step_ms;
+    std::vector<int64_t> quanta;
+    const char* source;
+  };
+  const Case cases[] = {
+      {3000, {1, 1, 1}, "2d = 6000 isn't below 6000; d = 3000 isn't above: unchanged"},
+      {2999, {2, 2, 2}, "2 x 2999 < 6000 doubles; then d = 5998 keeps"},
+      {6000, {1, 1}, "d = 6000 isn't above 6000: unchanged"},
+      {6001, {1, 1, 1}, "halving 1 gives 0, raised to the floor of 1"},
+      {3600000, {1, 1}, "an hour per call: still 1"},
+  };
+  for (const Case& c : cases) {
+    SetUp();
+    EXPECT_EQ(RunReports(c.step_ms, static_cast<int>(c.quanta.size())), c.quanta)
+        << c.source << " step " << c.step_ms;
+  }
+}
+
+TEST_F(ProgressTest, TimeLimitStopsWithMessage) {
+  // One minute, 1 s per call.  Reports at calls 1, 3, 7, 11, ... (quantum
+  // 1, 2, 4, then steady at 4): the time spent at a report is the time
+  // since the start, first >= 60 s at call 63.
+  SetSetting(setting::kTimeLimit, int64_t{1});
+  StartTimeLimit();
+  RecordFailure(fail::kSpillWrite);  // a stop overwrites it
+  int call = 0;
+  for (; call < 62; ++call) {
+    t_now_ms += 1000;
+    Tick();
+  }
+  EXPECT_EQ(FailureCode(), fail::kSpillWrite) << "stopped before call 63";
+  EXPECT_EQ(TickStateForTesting().time_spent, 59000);
+  ::testing::internal::CaptureStderr();
+  t_now_ms += 1000;
+  EXPECT_TRUE(Tick());
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(FailureCode(), fail::kTimeLimit);
+  EXPECT_EQ(TickStateForTesting().time_spent, 63000);
+  EXPECT_NE(err.find("Exact significances not computed,time limit..."), std::string::npos)
+      << "stderr: " << err;
+  EXPECT_EQ(t_poll_seen.back(), -1);
+
+  // The limit stays passed: the next report repeats the stop.
+  ForceFailure(0);
+  t_poll_seen.clear();
+  ::testing::internal::CaptureStderr();
+  for (int i = 0; i < 4; ++i) {
+    t_now_ms += 1000;
+    Tick();
+  }
+  const std::string again = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(FailureCode(), fail::kTimeLimit);
+  EXPECT_NE(again.find("time limit"), std::string::npos) << "stderr: " << again;
+  EXPECT_EQ(t_poll_seen, (std::vector<int64_t>{0, 0, 0, 0, -1}));
+}
+
+TEST_F(ProgressTest, TimeLimitReachedExactlyStops) {
+  // 3 s per call keeps the quantum at 1: a report per call, 3000 ms each.
+  // Twenty reports spend exactly the minute, which is enough to stop.
+  SetSetting(setting::kTimeLimit, int64_t{1});
+  StartTimeLimit();
+  ::testing::internal::CaptureStderr();
+  for (int call = 1; call <= 20; ++call) {
+    t_now_ms += 3000;
+    EXPECT_TRUE(Tick());
+    EXPECT_EQ(FailureCode(), call < 20 ? 0 : fail::kTimeLimit) << "call " << call;
+  }
+  ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(TickStateForTesting().time_spent, 60000);
+}
+
+TEST_F(ProgressTest, HostStopPrintsNothing) {
+  t_poll_answer = 1;
+  ::testing::internal::CaptureStderr();
+  Tick();
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(FailureCode(), fail::kStoppedByHost);
+}
+
+TEST_F(ProgressTest, SendLineKeepsLastSixteen) {
+  struct Case {
+    std::string line;
+    std::string sent;
+    const char* source;
+  };
+  const std::string ninety = std::string(70, 'x') + "0123456789ABCDEFGHIJ";  // 90 chars
+  const Case cases[] = {
+      {"0123456789ABCDEF", "0123456789ABCDEF", "exactly 16 goes out whole"},
+      {"0123456789ABCDEFG", "123456789ABCDEFG", "17 loses its first"},
+      {"short   ", "short", "trailing blanks trimmed"},
+      {"  lead", "  lead", "leading blanks stay"},
+      {"0123456789ABCDEFG   ", "123456789ABCDEFG", "trimmed before the cut to 16"},
+      {"      ", "", "a blank line sends nothing"},
+      {ninety, "xxxxxx0123456789", "cut to 80 before the last 16"},
+      {std::string("abc\0def", 7), "abc", "the NUL ends the line"},
+  };
+  for (const Case& c : cases) {
+    t_lines.clear();
+    SendLine(c.line.data(), static_cast<int>(c.line.size()));
+    ASSERT_EQ(t_lines.size(), 1u) << c.source;
+    const std::string& expect = c.sent;
+    EXPECT_EQ(t_lines[0].text, expect) << c.source << " line '" << c.line << "'";
+    EXPECT_EQ(t_lines[0].length, static_cast<int64_t>(expect.size())) << c.source;
+    EXPECT_EQ(t_lines[0].length_ref, static_cast<int32_t>(expect.size())) << c.source;
+  }
+}
+
+TEST_F(ProgressTest, MessageCounterCountsAndWrapsFromNegative) {
+  Host().message_counter = 0;
+  SendLine(std::string("a"));
+  SendLine(std::string("b"));
+  Host().message_counter = -7;
+  SendLine(std::string("c"));
+  SendLine(std::string("d"));
+  ASSERT_EQ(t_lines.size(), 4u);
+  EXPECT_EQ(t_lines[0].counter, 1);
+  EXPECT_EQ(t_lines[1].counter, 2);
+  EXPECT_EQ(t_lines[2].counter, 0) << "old value negative: back to 0";
+  EXPECT_EQ(t_lines[3].counter, 1);
+  // Without a text routine nothing is called, but the count goes on.
+  Host().text = nullptr;
+  SendLine(std::string("e"));
+  EXPECT_EQ(Host().message_counter, 2);
+  EXPECT_EQ(t_lines.size(), 4u);
+}
+
+TEST(ProgressFormat, IntegerFields) {
+  struct Case {
+    int64_t value;
+    int width;
+    const char* expected;
+    const char* source;
+  };
+  const Case cases[] = {
+      {5, 3, "  5", "I3 right-justified"},
+      {0, 4, "   0", "I4 of zero"},
+      {-12, 3, "-12", "sign counts in the width"},
+      {1234, 3, "***", "too wide: asterisks"},
+      {-123, 3, "***", "sign makes it too wide"},
+      {1234567890, 10, "1234567890", "I10 full"},
+      {12345, 10, "     12345", "I10 padded"},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(FormatInt(c.value, c.width), c.expected)
+        << c.source << ": I" << c.width << " of " << c.value;
+}
+
+TEST(ProgressFormat, FixedFields) {
+  struct Case {
+    double value;
+    int width, decimals;
+    const char* expected;
+    const char* source;
+  };
+  const Case cases[] = {
+      {0.1234, 7, 4, " 0.1234", "F7.4 keeps the leading zero"},
+      {0.1234, 6, 4, "0.1234", "F6.4 just fits"},
+      {0.1234, 5, 4, ".1234", "F5.4 drops the leading zero"},
+      {-0.1234, 7, 4, "-0.1234", "negative with zero"},
+      {-0.1234, 6, 4, "-.1234", "negative without zero"},
+      {-0.1234, 5, 4, "*****", "negative doesn't fit"},
+      {1.0, 7, 4, " 1.0000", "one"},
+      {0.0, 7, 4, " 0.0000", "zero"},
+      {0.99996, 7, 4, " 1.0000", "rounds up across the point"},
+      {0.00004, 7, 4, " 0.0000", "rounds down to zero"},
+      {95.0, 5, 2, "95.00", "F5.2 percent"},
+      {9.5, 5, 2, " 9.50", "F5.2 padded"},
+      {100.0, 5, 2, "*****", "F5.2 can't hold 100"},
+      {3.0, 4, 0, "  3.", "F4.0 keeps the point"},
+      {12.345678, 9, 3, "   12.346", "F9.3 rounds"},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(FormatFixed(c.value, c.width, c.decimals), c.expected)
+        << c.source << ": F" << c.width << "." << c.decimals << " of " << c.value;
+}
+
+TEST(ProgressFormat, FullLines) {
+  struct Case {
+    std::string built;
+    std::string expected;
+    const char* source;
+  };
+  const Case cases[] = {
+      {LongRunNoteText(1), "NOTE: This problem may take a long time to solve.", "note"},
+      {LongRunNoteText(0), std::string(49, ' '), "note withdrawn: 49 blanks"},
+      {StageLineText(7), " Generating the distribution to stage   7", "stage I3"},
+      {StageLineText(1234), " Generating the distribution to stage ***", "stage too wide"},
+      {MonteCarloLineText(99.0, 0.0123, 0.0456),
+       "Current 99.00% Monte Carlo p-value estimate ( 0.0123, 0.0456)", "Monte Carlo"},
+      {MonteCarloLineText(95.0, -0.02, 1.3),
+       "Current 95.00% Monte Carlo p-value estimate ( 0.0000, 1.0000)", "limits clamped"},
+      {ExactEstimateLineText(0.05, 0.0612),
+       "Current estimate of Exact two-sided p-value is ( 0.0500, 0.0612)", "exact estimate"},
+      {ExactEstimateLineText(-1e-9, 1.0000001),
+       "Current estimate of Exact two-sided p-value is ( 0.0000, 1.0000)", "exact clamped"},
+      {BackwardLineText(12), "Backward induction : processing stage   12", "backward I4"},
+      {BackwardNodesLineText(3, 12345),
+       "Backward induction : processing stage    3  Nodes to be created:      12345",
+       "backward with nodes I10"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(c.built, c.expected) << c.source;
+}
+
+TEST_F(ProgressTest, SentLinesReachHostAsTheirLastSixteen) {
+  struct Case {
+    void (*send)();
+    const char* expected;
+    const char* source;
+  };
+  const Case cases[] = {
+      {[] { SendLongRunNote(1); }, "g time to solve.", "note"},
+      {[] { SendLongRunNote(0); }, "", "blank note"},
+      {[] { SendStageLine(7); }, "ion to stage   7", "stage line"},
+      {[] { SendMonteCarloLine(99.0, 0.0123, 0.0456); }, " 0.0123, 0.0456)", "Monte Carlo"},
+      {[] { SendExactEstimateLine(0.05, 0.0612); }, " 0.0500, 0.0612)", "exact estimate"},
+      {[] { SendProcessingLine(); }, "Processing...", "processing"},
+      {[] { SendDotLine(); }, ".", "dot"},
+      {[] { SendBackwardLine(12); }, "ssing stage   12", "backward"},
+      {[] { SendBackwardNodesLine(3, 12345); }, "ated:      12345", "backward nodes"},
+      {[] { SendCalculatingLine(); }, "culating p-value", "calculating"},
+  };
+  for (const Case& c : cases) {
+    t_lines.clear();
+    c.send();
+    ASSERT_EQ(t_lines.size(), 1u) << c.source;
+    EXPECT_EQ(t_lines[0].text, c.expected) << c.source;
+  }
+}
+
+}  // namespace
+}  // namespace anvl

@@ -1,0 +1,391 @@
+// Memory budget and the spill file: record round trips, failures, cleanup
+// and per-thread files.
+#include "frame/spill.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <numeric>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "frame/failure_codes.h"
+#include "frame/progress.h"
+#include "frame/run_store.h"
+
+namespace anvl {
+namespace {
+
+bool FileExists(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+int64_t FileSize(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
+}
+
+std::string TempPath(const std::string& leaf) {
+  return ::testing::TempDir() + "spill_test_" + std::to_string(::getpid()) + "_" + leaf;
+}
+
+// The four record forms, as one interface for the round-trip tests.
+enum class Form { kWords, kStage, kPair, kStagePair };
+const char* FormName(Form f) {
+  switch (f) {
+    case Form::kWords: return "Words";
+    case Form::kStage: return "StageWords";
+    case Form::kPair: return "WordsPair";
+    case Form::kStagePair: return "StageWordsPair";
+  }
+  return "?";
+}
+int64_t RecordBytes(Form f, int count) {
+  return (f == Form::kStage || f == Form::kStagePair ? 1 : 0) + 8 * count +
+         (f == Form::kPair || f == Form::kStagePair ? 16 : 0);
+}
+
+// Contents of record r: distinct words, stage byte and pair derived from r.
+struct Record {
+  int8_t stage = 0;
+  std::vector<int64_t> words;
+  double a = 0, b = 0;
+};
+Record Make(int64_t r, int count, uint64_t salt) {
+  Record rec;
+  rec.stage = static_cast<int8_t>((r * 7 + static_cast<int64_t>(salt)) % 256 - 128);
+  for (int i = 0; i < count; ++i)
+    rec.words.push_back(static_cast<int64_t>((static_cast<uint64_t>(r) * 0x9E3779B97F4A7C15ull) ^
+                                             (salt + static_cast<uint64_t>(i) * 1000003ull)));
+  rec.a = 1.0 / static_cast<double>(r) + static_cast<double>(salt);
+  rec.b = -static_cast<double>(r) * 0.1;
+  return rec;
+}
+
+int Write(Form f, const Record& rec, int64_t r) {
+  const int n = static_cast<int>(rec.words.size());
+  switch (f) {
+    case Form::kWords: return WriteWords(rec.words.data(), n, r);
+    case Form::kStage: return WriteStageWords(rec.stage, rec.words.data(), n, r);
+    case Form::kPair: return WriteWordsPair(rec.words.data(), n, rec.a, rec.b, r);
+    case Form::kStagePair: return WriteStageWordsPair(rec.stage, rec.words.data(), n, rec.a, rec.b, r);
+  }
+  return 1;
+}
+
+int Read(Form f, Record& rec, int count, int64_t r) {
+  rec.words.assign(count, 0);
+  switch (f) {
+    case Form::kWords: return ReadWords(rec.words.data(), count, r);
+    case Form::kStage: return ReadStageWords(&rec.stage, rec.words.data(), count, r);
+    case Form::kPair: return ReadWordsPair(rec.words.data(), count, &rec.a, &rec.b, r);
+    case Form::kStagePair: return ReadStageWordsPair(&rec.stage, rec.words.data(), count, &rec.a, &rec.b, r);
+  }
+  return 1;
+}
+
+// Reads record r and compares it with what Make wrote; returns a message
+// on a mismatch, empty when it agrees.
+std::string Check(Form f, int64_t r, int count, uint64_t salt) {
+  Record got;
+  const int code = Read(f, got, count, r);
+  if (code != 0) return "read failed with " + std::to_string(code);
+  const Record want = Make(r, count, salt);
+  if (got.words != want.words) return "words differ";
+  if ((f == Form::kStage || f == Form::kStagePair) && got.stage != want.stage) return "stage differs";
+  if ((f == Form::kPair || f == Form::kStagePair) && (got.a != want.a || got.b != want.b))
+    return "pair differs";
+  return "";
+}
+
+class SpillTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ResetStore();
+    Host() = HostContact{};
+    path_ = TempPath("node.bin");
+    Host().spill_path = path_;
+  }
+  void TearDown() override {
+    CloseNodeFile();
+    Host() = HostContact{};
+    std::remove(path_.c_str());
+  }
+  std::string path_;
+};
+
+TEST(SpillBudget, MemoryFieldThroughTheClamp) {
+  struct Case {
+    double memory_kb;
+    int64_t expected;  // 0: the free memory, anywhere inside the clamp
+    const char* source;
+  };
+  const Case cases[] = {
+      {100.0, kBudgetFloor, "100 KB is below the 2 MiB floor"},
+      {20000.0, kBudgetCeiling, "20000 KB is above the 16 MiB ceiling"},
+      {2048.0, 2097152, "exactly the floor"},
+      {16384.0, 16777216, "exactly the ceiling"},
+      {4096.9, 4194304, "integer part of 4096.9 KB, times 1024"},
+      {1.0, kBudgetFloor, "1 KB still counts as given"},
+      {0.0, 0, "0: free physical memory"},
+      {-1.0, 0, "-1: free physical memory"},
+      {0.7, 0, "integer part 0: free physical memory"},
+  };
+  for (const Case& c : cases) {
+    ResetStore();
+    SetSetting(setting::kMemoryLimit, c.memory_kb);
+    const int64_t budget = MemoryBudget();
+    if (c.expected != 0) {
+      EXPECT_EQ(budget, c.expected) << c.source << ": MemoryLimit " << c.memory_kb;
+    } else {
+      EXPECT_GE(budget, kBudgetFloor) << c.source;
+      EXPECT_LE(budget, kBudgetCeiling) << c.source;
+    }
+  }
+}
+
+TEST_F(SpillTest, EveryFormRoundTripsInAnyOrder) {
+  // Enough records to cross the in-memory window many times.
+  constexpr int kRecords = 6000;
+  const Form forms[] = {Form::kWords, Form::kStage, Form::kPair, Form::kStagePair};
+  for (Form f : forms) {
+    for (int count : {0, 1, 5}) {
+      if (count == 0 && f == Form::kWords) continue;  // an empty record holds nothing
+      SCOPED_TRACE(std::string(FormName(f)) + " with " + std::to_string(count) + " words");
+      const int64_t length = RecordBytes(f, count);
+      ASSERT_EQ(OpenNodeFile(length), 0);
+      for (int64_t r = 1; r <= kRecords; ++r) ASSERT_EQ(Write(f, Make(r, count, 1), r), 0) << r;
+      for (int64_t r = 1; r <= kRecords; ++r) ASSERT_EQ(Check(f, r, count, 1), "") << "record " << r;
+      // Random access reads.
+      std::vector<int64_t> order(kRecords);
+      std::iota(order.begin(), order.end(), 1);
+      std::shuffle(order.begin(), order.end(), std::mt19937(12345));
+      for (int64_t r : order) ASSERT_EQ(Check(f, r, count, 1), "") << "random read of " << r;
+      // Random access overwrites, interleaved with reads of neighbours.
+      std::vector<bool> rewritten(kRecords + 1, false);
+      for (size_t i = 0; i < 500; ++i) {
+        const int64_t r = order[i];
+        ASSERT_EQ(Write(f, Make(r, count, 2), r), 0) << r;
+        rewritten[r] = true;
+        const int64_t next = r % kRecords + 1;
+        ASSERT_EQ(Check(f, next, count, rewritten[next] ? 2 : 1), "") << "neighbour " << next;
+      }
+      for (int64_t r = 1; r <= kRecords; ++r)
+        ASSERT_EQ(Check(f, r, count, rewritten[r] ? 2 : 1), "") << "after overwrite, record " << r;
+      EXPECT_EQ(Write(f, Make(1, count, 1), 0), fail::kSpillWrite) << "record 0";
+      Record dummy;
+      EXPECT_EQ(Read(f, dummy, count, -3), fail::kSpillRead) << "record -3";
+      CloseNodeFile();
+    }
+  }
+}
+
+TEST_F(SpillTest, RecordsStandAtTheirOffsets) {
+  // Record r at (r - 1) x 32; words and doubles as 8 machine-order bytes,
+  // the stage as one.  Record 1 is longer than its slot (33 bytes), record
+  // 2 is never written: the gap reads as zeros.  A further megabyte of
+  // records pushes the first ones out of any in-memory buffer.
+  ASSERT_EQ(OpenNodeFile(32), 0);
+  const int64_t w1[2] = {0x0102030405060708, -2};
+  ASSERT_EQ(WriteStageWordsPair(5, w1, 2, 0.5, -0.25, 1), 0);
+  const int64_t w3[1] = {77};
+  ASSERT_EQ(WriteWords(w3, 1, 3), 0);
+  for (int64_t r = 4; r < 4 + (1 << 15); ++r) ASSERT_EQ(WriteWords(w3, 1, r), 0);
+  std::FILE* f = std::fopen(path_.c_str(), "rb");
+  ASSERT_NE(f, nullptr);
+  unsigned char bytes[72] = {};
+  ASSERT_EQ(std::fread(bytes, 1, sizeof bytes, f), sizeof bytes);
+  std::fclose(f);
+  EXPECT_EQ(bytes[0], 5);
+  int64_t word;
+  double real;
+  std::memcpy(&word, bytes + 1, 8);
+  EXPECT_EQ(word, w1[0]);
+  std::memcpy(&word, bytes + 9, 8);
+  EXPECT_EQ(word, -2);
+  std::memcpy(&real, bytes + 17, 8);
+  EXPECT_EQ(real, 0.5);
+  std::memcpy(&real, bytes + 25, 8);
+  EXPECT_EQ(real, -0.25);
+  for (int i = 33; i < 64; ++i) EXPECT_EQ(bytes[i], 0) << "gap byte " << i;
+  std::memcpy(&word, bytes + 64, 8);
+  EXPECT_EQ(word, 77);
+}
+
+TEST_F(SpillTest, WritesThatSkipARecordKeepIt) {
+  // Rewriting records 1 and 3 of a written file must leave record 2 as it
+  // stands, wherever its bytes are held.
+  ASSERT_EQ(OpenNodeFile(16), 0);
+  // 20000 records of 16 bytes: more than any in-memory buffer holds.
+  for (int64_t r = 1; r <= 20000; ++r) ASSERT_EQ(Write(Form::kWords, Make(r, 2, 1), r), 0);
+  for (int64_t r = 1; r <= 20000; ++r) ASSERT_EQ(Check(Form::kWords, r, 2, 1), "") << r;
+  for (int64_t r : {1, 3, 6, 2000, 2002})
+    ASSERT_EQ(Write(Form::kWords, Make(r, 2, 9), r), 0) << r;
+  for (int64_t r : {2, 4, 5, 2001}) EXPECT_EQ(Check(Form::kWords, r, 2, 1), "") << "kept " << r;
+  for (int64_t r : {1, 3, 6, 2000, 2002})
+    EXPECT_EQ(Check(Form::kWords, r, 2, 9), "") << "rewritten " << r;
+}
+
+TEST_F(SpillTest, LargeRecordsRoundTripAndRewrite) {
+  // Records of 80 KB each, read back and rewritten in place.
+  constexpr int kWords = 10000;
+  const int64_t length = RecordBytes(Form::kStagePair, kWords);
+  ASSERT_EQ(OpenNodeFile(length), 0);
+  for (int64_t r = 1; r <= 4; ++r) ASSERT_EQ(Write(Form::kStagePair, Make(r, kWords, 1), r), 0);
+  for (int64_t r = 1; r <= 4; ++r) ASSERT_EQ(Check(Form::kStagePair, r, kWords, 1), "") << r;
+  for (int64_t r : {2, 1}) ASSERT_EQ(Write(Form::kStagePair, Make(r, kWords, 3), r), 0);
+  for (int64_t r = 1; r <= 4; ++r)
+    EXPECT_EQ(Check(Form::kStagePair, r, kWords, r <= 2 ? 3 : 1), "") << r;
+  // A short read of the head of a record, then the whole record rewritten:
+  // the head reads the new words.
+  CloseNodeFile();
+  ASSERT_EQ(OpenNodeFile(8 * kWords), 0);
+  for (int64_t r = 1; r <= 2; ++r) ASSERT_EQ(Write(Form::kWords, Make(r, kWords, 1), r), 0);
+  int64_t head = 0;
+  ASSERT_EQ(ReadWords(&head, 1, 1), 0);
+  EXPECT_EQ(head, Make(1, kWords, 1).words[0]);
+  ASSERT_EQ(Write(Form::kWords, Make(1, kWords, 5), 1), 0);
+  ASSERT_EQ(ReadWords(&head, 1, 1), 0);
+  EXPECT_EQ(head, Make(1, kWords, 5).words[0]) << "head after rewrite";
+}
+
+TEST_F(SpillTest, ReadingPastTheEndFails) {
+  ASSERT_EQ(OpenNodeFile(24), 0);
+  int64_t w[3] = {1, 2, 3};
+  EXPECT_EQ(ReadWords(w, 3, 1), fail::kSpillRead) << "empty file";
+  for (int64_t r = 1; r <= 3; ++r) ASSERT_EQ(WriteWords(w, 3, r), 0);
+  EXPECT_EQ(ReadWords(w, 3, 3), 0);
+  EXPECT_EQ(ReadWords(w, 3, 4), fail::kSpillRead) << "record 4 of 3";
+  EXPECT_EQ(ReadWords(w, 3, 1000), fail::kSpillRead) << "far past the end";
+  int64_t four[4];
+  EXPECT_EQ(ReadWords(four, 4, 3), fail::kSpillRead) << "last record read too long";
+}
+
+TEST_F(SpillTest, UnwritablePathFailsToCreate) {
+  Host().spill_path = "/nonexistent-dir/x";
+  EXPECT_EQ(OpenNodeFile(16), fail::kSpillCreate);
+  EXPECT_FALSE(NodeFileIsOpen());
+  int64_t w[2] = {1, 2};
+  EXPECT_EQ(WriteWords(w, 2, 1), fail::kSpillWrite);
+  EXPECT_EQ(ReadWords(w, 2, 1), fail::kSpillRead);
+}
+
+TEST_F(SpillTest, ExistingFileIsReplaced) {
+  std::FILE* f = std::fopen(path_.c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  const std::string old(1000, 'z');
+  std::fwrite(old.data(), 1, old.size(), f);
+  std::fclose(f);
+  ASSERT_EQ(FileSize(path_), 1000);
+  ASSERT_EQ(OpenNodeFile(8), 0);
+  EXPECT_EQ(FileSize(path_), 0) << "truncated at opening";
+  int64_t w = 0;
+  EXPECT_EQ(ReadWords(&w, 1, 1), fail::kSpillRead) << "old contents must be gone";
+}
+
+TEST_F(SpillTest, TrailingBlanksAreNotPartOfTheName) {
+  Host().spill_path = path_ + "   ";
+  ASSERT_EQ(OpenNodeFile(8), 0);
+  EXPECT_EQ(NodeFilePathForTesting(), path_);
+  EXPECT_TRUE(FileExists(path_));
+}
+
+TEST_F(SpillTest, CloseDeletesAndIsIdempotent) {
+  CloseNodeFile();  // never opened: nothing happens
+  EXPECT_FALSE(NodeFileIsOpen());
+  ASSERT_EQ(OpenNodeFile(8), 0);
+  EXPECT_TRUE(NodeFileIsOpen());
+  EXPECT_TRUE(FileExists(path_));
+  CloseNodeFile();
+  EXPECT_FALSE(NodeFileIsOpen());
+  EXPECT_FALSE(FileExists(path_));
+  CloseNodeFile();
+  int64_t w = 5;
+  EXPECT_EQ(WriteWords(&w, 1, 1), fail::kSpillWrite);
+  EXPECT_EQ(ReadWords(&w, 1, 1), fail::kSpillRead);
+}
+
+TEST_F(SpillTest, PrivateTemporaryFileWhenNoPathGiven) {
+  Host().spill_path = "";
+  ASSERT_EQ(OpenNodeFile(8), 0);
+  // The private file is unnamed while open, so that even a killed process
+  // leaves nothing behind.
+  const std::string name = NodeFilePathForTesting();
+  const char* tmpdir = std::getenv("TMPDIR");
+  const std::string dir = tmpdir && *tmpdir ? tmpdir : "/tmp";
+  EXPECT_EQ(name.rfind(dir + "/anvlwtq-", 0), 0u) << name;
+  EXPECT_FALSE(FileExists(name)) << name;
+  const int64_t w = 42;
+  ASSERT_EQ(WriteWords(&w, 1, 1), 0);
+  int64_t back = 0;
+  ASSERT_EQ(ReadWords(&back, 1, 1), 0);
+  EXPECT_EQ(back, 42);
+  CloseNodeFile();
+  EXPECT_FALSE(FileExists(name)) << name;
+}
+
+TEST_F(SpillTest, OffsetsBeyondThirtyTwoBitsFail) {
+  // Record length 1 MiB: record 2048 starts at 2^31 - 2^20, record 2049
+  // at 2^31, one past the largest 32-bit signed offset.
+  constexpr int64_t kMiB = 1 << 20;
+  ASSERT_EQ(OpenNodeFile(kMiB), 0);
+  const int64_t w = 9;
+  int64_t back = 0;
+  EXPECT_EQ(WriteWords(&w, 1, 2048), 0);
+  EXPECT_EQ(ReadWords(&back, 1, 2048), 0);
+  EXPECT_EQ(back, 9);
+  EXPECT_EQ(WriteWords(&w, 1, 2049), fail::kSpillWrite);
+  EXPECT_EQ(ReadWords(&back, 1, 2049), fail::kSpillRead);
+  EXPECT_EQ(WriteWords(&w, 1, INT64_C(1) << 50), fail::kSpillWrite) << "offset overflows 64 bits";
+  EXPECT_EQ(ReadWords(&back, 1, INT64_C(1) << 50), fail::kSpillRead);
+  // A record that starts below 2 GiB but would end past it.
+  std::vector<int64_t> big(kMiB / 8 + 1, 1);
+  EXPECT_EQ(WriteWords(big.data(), static_cast<int>(big.size()), 2048), fail::kSpillWrite);
+}
+
+TEST(SpillThreads, EachThreadHasItsOwnFile) {
+  constexpr int kRecords = 20000;
+  constexpr int kWords = 3;
+  const std::string paths[2] = {TempPath("thread0.bin"), TempPath("thread1.bin")};
+  std::string errors[2];
+  auto work = [&](int t) {
+    Host().spill_path = paths[t];
+    if (OpenNodeFile(RecordBytes(Form::kStagePair, kWords)) != 0) {
+      errors[t] = "open failed";
+      return;
+    }
+    for (int64_t r = 1; r <= kRecords; ++r)
+      if (Write(Form::kStagePair, Make(r, kWords, 100 + t), r) != 0) {
+        errors[t] = "write " + std::to_string(r);
+        return;
+      }
+    for (int64_t r = 1; r <= kRecords; ++r) {
+      const std::string e = Check(Form::kStagePair, r, kWords, 100 + t);
+      if (!e.empty()) {
+        errors[t] = "record " + std::to_string(r) + ": " + e;
+        return;
+      }
+    }
+    if (NodeFilePathForTesting() != paths[t]) errors[t] = "wrong file " + NodeFilePathForTesting();
+    CloseNodeFile();
+  };
+  std::thread a(work, 0), b(work, 1);
+  a.join();
+  b.join();
+  EXPECT_EQ(errors[0], "");
+  EXPECT_EQ(errors[1], "");
+  EXPECT_FALSE(FileExists(paths[0]));
+  EXPECT_FALSE(FileExists(paths[1]));
+  EXPECT_FALSE(NodeFileIsOpen()) << "the main thread's file is untouched";
+}
+
+}  // namespace
+}  // namespace anvl
