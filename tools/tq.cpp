@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
@@ -60,11 +61,21 @@ extern "C" void Poll(int64_t* flag) {
   if (flag != nullptr && *flag != -1 && g_interrupted) *flag = 1;
 }
 
+// Progress lines come in bursts while the engine tunes its report rate;
+// at most one a second reaches the terminal.
+constexpr auto kProgressInterval = std::chrono::seconds(1);
+std::chrono::steady_clock::time_point g_last_progress{};
+
 // Text routine: one progress line of the engine to standard error.
 extern "C" void Progress(const char* text, int32_t* length, int64_t*, int64_t text_length) {
   int64_t n = text_length;
   if (length != nullptr && *length < n) n = *length;
   if (text == nullptr || n <= 0) return;
+  const auto now = std::chrono::steady_clock::now();
+  if (g_last_progress != std::chrono::steady_clock::time_point{} &&
+      now - g_last_progress < kProgressInterval)
+    return;
+  g_last_progress = now;
   // The engine sends at most the last 16 characters of a line; a line of
   // that length was probably cut at its front.
   std::fprintf(stderr, "tq: progress: %s%.*s\n", n >= kProgressWidth ? "..." : "", static_cast<int>(n), text);
@@ -183,7 +194,8 @@ Output:
   --record                the raw record: 50 lines 'index value'
   --missing X             filler of unpublished record fields (default
                           nan); fields equal to it are not reported
-  --quiet                 no progress lines on standard error
+  --quiet                 no progress lines on standard error (otherwise
+                          at most one a second)
 
 Ctrl-C asks the engine to stop the run.  Exit status: 0 success, 1 the
 engine reported a failure, 2 a usage error.
