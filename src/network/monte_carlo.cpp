@@ -70,6 +70,7 @@ void TableSampler::DrawByColumns(RandomStream& stream, int64_t* table) {
     int64_t total = rest;
     rest -= row;
     for (int64_t j = 0; j < cols_; ++j) table[i + j * rows_] = 0;
+    if (cols_ == 1) table[i] = row;  // one column: nothing to draw
     for (int64_t j = 0; j + 1 < cols_ && total > 0; ++j) {
       const int64_t col = work_[j];
       const int64_t x = DrawCell(stream, row, col, total);
@@ -93,13 +94,13 @@ void TableSampler::DrawByColumns(RandomStream& stream, int64_t* table) {
 // probabilities outward, one step up and one down in turn, each side by
 // the ratio of neighbouring terms, until the sum passes u.  Should both
 // sides close first (only rounding can do that), u shrinks to sum x a new
-// uniform and the search starts again at t.
+// uniform and the search starts again at t.  Products of counts are
+// formed in double: exact below 2^53, and no overflow for large totals.
 int64_t TableSampler::DrawCell(RandomStream& stream, int64_t row, int64_t col,
                                int64_t total) const {
   double u = NextUniform(stream);
-  const int64_t t = static_cast<int64_t>(static_cast<double>(row * col) /
-                                             static_cast<double>(total) +
-                                         0.5);
+  const int64_t t = static_cast<int64_t>(
+      static_cast<double>(row) * static_cast<double>(col) / static_cast<double>(total) + 0.5);
   const int64_t g = total - row - col;
   const double* lf = lf_;
   const double pt =
@@ -114,23 +115,23 @@ int64_t TableSampler::DrawCell(RandomStream& stream, int64_t row, int64_t col,
     bool up_closed = false, down_closed = false;
     while (!(up_closed && down_closed)) {
       if (!up_closed) {
-        const int64_t a = (col - up) * (row - up);
-        if (a == 0) {
+        const double a = static_cast<double>(col - up) * static_cast<double>(row - up);
+        if (a == 0.0) {
           up_closed = true;
         } else {
-          p_up = p_up * static_cast<double>(a) / static_cast<double>((up + 1) * (g + up + 1));
+          p_up = p_up * a / (static_cast<double>(up + 1) * static_cast<double>(g + up + 1));
           ++up;
           sum += p_up;
           if (sum >= u) return up;
         }
       }
       if (!down_closed) {
-        const int64_t b = down * (g + down);
-        if (b == 0) {
+        const double b = static_cast<double>(down) * static_cast<double>(g + down);
+        if (b == 0.0) {
           down_closed = true;
         } else {
-          p_down = p_down * static_cast<double>(b) /
-                   static_cast<double>((col - down + 1) * (row - down + 1));
+          p_down = p_down * b /
+                   (static_cast<double>(col - down + 1) * static_cast<double>(row - down + 1));
           --down;
           sum += p_down;
           if (sum >= u) return down;

@@ -260,18 +260,12 @@ int64_t PastPool::EntryLimit(int64_t budget_bytes) {
 int PastPool::Create(int64_t limit) {
   const size_t n = static_cast<size_t>(limit + 1);
   try {
-    reals_.reset(new double[4 * n]);
-    ints_.reset(new int64_t[3 * n + 1]);
+    entries_.reset(new Entry[n]);
+    stack_.reset(new int64_t[n + 1]);
   } catch (const std::bad_alloc&) {
     return -1;
   }
-  stat = reals_.get();
-  logp = stat + n;
-  sum_left = logp + n;
-  sum_right = sum_left + n;
-  left = ints_.get();
-  right = left + n;
-  stack = right + n;
+  stack = stack_.get();
   limit_ = limit;
   head_ = 0;
   fresh_ = 1;
@@ -282,15 +276,13 @@ int64_t PastPool::NewEntry(double s, double lp) {
   int64_t e;
   if (head_ != 0) {
     e = head_;
-    head_ = -left[e];
+    head_ = -entries_[e].left;
   } else if (fresh_ <= limit_) {
     e = fresh_++;
   } else {
     return 0;
   }
-  stat[e] = s;
-  logp[e] = sum_left[e] = sum_right[e] = lp;
-  left[e] = right[e] = 0;
+  entries_[e] = Entry{s, lp, lp, lp, 0, 0};
   return e;
 }
 
@@ -301,31 +293,25 @@ int PastPool::AddToTree(int64_t& root, double s, double lp, double merge_toleran
   }
   int64_t e = root;
   for (;;) {
-    if (std::fabs(stat[e] - s) <= merge_tolerance) {
-      logp[e] = LogSum(logp[e], lp);
-      sum_left[e] = LogSum(sum_left[e], lp);
-      sum_right[e] = LogSum(sum_right[e], lp);
+    Entry& x = entries_[e];
+    if (std::fabs(x.stat - s) <= merge_tolerance) {
+      x.logp = LogSum(x.logp, lp);
+      x.sum_left = LogSum(x.sum_left, lp);
+      x.sum_right = LogSum(x.sum_right, lp);
       return 0;
     }
-    if (stat[e] > s) {
-      sum_left[e] = LogSum(sum_left[e], lp);
-      if (left[e] != 0) {
-        e = left[e];
-        continue;
-      }
-      const int64_t n = NewEntry(s, lp);
-      if (n == 0) return -1;
-      left[e] = n;
-      return 1;
-    }
-    sum_right[e] = LogSum(sum_right[e], lp);
-    if (right[e] != 0) {
-      e = right[e];
+    const bool go_left = x.stat > s;
+    double& sum = go_left ? x.sum_left : x.sum_right;
+    sum = LogSum(sum, lp);
+    int64_t& child = go_left ? x.left : x.right;
+    if (child != 0) {
+      e = child;
       continue;
     }
     const int64_t n = NewEntry(s, lp);
     if (n == 0) return -1;
-    right[e] = n;
+    entries_[e].left = go_left ? n : entries_[e].left;
+    entries_[e].right = go_left ? entries_[e].right : n;
     return 1;
   }
 }
@@ -337,9 +323,10 @@ void PastPool::FreeTree(int64_t& root) {
   root = 0;
   while (top > 0) {
     const int64_t e = stack[--top];
-    if (left[e] != 0) stack[top++] = left[e];
-    if (right[e] != 0) stack[top++] = right[e];
-    left[e] = -head_;  // the free list links through LeftChild, negated
+    Entry& x = entries_[e];
+    if (x.left != 0) stack[top++] = x.left;
+    if (x.right != 0) stack[top++] = x.right;
+    x.left = -head_;  // the free list links through the left child, negated
     head_ = e;
   }
 }

@@ -116,19 +116,27 @@ class PastPool {
   // Returns every entry of the tree to the free list; root becomes 0.
   void FreeTree(int64_t& root);
 
-  // Entry arrays, indexed 1..limit.  Untouched entries are left
-  // uninitialised: they join the free list in ascending order as they are
-  // first needed, after any entry given back, which is the order a fully
-  // linked list would give them in.
-  double *stat = nullptr, *logp = nullptr, *sum_left = nullptr, *sum_right = nullptr;
-  int64_t *left = nullptr, *right = nullptr;
+  // One tree entry: its statistic value, the log of the summed weight of
+  // its paths, the log-sums of itself with its left and right subtrees,
+  // and its children (0 for none; a free entry links the free list through
+  // `left`, negated).  Kept together so that a visit touches one place.
+  struct Entry {
+    double stat, logp, sum_left, sum_right;
+    int64_t left, right;
+  };
+  Entry& operator[](int64_t e) { return entries_[e]; }
+  const Entry& operator[](int64_t e) const { return entries_[e]; }
+
   // Work stack of the tree walks; sized to the pool so that it can't overrun.
   int64_t* stack = nullptr;
 
  private:
   int64_t NewEntry(double s, double lp);
-  std::unique_ptr<double[]> reals_;
-  std::unique_ptr<int64_t[]> ints_;
+  // Entries 1..limit.  Untouched entries are left uninitialised: they join
+  // the free list in ascending order as they are first needed, after any
+  // entry given back, which is the order a fully linked list would give.
+  std::unique_ptr<Entry[]> entries_;
+  std::unique_ptr<int64_t[]> stack_;
   int64_t head_ = 0;       // last entry given back, 0 for none
   int64_t fresh_ = 1;      // first entry never used
   int64_t limit_ = 0;

@@ -213,8 +213,9 @@ int PastPathUpdate(PastPool& pool, int64_t root, int64_t& succ_root, double inc,
     if constexpr (M::kInnerStopTests)
       if (1.0 - r.tail_high - r.tail_low < M::kStopMargin) break;
     const int64_t p = pool.stack[--top];
-    const double stat = pool.stat[p] + inc;
-    const double logp = pool.logp[p] + w;
+    const PastPool::Entry& x = pool[p];
+    const double stat = x.stat + inc;
+    const double logp = x.logp + w;
     bool decided_high, decided_low;
     if constexpr (M::kPValueBelow) {
       decided_high = stat < lower;   // less probable on every way: counts to the p-value
@@ -225,26 +226,29 @@ int PastPathUpdate(PastPool& pool, int64_t root, int64_t& succ_root, double inc,
     }
     if (decided_high) {
       if constexpr (M::kPValueBelow) {
-        r.tail_high += std::exp(R + pool.sum_left[p] + w);
-        if (pool.right[p] != 0) pool.stack[top++] = pool.right[p];
+        r.tail_high += std::exp(R + x.sum_left + w);
+        if (x.right != 0) pool.stack[top++] = x.right;
       } else {
-        r.tail_high += std::exp(R + pool.sum_right[p] + w);
-        if (pool.left[p] != 0) pool.stack[top++] = pool.left[p];
+        r.tail_high += std::exp(R + x.sum_right + w);
+        if (x.left != 0) pool.stack[top++] = x.left;
       }
     } else if (decided_low) {
       if constexpr (M::kPValueBelow) {
-        r.tail_low += std::exp(pool.sum_right[p] + w + R) - std::exp(logp + R);
-        if (pool.left[p] != 0) pool.stack[top++] = pool.left[p];
+        r.tail_low += std::exp(x.sum_right + w + R) - std::exp(logp + R);
+        if (x.left != 0) pool.stack[top++] = x.left;
       } else {
-        r.tail_low += std::exp(pool.sum_left[p] + w + R) - std::exp(logp + R);
-        if (pool.right[p] != 0) pool.stack[top++] = pool.right[p];
+        r.tail_low += std::exp(x.sum_left + w + R) - std::exp(logp + R);
+        if (x.right != 0) pool.stack[top++] = x.right;
       }
     } else {
+      // Read the children first: the insert may reuse nothing of p, but
+      // keep the walk independent of the pool's layout.
+      const int64_t left = x.left, right = x.right;
       const int added = pool.AddToTree(succ_root, stat, logp, M::kMergeTolerance);
       if (added < 0) return -1;
       new_entries += added;
-      if (pool.right[p] != 0) pool.stack[top++] = pool.right[p];
-      if (pool.left[p] != 0) pool.stack[top++] = pool.left[p];
+      if (right != 0) pool.stack[top++] = right;
+      if (left != 0) pool.stack[top++] = left;
     }
     if (Tick()) SendExactEstimateLine(ClampUnit(r.tail_high), ClampUnit(1.0 - r.tail_low));
   }
@@ -353,10 +357,10 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
     int64_t top = 0;
     if (store.tree_root(slot) != 0) pool.stack[top++] = store.tree_root(slot);
     while (top > 0) {
-      const int64_t e = pool.stack[--top];
-      result.point += std::exp(pool.logp[e]);
-      if (pool.left[e] != 0) pool.stack[top++] = pool.left[e];
-      if (pool.right[e] != 0) pool.stack[top++] = pool.right[e];
+      const PastPool::Entry& x = pool[pool.stack[--top]];
+      result.point += std::exp(x.logp);
+      if (x.left != 0) pool.stack[top++] = x.left;
+      if (x.right != 0) pool.stack[top++] = x.right;
     }
   }
   return 0;

@@ -144,11 +144,11 @@ TEST(PastPool, MergesCloseValuesKeepsSumsAndRunsOut) {
   EXPECT_EQ(pool.AddToTree(root, 5.0, std::log(0.25), tol), 1);
   EXPECT_EQ(root, 1);
   EXPECT_EQ(pool.AddToTree(root, 5.0 + 1e-8, std::log(0.25), tol), 0);  // merges
-  EXPECT_NEAR(std::exp(pool.logp[1]), 0.5, 1e-15);
+  EXPECT_NEAR(std::exp(pool[1].logp), 0.5, 1e-15);
   EXPECT_EQ(pool.AddToTree(root, 5.0 + 1e-6, std::log(0.125), tol), 1);  // doesn't
   EXPECT_EQ(pool.AddToTree(root, 4.0, std::log(0.125), tol), 1);         // last entry
-  EXPECT_NEAR(std::exp(pool.sum_left[1]), 0.625, 1e-15);
-  EXPECT_NEAR(std::exp(pool.sum_right[1]), 0.625, 1e-15);
+  EXPECT_NEAR(std::exp(pool[1].sum_left), 0.625, 1e-15);
+  EXPECT_NEAR(std::exp(pool[1].sum_right), 0.625, 1e-15);
   EXPECT_EQ(pool.AddToTree(root, 3.0, 0.0, tol), -1);                    // exhausted
   int64_t other = 0;
   pool.FreeTree(root);
