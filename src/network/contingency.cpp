@@ -7,8 +7,10 @@
 #include "frame/run_store.h"
 #include "frame/spill.h"
 #include "kernel/log_factorial.h"
+#include "network/monte_carlo.h"
 #include "network/passes.h"
 #include "network/pearson.h"
+#include "network/two_by_two.h"
 
 namespace anvl::net {
 namespace {
@@ -68,7 +70,15 @@ int ContingencyRun(std::vector<int64_t>& table, int64_t rows, int64_t cols, int 
     PublishExact(a, selector, pass.tail_high, std::max(pass.point, a.table_probability));
     return 0;
   }
-  // Asymptotic only (the Monte Carlo route runs as asymptotic for now).
+  if (method == 2) {
+    const PearsonHitRule hit{rows, cols, a.row_totals.data(), a.col_totals.data(), a.N, a.x2};
+    McResult mc;
+    code = McRoute(table, rows, cols, a.row_totals, a.col_totals, lf.data(), hit, mc);
+    if (code != 0) return code;
+    PublishAsymptotic(a, selector);
+    PublishMonteCarlo(mc, a.x2);
+    return 0;
+  }
   UpdateElapsed();
   PublishAsymptotic(a, selector);
   return 0;
@@ -83,6 +93,8 @@ void ContingencyDriver(const CallArgs& args) {
     if (st.data_form == 1) {
       if (st.row_count <= 1 || st.column_count <= 1)
         code = fail::kOneRowOrColumn;
+      else if (st.row_count == 2 && st.column_count == 2 && selector == kPearsonChiSquare)
+        code = TwoByTwoPearsonRun(work.data());
       else
         code = ContingencyRun(work, st.row_count, st.column_count, selector, st.run_method,
                               args.scores);

@@ -8,8 +8,10 @@
 #include "frame/spill.h"
 #include "kernel/distributions.h"
 #include "kernel/log_factorial.h"
+#include "network/monte_carlo.h"
 #include "network/passes.h"
 #include "network/pearson.h"
+#include "network/two_by_two.h"
 
 namespace anvl::net {
 namespace {
@@ -45,20 +47,8 @@ void ObservedRoute(const std::vector<int64_t>& x, int64_t rows, int64_t cols, co
   const bool lines_are_rows = rows > cols;  // else the lines are the columns
   o.L0 = LogFactorial(o.N, lf);
   for (int64_t a : lines_are_rows ? o.col_totals : o.row_totals) o.L0 -= LogFactorial(a, lf);
-  o.observed_log = 0.0;
-  if (lines_are_rows) {
-    for (int64_t i = 0; i < rows; ++i) {
-      double line = LogFactorial(o.row_totals[i], lf);
-      for (int64_t j = 0; j < cols; ++j) line -= LogFactorial(x[i + j * rows], lf);
-      o.observed_log += line;
-    }
-  } else {
-    for (int64_t j = 0; j < cols; ++j) {
-      double line = LogFactorial(o.col_totals[j], lf);
-      for (int64_t i = 0; i < rows; ++i) line -= LogFactorial(x[i + j * rows], lf);
-      o.observed_log += line;
-    }
-  }
+  o.observed_log = FisherLineLogWeight(x.data(), rows, cols, o.row_totals.data(),
+                                       o.col_totals.data(), lf);
   o.table_probability = std::exp(o.observed_log - o.L0);
   double lr = 0.0, lc = 0.0;
   for (int64_t r : o.row_totals) lr += std::log(static_cast<double>(r));
@@ -108,6 +98,16 @@ int FisherRun(std::vector<int64_t>& table, int64_t rows, int64_t cols, int64_t m
   if (TableTotals(table, rows, cols, o.row_totals, o.col_totals, o.N) != 0) return -1;
   ObservedRoute(table, rows, cols, lf.data(), o);
   PublishFisherAsymptotic(o, rows, cols);
+  if (method == 2) {
+    const FisherHitRule hit{rows, cols, o.row_totals.data(), o.col_totals.data(), lf.data(),
+                            o.observed_log};
+    McResult mc;
+    const int code = McRoute(table, rows, cols, o.row_totals, o.col_totals, lf.data(), hit, mc);
+    if (code != 0) return code;
+    PublishFisherAsymptotic(o, rows, cols);
+    PublishMonteCarlo(mc, o.fh);
+    return 0;
+  }
   if (method != 1) {
     UpdateElapsed();
     return 0;
@@ -128,7 +128,12 @@ void FisherDriver(const CallArgs& args) {
   std::vector<int64_t> work;
   int64_t code = BeginDriver(args, kFisherTraits, work);
   const RunStore& st = Store();
-  if (code == 0) code = FisherRun(work, st.row_count, st.column_count, st.run_method);
+  if (code == 0) {
+    if (st.row_count == 2 && st.column_count == 2)
+      code = TwoByTwoFisherRun(work.data());
+    else
+      code = FisherRun(work, st.row_count, st.column_count, st.run_method);
+  }
   EndDriver(code);
 }
 

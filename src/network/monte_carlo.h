@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstdint>
-#include <utility>
 #include <vector>
 
 #include "frame/failure_codes.h"
@@ -87,11 +86,11 @@ void McEstimate(int64_t hits, int64_t samples, double z, double confidence, McRe
 
 // The Monte Carlo loop: draws the first table into `table`, then for
 // m = 1 .. M counts a hit when hit(table) is true, reports every
-// McReportEvery tables (after polling the host), and draws the next table
-// while m < M.  Seeds, M, the interval and the quantile come from the
-// settings.  Updates the elapsed clock and fills `out`; publishes nothing.
-// Returns 0, -1 (memory) or kMcNoSamples.  A stop at a poll doesn't end
-// the loop: its code stands in the store.
+// McReportEvery tables after polling the host (below 1: at every table),
+// and draws the next table while m < M.  Seeds, M, the interval and the
+// quantile come from the settings.  Updates the elapsed clock and fills
+// `out`; publishes nothing.  Returns 0, -1 (memory) or kMcNoSamples.  A
+// stop at a poll doesn't end the loop: its code stands in the store.
 template <class HitRule>
 int McRoute(std::vector<int64_t>& table, int64_t rows, int64_t cols,
             const std::vector<int64_t>& row_totals, const std::vector<int64_t>& col_totals,

@@ -16,7 +16,9 @@ namespace {
 constexpr double kLogZero = -1e30;
 // Relative tolerance of the comparisons with the observed value.
 constexpr double kRelativeTolerance = 1e-7;
-// log sqrt(2 pi), the constant of the Freeman-Halton statistic.
+// The constant of the Freeman-Halton statistic: log sqrt(2 pi) in the
+// digits this statistic is published with (the true value differs from the
+// 11th digit on); changing it would change every published statistic.
 constexpr double kLogRootTwoPi = 0.9189385332699592;
 constexpr int64_t kPearsonCode = 7;
 constexpr int64_t kFisherCode = 32;

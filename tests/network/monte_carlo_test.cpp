@@ -1,0 +1,533 @@
+// The table sampler (margins, the switch between its two branches, the
+// order of its uniform draws, its law) and the Monte Carlo loop (estimates
+// against enumeration, the edge intervals, reports, repeatability).
+#include "network/monte_carlo.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <numeric>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "frame/failure_codes.h"
+#include "frame/progress.h"
+#include "frame/run_store.h"
+#include "kernel/distributions.h"
+#include "kernel/log_factorial.h"
+#include "kernel/random.h"
+#include "support/enumerate.h"
+
+namespace anvl::net {
+namespace {
+
+using support::Table;
+
+// A goodness-of-fit check fails a correct sampler with this probability.
+constexpr double kFalseAlarm = 1e-4;
+// Cells of a goodness-of-fit check hold at least this many expected draws;
+// the rarer outcomes are pooled into one cell.
+constexpr double kMinExpected = 5.0;
+// Monte Carlo estimates must lie within this many standard errors of the
+// exact p-value (a false alarm of about 6e-5 per estimate).
+constexpr double kStandardErrors = 4.0;
+
+constexpr int64_t kSeed2 = 29873, kSeed3 = 25317;
+
+std::string Margins(const std::vector<int64_t>& r, const std::vector<int64_t>& c) {
+  std::string s = "rows";
+  for (int64_t x : r) s += " " + std::to_string(x);
+  s += " / cols";
+  for (int64_t x : c) s += " " + std::to_string(x);
+  return s;
+}
+
+// Every row and column total of a column-major table.
+bool HasMargins(const std::vector<int64_t>& t, const std::vector<int64_t>& r,
+                const std::vector<int64_t>& c) {
+  const size_t rows = r.size(), cols = c.size();
+  for (size_t i = 0; i < rows; ++i) {
+    int64_t s = 0;
+    for (size_t j = 0; j < cols; ++j) {
+      if (t[i + j * rows] < 0) return false;
+      s += t[i + j * rows];
+    }
+    if (s != r[i]) return false;
+  }
+  for (size_t j = 0; j < cols; ++j) {
+    int64_t s = 0;
+    for (size_t i = 0; i < rows; ++i) s += t[i + j * rows];
+    if (s != c[j]) return false;
+  }
+  return true;
+}
+
+class SamplerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { BuildLogFactorials(lf_); }
+  LogFactorialTable lf_;
+};
+
+// ---------------------------------------------------------------------------
+// Margins and the branch switch.
+// ---------------------------------------------------------------------------
+
+TEST_F(SamplerTest, EveryDrawKeepsTheMarginsInBothBranches) {
+  struct Case {
+    std::vector<int64_t> rows, cols;
+    bool shuffles;
+    const char* source;
+  };
+  std::vector<int64_t> tens(100, 10), elevens(100, 10);
+  elevens[37] = 11;
+  std::vector<int64_t> cols_1001(100, 10);
+  cols_1001[62] = 11;
+  const Case cases[] = {
+      {{3, 5, 7}, {4, 4, 7}, true, "N 15 <= 10 x 3"},
+      {{7, 13}, {9, 11}, true, "N 20 = 10 x 2: still shuffled"},
+      {{7, 14}, {9, 12}, false, "N 21 > 10 x 2"},
+      {{1, 1, 1, 1, 27}, {2, 3, 26}, false, "N 31 > 10 x 3"},
+      {{40, 2, 300, 7}, {100, 200, 1, 48}, false, "N 349, uneven margins"},
+      {{600, 900}, {700, 800}, false, "N 1500: log factorials above the table"},
+      {tens, tens, true, "100 x 100, N 1000 = min(10 x 100, 1000): shuffled"},
+      {elevens, cols_1001, false, "100 x 100, N 1001: never shuffled"},
+      {{5000, 4000, 3000}, {1, 11999}, false, "a column total of 1"},
+  };
+  for (const Case& c : cases) {
+    TableSampler s;
+    ASSERT_EQ(s.Init(static_cast<int64_t>(c.rows.size()), static_cast<int64_t>(c.cols.size()),
+                     c.rows.data(), c.cols.data(), lf_.data()),
+              0);
+    EXPECT_EQ(s.Shuffles(), c.shuffles) << c.source;
+    RandomStream stream{4711, kSeed2, kSeed3};
+    std::vector<int64_t> t(c.rows.size() * c.cols.size(), -5);
+    const int draws = c.rows.size() >= 100 ? 20 : 2000;
+    for (int d = 0; d < draws; ++d) {
+      s.Draw(stream, t.data());
+      ASSERT_TRUE(HasMargins(t, c.rows, c.cols)) << c.source << ", draw " << d << ": "
+                                                 << Margins(c.rows, c.cols);
+    }
+  }
+}
+
+// Shuffling takes one uniform per exchange, N - 1 per table; the cell
+// draws take one per cell of the first rows - 1 rows and cols - 1 columns
+// when no search has to start again (which needs a rounding shortfall).
+TEST_F(SamplerTest, UniformsPerTable) {
+  struct Case {
+    std::vector<int64_t> rows, cols;
+    int64_t uniforms;
+    const char* source;
+  };
+  const Case cases[] = {
+      {{3, 5, 7}, {4, 4, 7}, 14, "shuffle: N - 1"},
+      {{7, 13}, {9, 11}, 19, "shuffle: N - 1"},
+      {{30, 50}, {35, 45}, 1, "2 x 2 cell draws"},
+      {{40, 2, 300, 7}, {100, 200, 1, 48}, 9, "4 x 4 cell draws"},
+  };
+  for (const Case& c : cases) {
+    TableSampler s;
+    ASSERT_EQ(s.Init(static_cast<int64_t>(c.rows.size()), static_cast<int64_t>(c.cols.size()),
+                     c.rows.data(), c.cols.data(), lf_.data()),
+              0);
+    RandomStream stream{99, kSeed2, kSeed3}, shadow = stream;
+    std::vector<int64_t> t(c.rows.size() * c.cols.size());
+    for (int d = 0; d < 200; ++d) {
+      s.Draw(stream, t.data());
+      for (int64_t k = 0; k < c.uniforms; ++k) NextUniform(shadow);
+      ASSERT_EQ(stream.s1, shadow.s1) << c.source << ", draw " << d;
+      ASSERT_EQ(stream.s2, shadow.s2) << c.source;
+      ASSERT_EQ(stream.s3, shadow.s3) << c.source;
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------
+// The cell draws against the search written out as a visiting order: t,
+// t + 1, t - 1, t + 2, t - 2, ... within the support, with probabilities
+// from lgammal, the first value whose running sum reaches u.  Any other
+// order would give the same law but other tables for the same seed.
+// ---------------------------------------------------------------------------
+
+long double LogHypergeometric(int64_t row, int64_t col, int64_t total, int64_t x) {
+  auto lf = [](int64_t n) { return lgammal(static_cast<long double>(n) + 1.0L); };
+  return lf(col) - lf(x) - lf(col - x) + lf(total - col) - lf(row - x) -
+         lf(total - col - row + x) - lf(total) + lf(row) + lf(total - row);
+}
+
+int64_t ReferenceCell(RandomStream& s, int64_t row, int64_t col, int64_t total) {
+  const int64_t lo = std::max<int64_t>(0, row + col - total), hi = std::min(row, col);
+  const int64_t t = static_cast<int64_t>(static_cast<double>(row) * static_cast<double>(col) /
+                                             static_cast<double>(total) +
+                                         0.5);
+  std::vector<int64_t> order{t};
+  for (int64_t k = 1; t + k <= hi || t - k >= lo; ++k) {
+    if (t + k <= hi) order.push_back(t + k);
+    if (t - k >= lo) order.push_back(t - k);
+  }
+  double u = NextUniform(s);
+  for (;;) {
+    long double sum = 0.0L;
+    for (int64_t x : order) {
+      sum += expl(LogHypergeometric(row, col, total, x));
+      if (sum >= u) return x;
+    }
+    u = static_cast<double>(sum) * NextUniform(s);
+  }
+}
+
+std::vector<int64_t> ReferenceTable(RandomStream& s, const std::vector<int64_t>& r,
+                                    const std::vector<int64_t>& c) {
+  const int64_t rows = static_cast<int64_t>(r.size()), cols = static_cast<int64_t>(c.size());
+  std::vector<int64_t> t(rows * cols, 0), left = c;
+  int64_t rest = std::accumulate(r.begin(), r.end(), int64_t{0});
+  for (int64_t i = 0; i + 1 < rows; ++i) {
+    int64_t row = r[i], total = rest;
+    rest -= row;
+    for (int64_t j = 0; j + 1 < cols && total > 0; ++j) {
+      const int64_t x = ReferenceCell(s, row, left[j], total);
+      t[i + j * rows] = x;
+      total -= left[j];
+      left[j] -= x;
+      row -= x;
+    }
+    t[i + (cols - 1) * rows] = row;
+  }
+  for (int64_t j = 0; j < cols; ++j) {
+    int64_t above = 0;
+    for (int64_t i = 0; i + 1 < rows; ++i) above += t[i + j * rows];
+    t[rows - 1 + j * rows] = c[j] - above;
+  }
+  return t;
+}
+
+TEST_F(SamplerTest, CellDrawsFollowTheOutwardSearch) {
+  struct Case {
+    std::vector<int64_t> rows, cols;
+    int64_t seed;
+    const char* source;
+  };
+  const Case cases[] = {
+      {{30, 50}, {35, 45}, 1, "2 x 2, mode inside"},
+      {{3, 97}, {95, 5}, 2, "2 x 2, support of 4 values at one end"},
+      {{11, 12, 13}, {9, 11, 16}, 3, "3 x 3"},
+      {{40, 2, 300, 7}, {100, 200, 1, 48}, 4, "4 x 4, uneven"},
+      {{600, 900}, {700, 800}, 5, "N 1500, Stirling's series above 500"},
+      {{1, 1, 1, 1, 27}, {2, 3, 26}, 6, "rows exhausted early"},
+  };
+  for (const Case& c : cases) {
+    TableSampler s;
+    ASSERT_EQ(s.Init(static_cast<int64_t>(c.rows.size()), static_cast<int64_t>(c.cols.size()),
+                     c.rows.data(), c.cols.data(), lf_.data()),
+              0);
+    ASSERT_FALSE(s.Shuffles()) << c.source;
+    RandomStream a{c.seed, kSeed2, kSeed3}, b = a;
+    std::vector<int64_t> t(c.rows.size() * c.cols.size());
+    for (int d = 0; d < 3000; ++d) {
+      s.Draw(a, t.data());
+      ASSERT_EQ(t, ReferenceTable(b, c.rows, c.cols)) << c.source << ", draw " << d;
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------
+// The law of the drawn tables: a chi-square goodness-of-fit test of the
+// frequencies of all tables against their enumerated probabilities.
+// ---------------------------------------------------------------------------
+
+double GoodnessOfFitP(const std::vector<int64_t>& r, const std::vector<int64_t>& c,
+                      const double* lf, int64_t seed, int draws, bool* shuffles) {
+  std::map<std::vector<int64_t>, long double> law;
+  support::EnumerateTables(r, c, [&](const Table& t, long double p) {
+    law[support::ColumnMajor(t)] = p;
+  });
+  TableSampler s;
+  if (s.Init(static_cast<int64_t>(r.size()), static_cast<int64_t>(c.size()), r.data(), c.data(),
+             lf) != 0)
+    return -1.0;
+  *shuffles = s.Shuffles();
+  std::map<std::vector<int64_t>, int64_t> seen;
+  RandomStream stream{seed, kSeed2, kSeed3};
+  std::vector<int64_t> t(r.size() * c.size());
+  for (int d = 0; d < draws; ++d) {
+    s.Draw(stream, t.data());
+    ++seen[t];
+  }
+  double x2 = 0.0, pooled_expected = 0.0, pooled_seen = 0.0;
+  int64_t cells = 0;
+  for (const auto& [table, p] : law) {
+    const double e = static_cast<double>(p) * draws;
+    const auto it = seen.find(table);
+    const double o = it == seen.end() ? 0.0 : static_cast<double>(it->second);
+    if (e < kMinExpected) {
+      pooled_expected += e;
+      pooled_seen += o;
+    } else {
+      x2 += (o - e) * (o - e) / e;
+      ++cells;
+    }
+  }
+  if (pooled_expected > 0.0) {
+    x2 += (pooled_seen - pooled_expected) * (pooled_seen - pooled_expected) / pooled_expected;
+    ++cells;
+  }
+  return ChiSquareTail(x2, cells - 1);
+}
+
+TEST_F(SamplerTest, DrawsFollowTheHypergeometricLaw) {
+  struct Case {
+    std::vector<int64_t> rows, cols;
+    bool shuffles;
+    const char* source;
+  };
+  const Case cases[] = {
+      {{7, 13}, {9, 11}, true, "2 x 2 shuffled: the first cell's law"},
+      {{30, 50}, {35, 45}, false, "2 x 2 by cell draws"},
+      {{4, 5, 6}, {5, 5, 5}, true, "3 x 3 shuffled"},
+      {{10, 11, 12}, {9, 11, 13}, false, "3 x 3 by cell draws, N 33"},
+      {{3, 6, 9, 4}, {8, 14}, false, "4 x 2 by cell draws"},
+  };
+  for (const Case& c : cases) {
+    bool shuffles = false;
+    const double p = GoodnessOfFitP(c.rows, c.cols, lf_.data(), 2024, 60000, &shuffles);
+    EXPECT_EQ(shuffles, c.shuffles) << c.source;
+    EXPECT_GT(p, kFalseAlarm) << c.source << ": " << Margins(c.rows, c.cols);
+  }
+}
+
+// ---------------------------------------------------------------------------
+// The Monte Carlo loop.
+// ---------------------------------------------------------------------------
+
+thread_local std::vector<std::string> t_lines;
+thread_local int t_polls = 0;
+thread_local int64_t t_poll_answer = 0;
+
+void CountPoll(int64_t* flag) {
+  ++t_polls;
+  if (*flag == 0) *flag = t_poll_answer;
+}
+void KeepText(const char* text, int32_t*, int64_t*, int64_t length) {
+  t_lines.emplace_back(text, static_cast<size_t>(length));
+}
+
+class McRouteTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ResetStore();
+    Host() = HostContact{};
+    Host().poll = CountPoll;
+    Host().text = KeepText;
+    t_lines.clear();
+    t_polls = 0;
+    t_poll_answer = 0;
+    BuildLogFactorials(lf_);
+    Configure(12345, 10000, 0.99, 100);
+    StartTimeLimit();
+    StartTicks();
+  }
+  void TearDown() override { Host() = HostContact{}; }
+
+  static void Configure(int64_t seed, int64_t samples, double confidence, int64_t every) {
+    SetSetting(setting::kMcSeed1, seed);
+    SetSetting(setting::kMcSeed2, kSeed2);
+    SetSetting(setting::kMcSeed3, kSeed3);
+    SetSetting(setting::kMcSamples, samples);
+    SetSetting(setting::kMcConfidence, confidence);
+    SetSetting(setting::kMcQuantileLevel, (1.0 + confidence) / 2.0);
+    SetSetting(setting::kMcReportEvery, every);
+  }
+
+  LogFactorialTable lf_;
+};
+
+struct McCase {
+  std::vector<std::vector<int64_t>> table;
+  const char* source;
+};
+const McCase kMcCases[] = {
+    {{{2, 1, 1}, {0, 3, 2}, {1, 0, 4}}, "3 x 3, N 14: shuffled"},
+    {{{3, 0, 2, 5, 1}, {4, 7, 3, 1, 6}}, "2 x 5, N 32: cell draws"},
+    {{{1, 4, 2}, {3, 0, 5}, {2, 2, 1}, {0, 4, 1}}, "4 x 3, N 25: shuffled"},
+    {{{5, 2, 1, 0}, {1, 6, 3, 2}, {2, 2, 8, 9}}, "3 x 4, N 41: cell draws"},
+};
+
+// The estimates of both rules against the exact p-values of enumeration:
+// Pearson's with the hit margin 5e-5 of obs, Fisher's with its tie rule.
+TEST_F(McRouteTest, EstimatesAgreeWithEnumeration) {
+  for (const McCase& c : kMcCases) {
+    const Table t = support::MakeTable(c.table);
+    const std::vector<int64_t> r = support::RowTotals(t), col = support::ColTotals(t);
+    const int64_t rows = t.rows, cols = t.cols, N = support::GrandTotal(t);
+    const std::vector<int64_t> observed = support::ColumnMajor(t);
+    const double x2 = TablePearsonX2(observed.data(), rows, cols, r.data(), col.data(), N);
+    const double fisher_log =
+        FisherLineLogWeight(observed.data(), rows, cols, r.data(), col.data(), lf_.data());
+    const auto tails = support::PearsonTails(t, 1.0 - kPearsonHitFactor, 0.0);
+    const double pearson_exact = static_cast<double>(tails.above + tails.equal);
+    const double fisher_exact = static_cast<double>(support::FisherPValue(t));
+
+    std::vector<int64_t> work = observed;
+    McResult pr;
+    ASSERT_EQ(McRoute(work, rows, cols, r, col, lf_.data(),
+                      PearsonHitRule{rows, cols, r.data(), col.data(), N, x2}, pr),
+              0);
+    McResult fr;
+    ASSERT_EQ(McRoute(work, rows, cols, r, col, lf_.data(),
+                      FisherHitRule{rows, cols, r.data(), col.data(), lf_.data(), fisher_log}, fr),
+              0);
+    for (const auto& [name, exact, got] :
+         {std::tuple{"Pearson", pearson_exact, pr}, std::tuple{"Fisher", fisher_exact, fr}}) {
+      const double se = std::sqrt(exact * (1.0 - exact) / 10000.0);
+      EXPECT_NEAR(got.estimate, exact, kStandardErrors * se)
+          << name << ", " << c.source << ": " << support::Describe(t);
+      EXPECT_EQ(got.samples, 10000);
+      EXPECT_LE(got.low, got.estimate);
+      EXPECT_GE(got.high, got.estimate);
+    }
+  }
+}
+
+// The interval for no hit, all hits, and a hit rate inside (0, 1), with
+// the level 0.99 over 50 tables and 0.95 over 100; hand values.
+TEST_F(McRouteTest, IntervalsAtAndBetweenTheEdges) {
+  struct Case {
+    int64_t samples, hits_every;  // a hit on every k-th table (0: never)
+    double confidence, estimate, low, high;
+    const char* source;
+  };
+  const Case cases[] = {
+      {50, 0, 0.99, 0.0, 0.0, 0.087989160644090236, "no hit: 1 - 0.01^(1/50)"},
+      {50, 1, 0.99, 1.0, 0.91201083935590976, 1.0, "all hits: 0.01^(1/50)"},
+      {100, 10, 0.95, 0.1, 0.1 - 0.058799, 0.1 + 0.058799,
+       "10 of 100: 1.959964 sqrt(0.09 / 100)"},
+  };
+  const Table t = support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
+  const std::vector<int64_t> r = support::RowTotals(t), col = support::ColTotals(t);
+  for (const Case& c : cases) {
+    Configure(777, c.samples, c.confidence, 1000);
+    std::vector<int64_t> work = support::ColumnMajor(t);
+    int64_t calls = 0;
+    auto rule = [&](const int64_t*) {
+      ++calls;
+      return c.hits_every != 0 && calls % c.hits_every == 0;
+    };
+    McResult out;
+    ASSERT_EQ(McRoute(work, 3, 3, r, col, lf_.data(), rule, out), 0);
+    EXPECT_EQ(calls, c.samples) << c.source;
+    EXPECT_EQ(out.estimate, c.estimate) << c.source;
+    EXPECT_NEAR(out.low, c.low, 1e-6) << c.source;
+    EXPECT_NEAR(out.high, c.high, 1e-6) << c.source;
+
+    PublishMonteCarlo(out, 7.25);
+    EXPECT_EQ(Slot(slot::kStatistic).value, 7.25);
+    EXPECT_EQ(Slot(slot::kMcTwoSided).value, c.estimate) << c.source;
+    EXPECT_NEAR(Slot(slot::kMcTwoSidedLow).value, std::max(0.0, c.low), 1e-6) << c.source;
+    EXPECT_NEAR(Slot(slot::kMcTwoSidedHigh).value, std::min(1.0, c.high), 1e-6) << c.source;
+    EXPECT_NEAR(Slot(slot::kMcPercent).value, 100.0 * c.confidence, 1e-12);
+    EXPECT_EQ(Slot(slot::kMcCount).value, static_cast<double>(c.samples));
+    EXPECT_EQ(Slot(slot::kMcSeed).value, 777.0);
+    EXPECT_EQ(Slot(slot::kMcTwoSidedHigh).status, kStatusPublished);
+    EXPECT_EQ(Word(word::kPublishedMethod), 2);
+  }
+}
+
+// A rule that folds every table it sees into a fingerprint.
+struct Fingerprint {
+  uint64_t* hash;
+  bool operator()(const int64_t* t) const {
+    for (int k = 0; k < 20; ++k) *hash = (*hash ^ static_cast<uint64_t>(t[k])) * 1099511628211ull;
+    return t[0] >= 3;
+  }
+};
+
+// The same seed gives the same tables, hits and final table; another seed
+// other tables.  The route leaves the M-th table in place: no draw after it.
+TEST_F(McRouteTest, SameSeedRepeatsTheRunAndEndsOnTheLastTable) {
+  const std::vector<int64_t> r{3, 5, 4, 2, 6}, c{7, 2, 2, 9};  // N 20 <= 10 x 4: shuffled
+  const std::vector<int64_t> r2{30, 5, 4, 2, 6}, c2{34, 2, 2, 9};  // N 47: cell draws
+  for (const auto& [rows_t, cols_t] : {std::pair{r, c}, std::pair{r2, c2}}) {
+    auto run = [&](int64_t seed, std::vector<int64_t>* last) {
+      Configure(seed, 500, 0.99, 100);
+      std::vector<int64_t> work(20, 0);
+      uint64_t hash = 1469598103934665603ull;
+      McResult out;
+      EXPECT_EQ(McRoute(work, 5, 4, rows_t, cols_t, lf_.data(), Fingerprint{&hash}, out), 0);
+      if (last) *last = work;
+      return std::pair{hash, out.hits};
+    };
+    std::vector<int64_t> last;
+    const auto first = run(31, &last);
+    EXPECT_EQ(run(31, nullptr), first);
+    EXPECT_NE(run(32, nullptr).first, first.first);
+
+    TableSampler s;
+    ASSERT_EQ(s.Init(5, 4, rows_t.data(), cols_t.data(), lf_.data()), 0);
+    RandomStream stream{31, kSeed2, kSeed3};
+    std::vector<int64_t> t(20);
+    for (int m = 0; m < 500; ++m) s.Draw(stream, t.data());
+    EXPECT_EQ(last, t);
+  }
+}
+
+// Reports fall every McReportEvery tables, each after a poll of the host;
+// an interval above M sends none and changes nothing in the results.
+TEST_F(McRouteTest, ReportsAndPollsDoNotChangeTheResult) {
+  const Table t = support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
+  const std::vector<int64_t> r = support::RowTotals(t), col = support::ColTotals(t);
+  const std::vector<int64_t> observed = support::ColumnMajor(t);
+  const double x2 = TablePearsonX2(observed.data(), 3, 3, r.data(), col.data(), 14);
+  auto run = [&](int64_t every) {
+    Configure(5, 350, 0.95, every);
+    std::vector<int64_t> work = observed;
+    McResult out;
+    EXPECT_EQ(McRoute(work, 3, 3, r, col, lf_.data(),
+                      PearsonHitRule{3, 3, r.data(), col.data(), 14, x2}, out),
+              0);
+    return out;
+  };
+  const McResult reported = run(100);
+  EXPECT_EQ(t_polls, 3);
+  ASSERT_EQ(t_lines.size(), 3u);
+  for (const std::string& line : t_lines) EXPECT_EQ(line.back(), ')') << line;
+  t_lines.clear();
+  t_polls = 0;
+  const McResult silent = run(351);
+  EXPECT_EQ(t_polls, 0);
+  EXPECT_TRUE(t_lines.empty());
+  EXPECT_EQ(silent.hits, reported.hits);
+  EXPECT_EQ(silent.low, reported.low);
+  EXPECT_EQ(silent.high, reported.high);
+}
+
+// A stop from the host at a report sets -6 and the loop still makes all
+// M tables; no table at all is the failure kMcNoSamples.
+TEST_F(McRouteTest, StopAtAPollAndNoSamples) {
+  const std::vector<int64_t> r{4, 6}, c{5, 5};
+  std::vector<int64_t> work(4, 0);
+  int64_t calls = 0;
+  auto rule = [&](const int64_t*) { return ++calls % 2 == 0; };
+  Configure(9, 400, 0.99, 100);
+  t_poll_answer = 1;
+  McResult out;
+  EXPECT_EQ(McRoute(work, 2, 2, r, c, lf_.data(), rule, out), 0);
+  EXPECT_EQ(calls, 400);
+  EXPECT_EQ(out.hits, 200);
+  EXPECT_EQ(FailureCode(), fail::kStoppedByHost);
+
+  ResetStore();
+  t_poll_answer = 0;
+  calls = 0;
+  for (int64_t samples : {0, -3}) {
+    Configure(9, samples, 0.99, 100);
+    EXPECT_EQ(McRoute(work, 2, 2, r, c, lf_.data(), rule, out), kMcNoSamples);
+    EXPECT_EQ(calls, 0);
+  }
+}
+
+}  // namespace
+}  // namespace anvl::net

@@ -1,0 +1,169 @@
+// Self-checks of the brute-force table enumerator against hand computations
+// and published values, so that other tests can trust it as a reference.
+#include "support/enumerate.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <set>
+
+namespace anvl::support {
+namespace {
+
+// Published values are given to 9 decimals: half a unit in the last place.
+constexpr double kPublishedTol = 5e-10;
+// Sums of a few thousand long double probabilities: far below double rounding.
+constexpr long double kSumTol = 1e-15L;
+// Relative tolerance of the Pearson comparison on tables with more than two
+// columns: the single-precision 5e-5 widened to double.
+constexpr double kPearsonRelTol = 4.999999873689376e-05;
+
+TEST(EnumerateTables, TwoByTwoHandProbabilities) {
+  // Margins 4, 4 / 4, 4: x11 = k has P = C(4,k) C(4,4-k) / C(8,4).
+  const Table observed = MakeTable({{3, 1}, {1, 3}});
+  std::vector<long double> byX11(5, -1.0L);
+  const uint64_t count =
+      EnumerateTables(RowTotals(observed), ColTotals(observed), [&](const Table& t, long double p) {
+        ASSERT_EQ(t.at(0, 0) + t.at(0, 1), 4) << Describe(t);
+        ASSERT_EQ(t.at(0, 0) + t.at(1, 0), 4) << Describe(t);
+        ASSERT_EQ(t.at(1, 1), t.at(0, 0)) << Describe(t);
+        byX11[t.at(0, 0)] = p;
+      });
+  EXPECT_EQ(count, 5u);
+  const double hand[5] = {1.0 / 70, 16.0 / 70, 36.0 / 70, 16.0 / 70, 1.0 / 70};
+  for (int k = 0; k < 5; ++k)
+    EXPECT_NEAR(static_cast<double>(byX11[k]), hand[k], 1e-17) << "x11 = " << k;
+  // Fisher: the tables no more probable than 16/70: 1 + 16 + 16 + 1.
+  const FisherResult f = FisherExact(observed);
+  EXPECT_NEAR(static_cast<double>(f.pValue), 34.0 / 70, 1e-16);
+  EXPECT_NEAR(static_cast<double>(f.pointProb), 16.0 / 70, 1e-17);
+}
+
+TEST(EnumerateTables, PublishedThreeByThree) {
+  struct Case {
+    std::vector<std::vector<int64_t>> rows;
+    double x2, above, equal, fisher;
+    const char* source;
+  };
+  const Case cases[] = {
+      {{{2, 1, 1}, {0, 3, 2}, {1, 0, 4}}, 7.275, 0.134199134, 0.023310023, 0.154179154,
+       "published worked example of the exact Pearson and Fisher tests, 3 x 3, N = 14"},
+  };
+  for (const Case& c : cases) {
+    const Table t = MakeTable(c.rows);
+    SCOPED_TRACE(Describe(t) + " (" + c.source + ")");
+    EXPECT_NEAR(PearsonX2(t), c.x2, 1e-12);
+    const TailResult tails = EnumerateTails(t, PearsonX2, kPearsonRelTol, 0.0);
+    EXPECT_NEAR(static_cast<double>(tails.above), c.above, kPublishedTol);
+    EXPECT_NEAR(static_cast<double>(tails.equal), c.equal, kPublishedTol);
+    EXPECT_NEAR(static_cast<double>(tails.above + tails.equal + tails.below), 1.0, 1e-15);
+    EXPECT_NEAR(static_cast<double>(FisherPValue(t)), c.fisher, kPublishedTol);
+  }
+}
+
+TEST(EnumerateTables, CountsMatchClosedForms) {
+  struct Case {
+    std::vector<int64_t> rowTotals, colTotals;
+    uint64_t count;
+    const char* source;
+  };
+  const Case cases[] = {
+      // 3 x 3 with all margins n: (n+1)(n+2)(n^2+3n+4)/8 tables.
+      {{3, 3, 3}, {3, 3, 3}, 55, "(n+1)(n+2)(n^2+3n+4)/8 at n = 3"},
+      {{5, 5, 5}, {5, 5, 5}, 231, "(n+1)(n+2)(n^2+3n+4)/8 at n = 5"},
+      // 2 x c with first row a: compositions of a into c parts capped by c_j.
+      {{4, 6}, {2, 3, 5}, 11, "first rows (x1 <= 2, x2 <= 3, x3 <= 5) summing to 4, by hand"},
+      // n x n with all margins 1: the n! permutation matrices.
+      {{1, 1, 1, 1, 1}, {1, 1, 1, 1, 1}, 120, "permutation matrices, 5!"},
+      {{7}, {2, 5}, 1, "one row: the column totals"},
+      {{0, 3}, {3, 0}, 1, "zero margins leave one table"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.source);
+    long double total = 0;
+    std::set<std::vector<int64_t>> seen;
+    const uint64_t visited = EnumerateTables(c.rowTotals, c.colTotals, [&](const Table& t, long double p) {
+      total += p;
+      seen.insert(t.cells);
+      EXPECT_EQ(RowTotals(t), c.rowTotals) << Describe(t);
+      EXPECT_EQ(ColTotals(t), c.colTotals) << Describe(t);
+    });
+    EXPECT_EQ(visited, c.count);
+    EXPECT_EQ(seen.size(), c.count) << "a table was visited twice";
+    EXPECT_EQ(CountTables(c.rowTotals, c.colTotals, 1000000), c.count);
+    EXPECT_NEAR(static_cast<double>(total), 1.0, 1e-15);
+  }
+  // Counting stops just past the limit (2 x 10^9 tables with these margins).
+  EXPECT_EQ(CountTables({6, 6, 6, 6, 6}, {5, 5, 5, 5, 5, 5}, 1000), 1001u);
+}
+
+TEST(EnumerateTables, RandomMarginsSumToOneAndFastPathAgrees) {
+  std::mt19937_64 rng(20240611);
+  struct Shape {
+    int rows, cols;
+    int64_t n;
+  };
+  const Shape shapes[] = {{2, 2, 15}, {2, 5, 12}, {3, 3, 12}, {3, 4, 14}, {4, 3, 10}, {4, 5, 11}, {5, 6, 10}};
+  for (const Shape& s : shapes) {
+    for (int rep = 0; rep < 6; ++rep) {
+      const Table t = rep % 2 == 0 ? RandomTable(rng, s.rows, s.cols, s.n)
+                                   : RandomSkewedTable(rng, s.rows, s.cols, s.n);
+      SCOPED_TRACE(Describe(t));
+      ASSERT_EQ(GrandTotal(t), s.n);
+      for (int64_t r : RowTotals(t)) ASSERT_GE(r, 1);
+      for (int64_t c : ColTotals(t)) ASSERT_GE(c, 1);
+
+      long double total = 0;
+      bool found = false;
+      const long double pObs = expl(LogTableProbability(t));
+      EnumerateTables(RowTotals(t), ColTotals(t), [&](const Table& x, long double p) {
+        total += p;
+        if (x.cells == t.cells) {
+          found = true;
+          EXPECT_NEAR(static_cast<double>(p / pObs), 1.0, 1e-15);
+        }
+      });
+      EXPECT_TRUE(found) << "observed table not visited";
+      EXPECT_NEAR(static_cast<double>(total), 1.0, static_cast<double>(kSumTol));
+
+      const TailResult generic = EnumerateTails(t, PearsonX2, kPearsonRelTol, 0.0);
+      const TailResult fast = PearsonTails(t, kPearsonRelTol, 0.0);
+      EXPECT_EQ(generic.tables, fast.tables);
+      EXPECT_NEAR(static_cast<double>(generic.above), static_cast<double>(fast.above), 1e-15);
+      EXPECT_NEAR(static_cast<double>(generic.equal), static_cast<double>(fast.equal), 1e-15);
+      EXPECT_NEAR(static_cast<double>(generic.below), static_cast<double>(fast.below), 1e-15);
+      EXPECT_GE(generic.equal, pObs * (1 - 1e-15L)) << "observed table outside its own tie band";
+
+      // Fisher's p-value holds the observed table and at most everything.
+      const FisherResult f = FisherExact(t);
+      EXPECT_GE(f.pValue, f.pointProb * (1 - 1e-15L));
+      EXPECT_LE(f.pValue, 1.0L + kSumTol);
+    }
+  }
+}
+
+TEST(EnumerateTables, TailsSplitByToleranceBand) {
+  // X2 of 2 x 2 tables with margins 4, 4 / 4, 4: 8 (x11 = 0, 4), 2 (1, 3), 0 (2).
+  const Table observed = MakeTable({{3, 1}, {1, 3}});
+  const TailResult exact = EnumerateTails(observed, PearsonX2, 0.0, 1e-9);
+  EXPECT_NEAR(static_cast<double>(exact.above), 2.0 / 70, 1e-17);
+  EXPECT_NEAR(static_cast<double>(exact.equal), 32.0 / 70, 1e-17);
+  EXPECT_NEAR(static_cast<double>(exact.below), 36.0 / 70, 1e-17);
+  // An absolute band of 2.5 around obs = 2 takes in X2 = 0 too.
+  const TailResult wide = EnumerateTails(observed, PearsonX2, 0.0, 2.5);
+  EXPECT_NEAR(static_cast<double>(wide.equal), 68.0 / 70, 1e-17);
+  // A relative band of 1.5 x obs = 3 reaches X2 = 0 as well.
+  const TailResult rel = EnumerateTails(observed, PearsonX2, 1.5, 0.0);
+  EXPECT_NEAR(static_cast<double>(rel.equal), 68.0 / 70, 1e-17);
+}
+
+TEST(EnumerateTables, ColumnMajorRunsRowIndexFastest) {
+  const Table t = MakeTable({{1, 2, 3}, {4, 5, 6}});
+  EXPECT_EQ(ColumnMajor(t), (std::vector<int64_t>{1, 4, 2, 5, 3, 6}));
+  const Table back = FromColumnMajor(2, 3, ColumnMajor(t));
+  EXPECT_EQ(back.cells, t.cells);
+  EXPECT_EQ(back.at(1, 0), 4);
+}
+
+}  // namespace
+}  // namespace anvl::support

@@ -1,0 +1,62 @@
+// Reader of the committed peer reference values for two-way tables
+// (tests/data/*_refs.csv, written by tests/data/gen_table_refs.R). Cells are
+// kept as in the files: column-major, the row index running fastest, which is
+// the engine's order; table() gives the row-major Table of enumerate.h.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "support/enumerate.h"
+
+namespace anvl::support {
+
+// Pearson's chi-square and the nominal measures of one table.
+struct ChisqRef {
+  std::string id;
+  int rows = 0, cols = 0;
+  std::vector<int64_t> cells;  // column-major
+  double x2 = 0;               // Pearson's X2 without continuity correction
+  int df = 0;
+  double p = 0;                // asymptotic upper tail of chi-square(df)
+  double phi = 0, contingency = 0, cramerV = 0;
+  Table table() const { return FromColumnMajor(rows, cols, cells); }
+};
+
+// Fisher's exact test of one table.
+struct FisherRef {
+  std::string id;
+  int rows = 0, cols = 0;
+  std::vector<int64_t> cells;  // column-major
+  double p = 0;
+  Table table() const { return FromColumnMajor(rows, cols, cells); }
+};
+
+// Median test: the table (rows = samples, columns = ordered levels with
+// scores), the cut, the collapsed rows x 2 table (above the cut, the rest) and
+// Pearson's X2 of the collapsed table.
+struct MedianRef {
+  std::string id;
+  int rows = 0, cols = 0;
+  std::vector<int64_t> cells;      // column-major, rows x cols
+  std::vector<double> scores;      // one per column
+  double cut = 0;
+  std::vector<int64_t> collapsed;  // column-major, rows x 2
+  double x2 = 0;
+  int df = 0;
+  double p = 0;
+  Table table() const { return FromColumnMajor(rows, cols, cells); }
+  Table collapsedTable() const { return FromColumnMajor(rows, 2, collapsed); }
+};
+
+// Directory of the data files: the compile definition ANVL_TEST_DATA.
+std::string TestDataDir();
+
+// Each reads its file from TestDataDir(); throws std::runtime_error when the
+// file is missing or a line doesn't parse.
+std::vector<ChisqRef> LoadChisqRefs();
+std::vector<FisherRef> LoadFisherRefs();
+std::vector<MedianRef> LoadMedianRefs();
+
+}  // namespace anvl::support
