@@ -7,33 +7,17 @@
 #include <vector>
 
 #include "anvlwtq.h"
+#include "support/host_call.h"
 
 namespace {
 
-constexpr double kMissing = -777.25;
+using anvl::support::HostCall;
+constexpr double kMissing = anvl::support::kTestFiller;
 
-struct Call {
-  int64_t ip[TQ_INT_COUNT] = {};
-  double rp[TQ_REAL_COUNT] = {};
-  std::vector<double> values;
-  std::vector<int64_t> weights;
-  std::vector<int64_t> table;
-  int64_t rows = 0, cols = 0;
-  double record[TQ_RECORD_LENGTH];
-
-  explicit Call(int64_t procedure, int64_t method = TQ_METHOD_EXACT) {
-    ip[TQ_INT_PROCEDURE] = procedure;
-    ip[TQ_INT_METHOD] = method;
-    ip[TQ_INT_DATA_FORM] = 2;
-    ip[TQ_INT_MEMORY] = -1;
-    rp[TQ_REAL_MISSING] = kMissing;
-  }
-  void Run(int64_t case_rows = 1) {
-    TQCALLER(nullptr, nullptr, ip, rp, table.empty() ? nullptr : table.data(), rows, cols,
-             nullptr, nullptr, values.empty() ? nullptr : values.data(),
-             static_cast<int64_t>(values.size()) / case_rows, case_rows,
-             weights.empty() ? nullptr : weights.data(), record, "");
-  }
+// A call on case data: the binomial test's form.
+struct Call : HostCall {
+  explicit Call(int64_t procedure) : HostCall(procedure, TQ_METHOD_EXACT) {}
+  void Run() { RunCases(); }
 };
 
 TEST(EntryPoint, UnknownAndUnbuiltCodesAreRefusedWithThePrefill) {
@@ -43,10 +27,10 @@ TEST(EntryPoint, UnknownAndUnbuiltCodesAreRefusedWithThePrefill) {
     c.weights = {3, 4};
     c.Run();
     SCOPED_TRACE(code);
-    EXPECT_EQ(c.record[48], -1003.0);
-    for (int f : {42, 43, 44, 49}) EXPECT_EQ(c.record[f], 0.0) << "field " << f;
-    for (int f = 0; f <= 41; ++f) EXPECT_EQ(c.record[f], kMissing) << "field " << f;
-    for (int f = 45; f <= 47; ++f) EXPECT_EQ(c.record[f], kMissing) << "field " << f;
+    EXPECT_EQ(c.f[48], -1003.0);
+    for (int i : {42, 43, 44, 49}) EXPECT_EQ(c.f[i], 0.0) << "field " << i;
+    for (int i = 0; i <= 41; ++i) EXPECT_EQ(c.f[i], kMissing) << "field " << i;
+    for (int i = 45; i <= 47; ++i) EXPECT_EQ(c.f[i], kMissing) << "field " << i;
   }
 }
 
@@ -56,12 +40,12 @@ TEST(EntryPoint, FailedRunShowsOnlyFillerFailureAndElapsed) {
   c.values = {1, 0};
   c.weights = {7, 5};
   c.Run();
-  EXPECT_EQ(c.record[48], -1308.0);
-  for (int f = 0; f <= 41; ++f) EXPECT_EQ(c.record[f], kMissing) << "field " << f;
-  for (int f = 45; f <= 47; ++f) EXPECT_EQ(c.record[f], kMissing) << "field " << f;
-  EXPECT_GE(c.record[44], 0.0);
-  EXPECT_LT(c.record[44], 60.0);
-  EXPECT_EQ(c.record[49], 0.0);
+  EXPECT_EQ(c.f[48], -1308.0);
+  for (int i = 0; i <= 41; ++i) EXPECT_EQ(c.f[i], kMissing) << "field " << i;
+  for (int i = 45; i <= 47; ++i) EXPECT_EQ(c.f[i], kMissing) << "field " << i;
+  EXPECT_GE(c.f[44], 0.0);
+  EXPECT_LT(c.f[44], 60.0);
+  EXPECT_EQ(c.f[49], 0.0);
 }
 
 TEST(EntryPoint, TwoThreadsAtOnceGetTheRecordsOfSeparateCalls) {
@@ -83,8 +67,35 @@ TEST(EntryPoint, TwoThreadsAtOnceGetTheRecordsOfSeparateCalls) {
     t1.join();
     t2.join();
     for (int f = 0; f < 42; ++f) {
-      ASSERT_EQ(ta.record[f], a_alone.record[f]) << "field " << f;
-      ASSERT_EQ(tb.record[f], b_alone.record[f]) << "field " << f;
+      ASSERT_EQ(ta.f[f], a_alone.f[f]) << "field " << f;
+      ASSERT_EQ(tb.f[f], b_alone.f[f]) << "field " << f;
+    }
+  }
+}
+
+}  // namespace
+
+namespace {
+
+TEST(EntryPoint, TwoNetworkRunsAtOnceWithTheirOwnSpillFiles) {
+  const auto job = anvl::support::MakeTable({{1, 2, 1, 0}, {3, 3, 6, 1}, {10, 10, 14, 9}, {6, 7, 12, 11}});
+  const auto small = anvl::support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
+  HostCall a(TQ_PROC_CHISQ, TQ_METHOD_EXACT), b(TQ_PROC_FISHER, TQ_METHOD_EXACT);
+  a.spill = "/tmp/anvl-entry-test-a.spill";
+  b.spill = "/tmp/anvl-entry-test-b.spill";
+  HostCall a_alone = a, b_alone = b;
+  a_alone.Run(job);
+  b_alone.Run(small);
+  ASSERT_EQ(a_alone.f[48], 0.0);
+  ASSERT_EQ(b_alone.f[48], 0.0);
+  for (int round = 0; round < 3; ++round) {
+    std::thread t1([&] { for (int i = 0; i < 3; ++i) a.Run(job); });
+    std::thread t2([&] { for (int i = 0; i < 200; ++i) b.Run(small); });
+    t1.join();
+    t2.join();
+    for (int i = 0; i < 42; ++i) {
+      ASSERT_EQ(a.f[i], a_alone.f[i]) << "field " << i;
+      ASSERT_EQ(b.f[i], b_alone.f[i]) << "field " << i;
     }
   }
 }

@@ -9,10 +9,11 @@
 #include "anvlwtq.h"
 #include "kernel/binomial.h"
 #include "kernel/log_sum.h"
+#include "support/host_call.h"
 
 namespace {
 
-constexpr double kMissing = -1.0e300;
+constexpr double kMissing = anvl::support::kTestFiller;
 
 long double Pmf(int64_t n, int64_t k, long double p) {
   return std::exp(std::lgamma((long double)n + 1) - std::lgamma((long double)k + 1) -
@@ -36,14 +37,14 @@ struct Record {
 
 Record RunBinomial(std::vector<double> values, std::vector<int64_t> weights, double p0,
                    int64_t case_rows = 1) {
-  int64_t ip[TQ_INT_COUNT] = {TQ_PROC_BINOMIAL, TQ_METHOD_EXACT, 2, 0, 0, 0, 0, 0, 0, -1};
-  double rp[TQ_REAL_COUNT] = {};
-  rp[TQ_REAL_P0] = p0;
-  rp[TQ_REAL_MISSING] = kMissing;
+  anvl::support::HostCall call(TQ_PROC_BINOMIAL, TQ_METHOD_EXACT);
+  call.values = std::move(values);
+  call.weights = std::move(weights);
+  call.case_rows = case_rows;
+  call.rp[TQ_REAL_P0] = p0;
+  call.RunCases();
   Record r;
-  TQCALLER(nullptr, nullptr, ip, rp, nullptr, 0, 0, nullptr, nullptr, values.data(),
-           static_cast<int64_t>(values.size()) / case_rows, case_rows, weights.data(), r.f,
-           nullptr);
+  std::copy(call.f, call.f + TQ_RECORD_LENGTH, r.f);
   return r;
 }
 

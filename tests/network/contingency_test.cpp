@@ -13,42 +13,13 @@
 
 #include "anvlwtq.h"
 #include "support/enumerate.h"
+#include "support/host_call.h"
 
 namespace {
 
+using anvl::support::HostCall;
 using anvl::support::Table;
-constexpr double kMissing = -99999.5;
-
-struct Call {
-  int64_t ip[TQ_INT_COUNT] = {};
-  double rp[TQ_REAL_COUNT] = {};
-  std::vector<double> scores;
-  double record[TQ_RECORD_LENGTH];
-  std::string spill;
-  TqPollRoutine poll = nullptr;
-
-  Call(int64_t procedure, int64_t method) {
-    ip[TQ_INT_PROCEDURE] = procedure;
-    ip[TQ_INT_METHOD] = method;
-    ip[TQ_INT_DATA_FORM] = 1;
-    ip[TQ_INT_MEMORY] = -1;
-    rp[TQ_REAL_MISSING] = kMissing;
-  }
-  const double* Run(const Table& t) {
-    const std::vector<int64_t> cells = anvl::support::ColumnMajor(t);
-    TQCALLER(poll, nullptr, ip, rp, cells.data(), t.rows, t.cols, nullptr,
-             scores.empty() ? nullptr : scores.data(), nullptr, 0, 0, nullptr, record,
-             spill.c_str());
-    return record;
-  }
-};
-
-std::vector<int> PublishedFields(const double* r) {
-  std::vector<int> f;
-  for (int i = 0; i < TQ_RECORD_LENGTH; ++i)
-    if (i != 42 && i != 43 && i != 44 && i != 48 && i != 49 && r[i] != kMissing) f.push_back(i);
-  return f;
-}
+constexpr double kMissing = anvl::support::kTestFiller;
 
 const Table kWorked = anvl::support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
 
@@ -66,26 +37,23 @@ TEST(ContingencyRecord, CarriesExactlyTheFieldsOfEachProcedure) {
       {TQ_PROC_NOMINAL, TQ_METHOD_ASYMPTOTIC, {0, 3, 6, 9, 24, 27}},
   };
   for (const Case& c : cases) {
-    Call call(c.procedure, c.method);
-    if (c.procedure == TQ_PROC_MEDIAN) {
-      call.scores = {10, 20, 30};
-      call.ip[TQ_INT_CUT_RULE] = 13;
-      call.rp[TQ_REAL_MEDIAN_CUT] = 15;
-    }
+    HostCall call(c.procedure, c.method);
+    if (c.procedure == TQ_PROC_MEDIAN) call.MedianCut({10, 20, 30}, 15);
     const double* r = call.Run(kWorked);
     EXPECT_EQ(r[48], 0.0) << c.procedure;
-    EXPECT_EQ(PublishedFields(r), c.fields) << "procedure " << c.procedure << " method " << c.method;
+    EXPECT_EQ(call.Published(), c.fields) << "procedure " << c.procedure << " method " << c.method;
   }
 }
 
 TEST(ContingencyRecord, WorkedTableExactValues) {
-  Call call(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
+  HostCall call(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
   const double* r = call.Run(kWorked);
   EXPECT_NEAR(r[0], 7.275, 1e-12);
   EXPECT_NEAR(r[16], 0.157509158, 1e-9);
   EXPECT_NEAR(r[17], 0.023310023, 1e-9);
-  Call method0(TQ_PROC_CHISQ, 0);  // no method given: asymptotic only
-  EXPECT_EQ(PublishedFields(method0.Run(kWorked)), std::vector<int>{0});
+  HostCall method0(TQ_PROC_CHISQ, 0);  // no method given: asymptotic only
+  method0.Run(kWorked);
+  EXPECT_EQ(method0.Published(), std::vector<int>{0});
 }
 
 // The exact p-value and point probability of 7, 31 and 42 against
@@ -104,7 +72,7 @@ TEST(ContingencyExact, AgreesWithEnumerationOnRandomTables) {
     const double rel = std::min(rows, cols) == 2 ? 9.5367431640625e-07 : 4.999999873689376e-05;
     const auto ref = anvl::support::PearsonTails(t, rel, 0.0);
     for (int64_t procedure : {TQ_PROC_CHISQ, TQ_PROC_NOMINAL}) {
-      Call call(procedure, TQ_METHOD_EXACT);
+      HostCall call(procedure, TQ_METHOD_EXACT);
       const double* r = call.Run(t);
       ASSERT_EQ(r[48], 0.0) << anvl::support::Describe(t);
       const double p = (double)(ref.above + ref.equal);
@@ -114,10 +82,10 @@ TEST(ContingencyExact, AgreesWithEnumerationOnRandomTables) {
       }
     }
     // The median test at a cut between the levels: X^2 of the collapsed table.
-    Call median(TQ_PROC_MEDIAN, TQ_METHOD_EXACT);
-    for (int j = 0; j < cols; ++j) median.scores.push_back(j + 1);
-    median.ip[TQ_INT_CUT_RULE] = 13;
-    median.rp[TQ_REAL_MEDIAN_CUT] = 1.0 + static_cast<double>(rng() % (cols - 1));
+    HostCall median(TQ_PROC_MEDIAN, TQ_METHOD_EXACT);
+    std::vector<double> levels;
+    for (int j = 0; j < cols; ++j) levels.push_back(j + 1);
+    median.MedianCut(levels, 1.0 + static_cast<double>(rng() % (cols - 1)));
     std::vector<std::vector<int64_t>> collapsed(rows, std::vector<int64_t>(2, 0));
     for (int a = 0; a < rows; ++a)
       for (int b = 0; b < cols; ++b)
@@ -140,25 +108,23 @@ TEST(ContingencyFailures, ReachTheRecordWithTheFiller) {
   const Table zero_row = anvl::support::MakeTable({{2, 1, 1}, {0, 0, 0}, {1, 0, 4}});
   for (int64_t procedure : {TQ_PROC_CHISQ, TQ_PROC_CHISQ_SHORT, TQ_PROC_MEDIAN, TQ_PROC_NOMINAL})
     for (int64_t method : {1, 2, 3, 0}) {
-      Call call(procedure, method);
+      HostCall call(procedure, method);
       const double* r = call.Run(zero_row);
       EXPECT_EQ(r[48], -1001.0) << procedure << " " << method;
-      EXPECT_TRUE(PublishedFields(r).empty());
+      EXPECT_TRUE(call.Published().empty());
     }
-  Call one_row(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
+  HostCall one_row(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
   EXPECT_EQ(one_row.Run(anvl::support::MakeTable({{2, 1, 1}}))[48], -99.0);
-  Call one_col(TQ_PROC_NOMINAL, TQ_METHOD_ASYMPTOTIC);
+  HostCall one_col(TQ_PROC_NOMINAL, TQ_METHOD_ASYMPTOTIC);
   EXPECT_EQ(one_col.Run(anvl::support::MakeTable({{2}, {3}}))[48], -99.0);
 
-  Call median(TQ_PROC_MEDIAN, TQ_METHOD_EXACT);
-  median.scores = {1, 2, 3};
-  median.ip[TQ_INT_CUT_RULE] = 13;
-  median.rp[TQ_REAL_MEDIAN_CUT] = 3.0;  // nothing above the cut: a level at the cut goes below
+  HostCall median(TQ_PROC_MEDIAN, TQ_METHOD_EXACT);
+  median.MedianCut({1, 2, 3}, 3.0);  // nothing above the cut: a level at the cut goes below
   EXPECT_EQ(median.Run(kWorked)[48], -1032.0);
   median.ip[TQ_INT_CUT_RULE] = 0;  // cut at 0.0: nothing at or below it
   EXPECT_EQ(median.Run(kWorked)[48], -1032.0);
 
-  Call unwritable(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
+  HostCall unwritable(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
   unwritable.spill = "/nonexistent-directory/anvlwtq/spill.bin";
   EXPECT_EQ(unwritable.Run(kWorked)[48], -1009.0);
   unwritable.ip[TQ_INT_METHOD] = TQ_METHOD_ASYMPTOTIC;  // never opens the file
@@ -173,18 +139,16 @@ TEST(ContingencyFailures, HostStopAndTheSpillFileLeavesNothingBehind) {
   const std::string saved = old_tmp ? old_tmp : "";
   setenv("TMPDIR", dir.c_str(), 1);
 
-  Call stop(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
+  HostCall stop(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
   stop.poll = [](int64_t* flag) {
     if (*flag == 0) *flag = 1;
   };
   EXPECT_EQ(stop.Run(kWorked)[48], -1006.0);
-  Call named(TQ_PROC_NOMINAL, TQ_METHOD_EXACT);
+  HostCall named(TQ_PROC_NOMINAL, TQ_METHOD_EXACT);
   named.spill = dir + "/named.spill";
   EXPECT_EQ(named.Run(kWorked)[48], 0.0);
-  Call unnamed(TQ_PROC_MEDIAN, TQ_METHOD_EXACT);
-  unnamed.scores = {1, 2, 3};
-  unnamed.ip[TQ_INT_CUT_RULE] = 13;
-  unnamed.rp[TQ_REAL_MEDIAN_CUT] = 1.5;
+  HostCall unnamed(TQ_PROC_MEDIAN, TQ_METHOD_EXACT);
+  unnamed.MedianCut({1, 2, 3}, 1.5);
   EXPECT_EQ(unnamed.Run(kWorked)[48], 0.0);
   named.poll = stop.poll;
   EXPECT_EQ(named.Run(kWorked)[48], -1006.0);
@@ -207,7 +171,7 @@ TEST(ContingencyNetwork, HandlesUpTo127StagesAndRefuses128) {
   for (int cols : {127, 128}) {
     std::vector<std::vector<int64_t>> cells(2, std::vector<int64_t>(cols, 0));
     for (int j = 0; j < cols; ++j) cells[j % 2][j] = 1;
-    Call call(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
+    HostCall call(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
     const double* r = call.Run(anvl::support::MakeTable(cells));
     if (cols == 127) {
       EXPECT_EQ(r[48], 0.0);

@@ -14,24 +14,22 @@
 #include "network/fisher.h"
 #include "network/passes.h"
 #include "support/enumerate.h"
+#include "support/host_call.h"
 
 namespace anvl::net {
 namespace {
 
-constexpr double kMissing = -4242.0;
+constexpr double kMissing = support::kTestFiller;
 
 struct Record {
   double f[TQ_RECORD_LENGTH];
 };
 
 Record RunFisher(const support::Table& t, int64_t method = TQ_METHOD_EXACT) {
-  int64_t ip[TQ_INT_COUNT] = {TQ_PROC_FISHER, method, 1, 0, 0, 0, 0, 0, 0, -1};
-  double rp[TQ_REAL_COUNT] = {};
-  rp[TQ_REAL_MISSING] = kMissing;
-  const std::vector<int64_t> cells = support::ColumnMajor(t);
+  support::HostCall call(TQ_PROC_FISHER, method);
+  call.Run(t);
   Record r;
-  TQCALLER(nullptr, nullptr, ip, rp, cells.data(), t.rows, t.cols, nullptr, nullptr, nullptr, 0,
-           0, nullptr, r.f, "");
+  std::copy(call.f, call.f + TQ_RECORD_LENGTH, r.f);
   return r;
 }
 

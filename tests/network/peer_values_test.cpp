@@ -10,39 +10,14 @@
 #include "kernel/log_factorial.h"
 #include "network/pearson.h"
 #include "support/enumerate.h"
+#include "support/host_call.h"
 #include "support/ref_data.h"
 
 namespace {
 
+using anvl::support::HostCall;
 using anvl::support::Table;
-constexpr double kMissing = -31337.0;
-
-struct Host {
-  int64_t ip[TQ_INT_COUNT] = {};
-  double rp[TQ_REAL_COUNT] = {};
-  std::vector<double> scores;
-  double f[TQ_RECORD_LENGTH];
-
-  Host(int64_t procedure, int64_t method) {
-    ip[TQ_INT_PROCEDURE] = procedure;
-    ip[TQ_INT_METHOD] = method;
-    ip[TQ_INT_DATA_FORM] = 1;
-    ip[TQ_INT_MEMORY] = -1;
-    rp[TQ_REAL_MISSING] = kMissing;
-  }
-  void MonteCarlo(int64_t samples, int64_t seed, double level) {
-    ip[TQ_INT_METHOD] = TQ_METHOD_MONTE_CARLO;
-    ip[TQ_INT_MC_SAMPLES] = samples;
-    ip[TQ_INT_MC_SEED] = seed;
-    rp[TQ_REAL_MC_LEVEL] = level;
-  }
-  const double* Run(const Table& t) {
-    const std::vector<int64_t> cells = anvl::support::ColumnMajor(t);
-    TQCALLER(nullptr, nullptr, ip, rp, cells.data(), t.rows, t.cols, nullptr,
-             scores.empty() ? nullptr : scores.data(), nullptr, 0, 0, nullptr, f, "");
-    return f;
-  }
-};
+constexpr double kMissing = anvl::support::kTestFiller;
 
 double Rel(double a, double b) { return std::fabs(a - b) / std::max(std::fabs(b), 1e-300); }
 
@@ -66,7 +41,7 @@ TEST(PeerValues, ChiSquareAndNominalMeasuresAgreeWithR) {
       EXPECT_LE(Rel(a.p, ref.p), 1e-10) << a.p << " vs " << ref.p;
     }
     // Phi, the contingency coefficient and Cramer's V, from the host.
-    Host h(TQ_PROC_NOMINAL, TQ_METHOD_ASYMPTOTIC);
+    HostCall h(TQ_PROC_NOMINAL, TQ_METHOD_ASYMPTOTIC);
     const double* r = h.Run(ref.table());
     ASSERT_EQ(r[48], 0.0);
     EXPECT_NEAR(r[6], ref.phi, 1e-12 * ref.phi + 1e-15);
@@ -80,10 +55,8 @@ TEST(PeerValues, MedianTestAgreesWithR) {
   ASSERT_GE(refs.size(), 5u);
   for (const auto& ref : refs) {
     SCOPED_TRACE(ref.id);
-    Host h(TQ_PROC_MEDIAN, TQ_METHOD_ASYMPTOTIC);
-    h.scores = ref.scores;
-    h.ip[TQ_INT_CUT_RULE] = 13;
-    h.rp[TQ_REAL_MEDIAN_CUT] = ref.cut;
+    HostCall h(TQ_PROC_MEDIAN, TQ_METHOD_ASYMPTOTIC);
+    h.MedianCut(ref.scores, ref.cut);
     const double* r = h.Run(ref.table());
     ASSERT_EQ(r[48], 0.0);
     EXPECT_LE(Rel(r[0], ref.x2), 1e-12);
@@ -95,7 +68,7 @@ TEST(PeerValues, FisherAgreesWithR) {
   ASSERT_GE(refs.size(), 20u);
   for (const auto& ref : refs) {
     SCOPED_TRACE(ref.id);
-    Host h(TQ_PROC_FISHER, TQ_METHOD_EXACT);
+    HostCall h(TQ_PROC_FISHER, TQ_METHOD_EXACT);
     const double* r = h.Run(ref.table());
     ASSERT_EQ(r[48], 0.0);
     // R sums the tables within a relative 1e-7 of the observed probability;
@@ -106,7 +79,7 @@ TEST(PeerValues, FisherAgreesWithR) {
 
 TEST(TwoByTwoFromTheHost, WorkedTableUnderBothRuns) {
   const Table t = anvl::support::MakeTable({{3, 1}, {1, 3}});
-  Host chisq(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
+  HostCall chisq(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
   const double* r = chisq.Run(t);
   ASSERT_EQ(r[48], 0.0);
   EXPECT_DOUBLE_EQ(r[0], 2.0);
@@ -118,13 +91,13 @@ TEST(TwoByTwoFromTheHost, WorkedTableUnderBothRuns) {
   EXPECT_NEAR(r[15], 17.0 / 70, 1e-14);  // the cell's one-sided value on a 2 x 2 table
   EXPECT_NEAR(r[16], 34.0 / 70, 1e-14);
   EXPECT_NEAR(r[17], 32.0 / 70, 1e-14);
-  Host fisher(TQ_PROC_FISHER, TQ_METHOD_MONTE_CARLO);  // the direct path whatever the method
+  HostCall fisher(TQ_PROC_FISHER, TQ_METHOD_MONTE_CARLO);  // the direct path whatever the method
   r = fisher.Run(t);
   ASSERT_EQ(r[48], 0.0);
   EXPECT_NEAR(r[16], 34.0 / 70, 1e-14);
   EXPECT_EQ(r[21], kMissing);
   // 507 runs the same route but shows the short record.
-  Host short_form(TQ_PROC_CHISQ_SHORT, TQ_METHOD_EXACT);
+  HostCall short_form(TQ_PROC_CHISQ_SHORT, TQ_METHOD_EXACT);
   r = short_form.Run(t);
   EXPECT_NEAR(r[16], 34.0 / 70, 1e-14);
   EXPECT_EQ(r[6], kMissing);
@@ -144,9 +117,9 @@ TEST(MonteCarloFromTheHost, EstimatesBracketTheExactValue) {
   for (const Table& t : tables) {
     SCOPED_TRACE(anvl::support::Describe(t));
     for (int64_t procedure : {TQ_PROC_CHISQ, TQ_PROC_NOMINAL, TQ_PROC_FISHER}) {
-      Host exact(procedure, TQ_METHOD_EXACT);
+      HostCall exact(procedure, TQ_METHOD_EXACT);
       const double p = exact.Run(t)[16];
-      Host mc(procedure, TQ_METHOD_MONTE_CARLO);
+      HostCall mc(procedure, TQ_METHOD_MONTE_CARLO);
       mc.MonteCarlo(kSamples, 12345, 0.99);
       const double* r = mc.Run(t);
       ASSERT_EQ(r[48], 0.0);
@@ -163,12 +136,10 @@ TEST(MonteCarloFromTheHost, EstimatesBracketTheExactValue) {
 
 TEST(MonteCarloFromTheHost, MedianTestDrawsOnTheCollapsedTable) {
   const Table t = anvl::support::MakeTable({{3, 5, 2, 1}, {4, 1, 6, 2}, {1, 2, 2, 5}});
-  Host exact(TQ_PROC_MEDIAN, TQ_METHOD_EXACT);
-  exact.scores = {1, 2, 3, 4};
-  exact.ip[TQ_INT_CUT_RULE] = 13;
-  exact.rp[TQ_REAL_MEDIAN_CUT] = 2.5;
+  HostCall exact(TQ_PROC_MEDIAN, TQ_METHOD_EXACT);
+  exact.MedianCut({1, 2, 3, 4}, 2.5);
   const double p = exact.Run(t)[16];
-  Host mc = exact;
+  HostCall mc = exact;
   mc.MonteCarlo(20000, 777, 0.95);
   const double* r = mc.Run(t);
   ASSERT_EQ(r[48], 0.0);
