@@ -1,5 +1,7 @@
 #include "network/node_store.h"
 
+#include <unistd.h>
+
 #include <cmath>
 #include <new>
 
@@ -27,6 +29,8 @@ constexpr int64_t kEntryReserve = 4000;
 constexpr int64_t kExactHashPrime = 94906265;
 constexpr int64_t kExactDouble = int64_t{1} << 53;
 constexpr int64_t kTwoTo31 = int64_t{1} << 31;
+// Share of the machine's physical memory that the node tables may take.
+constexpr double kMemoryShare = 0.5;
 
 // Sums of the normal approximation to the number of nodes per stage.
 struct EstimateBase {
@@ -175,7 +179,17 @@ int EstimateCanonicalStageNodes(const std::vector<int64_t>& A, const std::vector
   return 0;
 }
 
+bool FitsInMemory(double bytes) {
+  // Allocations beyond half the machine's memory would only be granted
+  // on credit and then fail when touched: refuse them up front.
+  const double physical = static_cast<double>(sysconf(_SC_PHYS_PAGES)) *
+                          static_cast<double>(sysconf(_SC_PAGESIZE));
+  return bytes <= kMemoryShare * physical;
+}
+
 int NodeStore::Create(int64_t z, int n_words, int64_t prime) {
+  const double slot_bytes = 2.0 + 8.0 * n_words + 3.0 * 8.0;
+  if (!FitsInMemory(static_cast<double>(z + 1) * slot_bytes)) return -1;
   z_ = z;
   n_words_ = n_words;
   prime_ = prime;

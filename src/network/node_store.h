@@ -57,6 +57,9 @@ int EstimateStageNodes(const std::vector<int64_t>& A, const std::vector<int64_t>
 int EstimateCanonicalStageNodes(const std::vector<int64_t>& A, const std::vector<int64_t>& B,
                                 int64_t* stage_node_limit);
 
+// Whether a store of this many bytes fits the machine (half its memory).
+bool FitsInMemory(double bytes);
+
 // Hash table of the nodes of two adjacent stages, slots 1..Z.  Free slots
 // carry no mark of their own, so a probe runs on past them; a separate
 // never-used mark ends a probe early without changing what it finds.

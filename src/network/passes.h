@@ -135,6 +135,8 @@ int BackwardInduction(Network& net, const M& member) {
   if (store.Create(net.Z, net.codec.n_words, net.prime) != 0) return -1;
   std::vector<int64_t> matrix, m(K), mn(K), d(K), scratch(K), key(net.codec.n_words);
   SuccessorEnumerator succ;
+  const double matrix_bytes = 8.0 * (K - 1) * static_cast<double>(net.stage_node_limit);
+  if (!FitsInMemory(matrix_bytes)) return -1;
   try {
     matrix.assign(static_cast<size_t>((K - 1) * net.stage_node_limit), 0);
   } catch (const std::bad_alloc&) {
