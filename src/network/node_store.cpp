@@ -188,21 +188,25 @@ bool FitsInMemory(double bytes) {
 }
 
 int NodeStore::Create(int64_t z, int n_words, int64_t prime) {
-  const double slot_bytes = 2.0 + 8.0 * n_words + 3.0 * 8.0;
+  uint64_t index_size = 1;
+  while (index_size < 2 * static_cast<uint64_t>(z + 1)) index_size <<= 1;
+  const double slot_bytes = 1.0 + 8.0 * n_words + 3.0 * 8.0 + 16.0 * index_size / (z + 1.0);
   if (!FitsInMemory(static_cast<double>(z + 1) * slot_bytes)) return -1;
   z_ = z;
   n_words_ = n_words;
   prime_ = prime;
   try {
     stage_.assign(static_cast<size_t>(z + 1), kFreeSlot);
-    used_.assign(static_cast<size_t>(z + 1), 0);
+    occupied_.assign(static_cast<size_t>(z / 64 + 1), 0);
     keys_.assign(static_cast<size_t>((z + 1) * n_words), 0);
     first_.assign(static_cast<size_t>(z + 1), 0.0);
     second_.assign(static_cast<size_t>(z + 1), 0.0);
     root_.assign(static_cast<size_t>(z + 1), 0);
+    index_.assign(index_size, 0);
   } catch (const std::bad_alloc&) {
     return -1;
   }
+  index_mask_ = index_size - 1;
   return 0;
 }
 
@@ -213,42 +217,91 @@ bool NodeStore::SameKey(int64_t slot, const int64_t* key) const {
   return true;
 }
 
-int64_t NodeStore::Find(int stage, const int64_t* key) const {
-  const int64_t h = HashKey(stage, key, n_words_, prime_);
-  const int8_t s = static_cast<int8_t>(stage);
-  // From the hash position up to Z, then from 1 up to the position before.
-  for (int64_t i = h; i <= z_; ++i) {
-    if (!used_[i]) return 0;
-    if (stage_[i] == s && SameKey(i, key)) return i;
+uint64_t NodeStore::IndexHash(int stage, const int64_t* key) const {
+  uint64_t h = static_cast<uint64_t>(stage) * 0x9E3779B97F4A7C15ull;
+  for (int i = 0; i < n_words_; ++i) {
+    h ^= static_cast<uint64_t>(key[i]) + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
   }
-  for (int64_t i = 1; i < h; ++i) {
-    if (!used_[i]) return 0;
-    if (stage_[i] == s && SameKey(i, key)) return i;
+  h ^= h >> 31;
+  h *= 0xBF58476D1CE4E5B9ull;
+  h ^= h >> 29;
+  return h;
+}
+
+void NodeStore::IndexAdd(int64_t slot) {
+  uint64_t i = IndexHash(stage_[slot], key(slot)) & index_mask_;
+  while (index_[i] != 0) i = (i + 1) & index_mask_;
+  index_[i] = slot;
+}
+
+// Removes a slot from the index, shifting later members of its probe run
+// back so that no lookup is cut short.
+void NodeStore::IndexRemove(int64_t slot) {
+  uint64_t i = IndexHash(stage_[slot], key(slot)) & index_mask_;
+  while (index_[i] != slot) i = (i + 1) & index_mask_;
+  for (uint64_t j = i;;) {
+    j = (j + 1) & index_mask_;
+    if (index_[j] == 0) break;
+    const uint64_t home = IndexHash(stage_[index_[j]], key(index_[j])) & index_mask_;
+    const bool stays = i <= j ? (i < home && home <= j) : (i < home || home <= j);
+    if (stays) continue;
+    index_[i] = index_[j];
+    i = j;
+  }
+  index_[i] = 0;
+}
+
+int64_t NodeStore::Find(int stage, const int64_t* key) const {
+  const int8_t s = static_cast<int8_t>(stage);
+  for (uint64_t i = IndexHash(s, key) & index_mask_; index_[i] != 0; i = (i + 1) & index_mask_) {
+    const int64_t slot = index_[i];
+    if (stage_[slot] == s && SameKey(slot, key)) return slot;
   }
   return 0;
 }
 
-int64_t NodeStore::Insert(int stage, const int64_t* key, double first, double second,
-                          bool check_duplicate) {
-  const int64_t h = HashKey(stage, key, n_words_, prime_);
-  const int8_t s = static_cast<int8_t>(stage);
-  auto take = [&](int64_t i) {
-    stage_[i] = s;
-    used_[i] = 1;
-    for (int w = 0; w < n_words_; ++w) keys_[i * n_words_ + w] = key[w];
-    first_[i] = first;
-    second_[i] = second;
-    root_[i] = 0;
-    return i;
-  };
-  for (int pass = 0; pass < 2; ++pass) {
-    const int64_t from = pass == 0 ? h : 1, to = pass == 0 ? z_ : h - 1;
-    for (int64_t i = from; i <= to; ++i) {
-      if (stage_[i] == kFreeSlot) return take(i);
-      if (check_duplicate && stage_[i] == s && SameKey(i, key)) return i;
+// First free slot in from..to, a word of the occupancy bits at a time.
+int64_t NodeStore::FirstFree(int64_t from, int64_t to) const {
+  for (int64_t i = from; i <= to;) {
+    const uint64_t word = ~occupied_[static_cast<size_t>(i >> 6)] >> (i & 63);
+    if (word != 0) {
+      const int64_t slot = i + __builtin_ctzll(word);
+      return slot <= to ? slot : 0;
     }
+    i = (i | 63) + 1;
   }
   return 0;
+}
+
+void NodeStore::Take(int64_t slot, int stage, const int64_t* key, double first, double second) {
+  stage_[slot] = static_cast<int8_t>(stage);
+  occupied_[static_cast<size_t>(slot >> 6)] |= uint64_t{1} << (slot & 63);
+  for (int w = 0; w < n_words_; ++w) keys_[slot * n_words_ + w] = key[w];
+  first_[slot] = first;
+  second_[slot] = second;
+  root_[slot] = 0;
+  IndexAdd(slot);
+}
+
+int64_t NodeStore::Insert(int stage, const int64_t* key, double first, double second,
+                          bool check_duplicate) {
+  if (check_duplicate) {
+    const int64_t present = Find(stage, key);
+    if (present != 0) return present;
+  }
+  const int64_t h = HashKey(stage, key, n_words_, prime_);
+  int64_t slot = FirstFree(h, z_);
+  if (slot == 0) slot = FirstFree(1, h - 1);
+  if (slot == 0) return 0;
+  Take(slot, stage, key, first, second);
+  return slot;
+}
+
+void NodeStore::Free(int64_t slot) {
+  if (stage_[slot] == kFreeSlot) return;
+  IndexRemove(slot);
+  stage_[slot] = kFreeSlot;
+  occupied_[static_cast<size_t>(slot >> 6)] &= ~(uint64_t{1} << (slot & 63));
 }
 
 int64_t NodeStore::NextSlotOfStage(int64_t cursor, int stage) const {
@@ -259,12 +312,8 @@ int64_t NodeStore::NextSlotOfStage(int64_t cursor, int stage) const {
 }
 
 void NodeStore::Place(int64_t slot, int stage, const int64_t* key, double first, double second) {
-  stage_[slot] = static_cast<int8_t>(stage);
-  used_[slot] = 1;
-  for (int w = 0; w < n_words_; ++w) keys_[slot * n_words_ + w] = key[w];
-  first_[slot] = first;
-  second_[slot] = second;
-  root_[slot] = 0;
+  if (stage_[slot] != kFreeSlot) Free(slot);
+  Take(slot, stage, key, first, second);
 }
 
 int64_t PastPool::EntryLimit(int64_t budget_bytes) {

@@ -60,9 +60,12 @@ int EstimateCanonicalStageNodes(const std::vector<int64_t>& A, const std::vector
 // Whether a store of this many bytes fits the machine (half its memory).
 bool FitsInMemory(double bytes);
 
-// Hash table of the nodes of two adjacent stages, slots 1..Z.  Free slots
-// carry no mark of their own, so a probe runs on past them; a separate
-// never-used mark ends a probe early without changing what it finds.
+// Hash table of the nodes of two adjacent stages, slots 1..Z.  A node
+// goes into the first free slot from its hash position upward (wrapping
+// from Z to 1), and the slot order is the order in which a stage is
+// written out.  Finding a node doesn't probe the slots: an index from
+// (stage, key) to slot answers at once, with the same slot a probe would
+// reach, since a key is held at most once per stage.
 class NodeStore {
  public:
   // Allocates Z slots of n_words key words each, all free.  0 or -1.
@@ -73,13 +76,13 @@ class NodeStore {
   // Slot holding the key at `stage`, or 0.
   int64_t Find(int stage, const int64_t* key) const;
   // Stores the key at the first free slot from its hash position; 0 when
-  // no slot is free.  With `check_duplicate` a slot of the same stage and
-  // key met on the way is returned instead (nothing is stored).
+  // no slot is free.  With `check_duplicate` a slot that already holds the
+  // key at this stage is returned instead (nothing is stored).
   int64_t Insert(int stage, const int64_t* key, double first, double second,
                  bool check_duplicate);
   // Next slot above `cursor` that holds a node of `stage`, or 0.
   int64_t NextSlotOfStage(int64_t cursor, int stage) const;
-  void Free(int64_t slot) { stage_[slot] = kFreeSlot; }
+  void Free(int64_t slot);
 
   int8_t stage(int64_t slot) const { return stage_[slot]; }
   const int64_t* key(int64_t slot) const { return &keys_[slot * n_words_]; }
@@ -94,13 +97,21 @@ class NodeStore {
 
  private:
   bool SameKey(int64_t slot, const int64_t* key) const;
+  void Take(int64_t slot, int stage, const int64_t* key, double first, double second);
+  int64_t FirstFree(int64_t from, int64_t to) const;
+  uint64_t IndexHash(int stage, const int64_t* key) const;
+  void IndexAdd(int64_t slot);
+  void IndexRemove(int64_t slot);
+
   int64_t z_ = 0, prime_ = 0;
   int n_words_ = 0;
   std::vector<int8_t> stage_;
-  std::vector<uint8_t> used_;
+  std::vector<uint64_t> occupied_;  // one bit per slot
   std::vector<int64_t> keys_;
   std::vector<double> first_, second_;
   std::vector<int64_t> root_;
+  std::vector<int64_t> index_;      // open addressing: slot numbers, 0 empty
+  uint64_t index_mask_ = 0;
 };
 
 // Pool of past-value tree entries, numbered from 1, with a free list.
