@@ -21,24 +21,28 @@ thread_local int64_t t_poll_answer = 0;
 thread_local std::vector<int64_t> t_poll_seen;
 
 struct Received {
-  std::string text;
+  std::string text;  // built from the length argument, so it pins that too
   int32_t length_ref;
   int64_t counter;
-  int64_t length;
 };
 thread_local std::vector<Received> t_lines;
 
 int64_t FakeCounter() { return t_now_ms; }
 WallTime FakeWall() { return {10, 20, 30, 0}; }
-
 void FakePoll(int64_t* flag) {
   t_poll_seen.push_back(*flag);
   if (*flag == 0) *flag = t_poll_answer;
 }
-
 void FakeText(const char* text, int32_t* length, int64_t* counter, int64_t text_length) {
-  t_lines.push_back({std::string(text, static_cast<size_t>(text_length)), *length, *counter,
-                     text_length});
+  t_lines.push_back({std::string(text, static_cast<size_t>(text_length)), *length, *counter});
+}
+
+// Runs `calls` ticks, advancing the clock by `step` ms before each.
+void Ticks(int calls, int64_t step) {
+  for (int i = 0; i < calls; ++i) {
+    t_now_ms += step;
+    Tick();
+  }
 }
 
 class ProgressTest : public ::testing::Test {
@@ -64,6 +68,10 @@ class ProgressTest : public ::testing::Test {
     Host() = HostContact{};
     SetClockSourcesForTesting(nullptr, nullptr);
   }
+  void StartLimit(double minutes) {
+    SetSetting(setting::kTimeLimit, minutes);
+    StartTimeLimit();
+  }
 
   // Advances the clock by `step` ms before each call; returns the quantum
   // after each report, and checks that reports fall every `quantum` calls.
@@ -85,11 +93,10 @@ class ProgressTest : public ::testing::Test {
   }
 };
 
+// Tick and PollNow alike; a host stop prints nothing on standard error.
 TEST_F(ProgressTest, HostFlagStopsOnlyOnLowestBit) {
   struct Case {
-    int64_t answer;
-    int64_t prior_code;
-    int64_t expected_code;
+    int64_t answer, prior_code, expected_code;
     std::vector<int64_t> expected_polls;
     const char* source;
   };
@@ -106,24 +113,21 @@ TEST_F(ProgressTest, HostFlagStopsOnlyOnLowestBit) {
       SetUp();
       if (c.prior_code != 0) RecordFailure(c.prior_code);
       t_poll_answer = c.answer;
-      if (use_poll_now) {
-        EXPECT_TRUE(PollNow());
-      } else {
-        EXPECT_TRUE(Tick());  // quantum 1: the first call reports
-      }
-      EXPECT_EQ(FailureCode(), c.expected_code)
-          << c.source << " answer " << c.answer << " PollNow " << use_poll_now;
-      EXPECT_EQ(t_poll_seen, c.expected_polls) << c.source << " answer " << c.answer;
+      ::testing::internal::CaptureStderr();
+      // Quantum 1: the first Tick reports.
+      EXPECT_TRUE(use_poll_now ? PollNow() : Tick());
+      const std::string err = ::testing::internal::GetCapturedStderr();
+      const std::string what = std::string(c.source) + ", PollNow " + (use_poll_now ? "1" : "0");
+      EXPECT_EQ(FailureCode(), c.expected_code) << what;
+      EXPECT_EQ(t_poll_seen, c.expected_polls) << what;
+      EXPECT_EQ(err, "") << what;
     }
   }
 }
 
 TEST_F(ProgressTest, NullPollRoutineNeverStops) {
   Host().poll = nullptr;
-  for (int i = 0; i < 100; ++i) {
-    t_now_ms += 10;
-    Tick();
-  }
+  Ticks(100, 10);
   EXPECT_TRUE(PollNow());
   EXPECT_EQ(FailureCode(), 0);
 }
@@ -132,34 +136,20 @@ TEST_F(ProgressTest, StopClosesAndDeletesSpillFile) {
   const std::string path = ::testing::TempDir() + "progress_stop_spill.bin";
   Host().spill_path = path;
   ASSERT_EQ(OpenNodeFile(16), 0);
-  const int64_t w[2] = {1, 2};
+  int64_t w[2] = {1, 2};
   ASSERT_EQ(WriteWords(w, 2, 1), 0);
   t_poll_answer = 1;
   Tick();
   struct stat st;
   EXPECT_FALSE(NodeFileIsOpen());
   EXPECT_NE(::stat(path.c_str(), &st), 0) << path << " still exists after the stop";
-  int64_t r[2];
   EXPECT_EQ(WriteWords(w, 2, 2), fail::kSpillWrite);
-  EXPECT_EQ(ReadWords(r, 2, 1), fail::kSpillRead);
+  EXPECT_EQ(ReadWords(w, 2, 1), fail::kSpillRead);
   EXPECT_EQ(FailureCode(), fail::kStoppedByHost);
 }
 
-TEST_F(ProgressTest, NoTimeLimitNeverStopsNorCounts) {
-  for (int64_t minutes : {int64_t{0}, int64_t{-5}}) {
-    SetUp();
-    SetSetting(setting::kTimeLimit, minutes);
-    StartTimeLimit();
-    EXPECT_EQ(TickStateForTesting().time_limit_ms, 0) << "minutes " << minutes;
-    for (int i = 0; i < 200; ++i) {
-      t_now_ms += 3600 * 1000;  // an hour per call
-      Tick();
-    }
-    EXPECT_EQ(FailureCode(), 0) << "minutes " << minutes;
-    EXPECT_EQ(TickStateForTesting().time_spent, 0) << "minutes " << minutes;
-  }
-}
-
+// The limit is the integer part of the setting in minutes; none (0 or
+// below) never stops and counts no time, even after 200 hours of ticks.
 TEST_F(ProgressTest, TimeLimitIsIntegerMinutes) {
   struct Case {
     double setting;
@@ -167,14 +157,18 @@ TEST_F(ProgressTest, TimeLimitIsIntegerMinutes) {
     const char* source;
   };
   const Case cases[] = {
-      {1.0, 60000, "one minute"},
-      {2.9, 120000, "integer part of 2.9 minutes"},
-      {0.9, 0, "below one minute: no limit"},
+      {1.0, 60000, "one minute"},          {2.9, 120000, "integer part of 2.9 minutes"},
+      {0.9, 0, "below one minute: none"},  {0.0, 0, "0: none"},
+      {-5.0, 0, "negative: none"},
   };
   for (const Case& c : cases) {
-    SetSetting(setting::kTimeLimit, c.setting);
-    StartTimeLimit();
+    SetUp();
+    StartLimit(c.setting);
     EXPECT_EQ(TickStateForTesting().time_limit_ms, c.limit_ms) << c.source;
+    if (c.limit_ms != 0) continue;
+    Ticks(200, 3600 * 1000);
+    EXPECT_EQ(FailureCode(), 0) << c.source;
+    EXPECT_EQ(TickStateForTesting().time_spent, 0) << c.source;
   }
 }
 
@@ -214,14 +208,9 @@ TEST_F(ProgressTest, TimeLimitStopsWithMessage) {
   // One minute, 1 s per call.  Reports at calls 1, 3, 7, 11, ... (quantum
   // 1, 2, 4, then steady at 4): the time spent at a report is the time
   // since the start, first >= 60 s at call 63.
-  SetSetting(setting::kTimeLimit, int64_t{1});
-  StartTimeLimit();
+  StartLimit(1);
   RecordFailure(fail::kSpillWrite);  // a stop overwrites it
-  int call = 0;
-  for (; call < 62; ++call) {
-    t_now_ms += 1000;
-    Tick();
-  }
+  Ticks(62, 1000);
   EXPECT_EQ(FailureCode(), fail::kSpillWrite) << "stopped before call 63";
   EXPECT_EQ(TickStateForTesting().time_spent, 59000);
   ::testing::internal::CaptureStderr();
@@ -238,10 +227,7 @@ TEST_F(ProgressTest, TimeLimitStopsWithMessage) {
   ForceFailure(0);
   t_poll_seen.clear();
   ::testing::internal::CaptureStderr();
-  for (int i = 0; i < 4; ++i) {
-    t_now_ms += 1000;
-    Tick();
-  }
+  Ticks(4, 1000);
   const std::string again = ::testing::internal::GetCapturedStderr();
   EXPECT_EQ(FailureCode(), fail::kTimeLimit);
   EXPECT_NE(again.find("time limit"), std::string::npos) << "stderr: " << again;
@@ -251,8 +237,7 @@ TEST_F(ProgressTest, TimeLimitStopsWithMessage) {
 TEST_F(ProgressTest, TimeLimitReachedExactlyStops) {
   // 3 s per call keeps the quantum at 1: a report per call, 3000 ms each.
   // Twenty reports spend exactly the minute, which is enough to stop.
-  SetSetting(setting::kTimeLimit, int64_t{1});
-  StartTimeLimit();
+  StartLimit(1);
   ::testing::internal::CaptureStderr();
   for (int call = 1; call <= 20; ++call) {
     t_now_ms += 3000;
@@ -263,21 +248,11 @@ TEST_F(ProgressTest, TimeLimitReachedExactlyStops) {
   EXPECT_EQ(TickStateForTesting().time_spent, 60000);
 }
 
-TEST_F(ProgressTest, HostStopPrintsNothing) {
-  t_poll_answer = 1;
-  ::testing::internal::CaptureStderr();
-  Tick();
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(FailureCode(), fail::kStoppedByHost);
-}
-
 TEST_F(ProgressTest, SendLineKeepsLastSixteen) {
   struct Case {
-    std::string line;
-    std::string sent;
+    std::string line, sent;
     const char* source;
   };
-  const std::string ninety = std::string(70, 'x') + "0123456789ABCDEFGHIJ";  // 90 chars
   const Case cases[] = {
       {"0123456789ABCDEF", "0123456789ABCDEF", "exactly 16 goes out whole"},
       {"0123456789ABCDEFG", "123456789ABCDEFG", "17 loses its first"},
@@ -285,17 +260,16 @@ TEST_F(ProgressTest, SendLineKeepsLastSixteen) {
       {"  lead", "  lead", "leading blanks stay"},
       {"0123456789ABCDEFG   ", "123456789ABCDEFG", "trimmed before the cut to 16"},
       {"      ", "", "a blank line sends nothing"},
-      {ninety, "xxxxxx0123456789", "cut to 80 before the last 16"},
+      {std::string(70, 'x') + "0123456789ABCDEFGHIJ", "xxxxxx0123456789",
+       "90 characters: cut to 80 before the last 16"},
       {std::string("abc\0def", 7), "abc", "the NUL ends the line"},
   };
   for (const Case& c : cases) {
     t_lines.clear();
     SendLine(c.line.data(), static_cast<int>(c.line.size()));
     ASSERT_EQ(t_lines.size(), 1u) << c.source;
-    const std::string& expect = c.sent;
-    EXPECT_EQ(t_lines[0].text, expect) << c.source << " line '" << c.line << "'";
-    EXPECT_EQ(t_lines[0].length, static_cast<int64_t>(expect.size())) << c.source;
-    EXPECT_EQ(t_lines[0].length_ref, static_cast<int32_t>(expect.size())) << c.source;
+    EXPECT_EQ(t_lines[0].text, c.sent) << c.source << " line '" << c.line << "'";
+    EXPECT_EQ(t_lines[0].length_ref, static_cast<int32_t>(c.sent.size())) << c.source;
   }
 }
 
@@ -307,10 +281,8 @@ TEST_F(ProgressTest, MessageCounterCountsAndWrapsFromNegative) {
   SendLine(std::string("c"));
   SendLine(std::string("d"));
   ASSERT_EQ(t_lines.size(), 4u);
-  EXPECT_EQ(t_lines[0].counter, 1);
-  EXPECT_EQ(t_lines[1].counter, 2);
-  EXPECT_EQ(t_lines[2].counter, 0) << "old value negative: back to 0";
-  EXPECT_EQ(t_lines[3].counter, 1);
+  const int64_t counters[4] = {1, 2, 0, 1};  // the old value negative: back to 0
+  for (int k = 0; k < 4; ++k) EXPECT_EQ(t_lines[k].counter, counters[k]) << "line " << k;
   // Without a text routine nothing is called, but the count goes on.
   Host().text = nullptr;
   SendLine(std::string("e"));
@@ -318,28 +290,8 @@ TEST_F(ProgressTest, MessageCounterCountsAndWrapsFromNegative) {
   EXPECT_EQ(t_lines.size(), 4u);
 }
 
-TEST(ProgressFormat, IntegerFields) {
-  struct Case {
-    int64_t value;
-    int width;
-    const char* expected;
-    const char* source;
-  };
-  const Case cases[] = {
-      {5, 3, "  5", "I3 right-justified"},
-      {0, 4, "   0", "I4 of zero"},
-      {-12, 3, "-12", "sign counts in the width"},
-      {1234, 3, "***", "too wide: asterisks"},
-      {-123, 3, "***", "sign makes it too wide"},
-      {1234567890, 10, "1234567890", "I10 full"},
-      {12345, 10, "     12345", "I10 padded"},
-  };
-  for (const Case& c : cases)
-    EXPECT_EQ(FormatInt(c.value, c.width), c.expected)
-        << c.source << ": I" << c.width << " of " << c.value;
-}
-
-TEST(ProgressFormat, FixedFields) {
+// Iw (decimals < 0) and Fw.d fields.
+TEST(ProgressFormat, NumberFields) {
   struct Case {
     double value;
     int width, decimals;
@@ -347,77 +299,76 @@ TEST(ProgressFormat, FixedFields) {
     const char* source;
   };
   const Case cases[] = {
+      {5, 3, -1, "  5", "I3 right-justified"}, {0, 4, -1, "   0", "I4 of zero"},
+      {-12, 3, -1, "-12", "sign counts in the width"}, {1234, 3, -1, "***", "too wide: asterisks"},
+      {-123, 3, -1, "***", "sign makes it too wide"},
+      {1234567890, 10, -1, "1234567890", "I10 full"}, {12345, 10, -1, "     12345", "I10 padded"},
       {0.1234, 7, 4, " 0.1234", "F7.4 keeps the leading zero"},
       {0.1234, 6, 4, "0.1234", "F6.4 just fits"},
       {0.1234, 5, 4, ".1234", "F5.4 drops the leading zero"},
       {-0.1234, 7, 4, "-0.1234", "negative with zero"},
       {-0.1234, 6, 4, "-.1234", "negative without zero"},
-      {-0.1234, 5, 4, "*****", "negative doesn't fit"},
-      {1.0, 7, 4, " 1.0000", "one"},
-      {0.0, 7, 4, " 0.0000", "zero"},
-      {0.99996, 7, 4, " 1.0000", "rounds up across the point"},
-      {0.00004, 7, 4, " 0.0000", "rounds down to zero"},
-      {95.0, 5, 2, "95.00", "F5.2 percent"},
-      {9.5, 5, 2, " 9.50", "F5.2 padded"},
-      {100.0, 5, 2, "*****", "F5.2 can't hold 100"},
-      {3.0, 4, 0, "  3.", "F4.0 keeps the point"},
-      {12.345678, 9, 3, "   12.346", "F9.3 rounds"},
+      {-0.1234, 5, 4, "*****", "negative doesn't fit"}, {1.0, 7, 4, " 1.0000", "one"},
+      {0.0, 7, 4, " 0.0000", "zero"}, {0.99996, 7, 4, " 1.0000", "rounds up across the point"},
+      {0.00004, 7, 4, " 0.0000", "rounds down to zero"}, {95.0, 5, 2, "95.00", "F5.2 percent"},
+      {9.5, 5, 2, " 9.50", "F5.2 padded"}, {100.0, 5, 2, "*****", "F5.2 can't hold 100"},
+      {3.0, 4, 0, "  3.", "F4.0 keeps the point"}, {12.345678, 9, 3, "   12.346", "F9.3 rounds"},
   };
-  for (const Case& c : cases)
-    EXPECT_EQ(FormatFixed(c.value, c.width, c.decimals), c.expected)
-        << c.source << ": F" << c.width << "." << c.decimals << " of " << c.value;
+  for (const Case& c : cases) {
+    const bool integer = c.decimals < 0;
+    EXPECT_EQ(integer ? FormatInt(static_cast<int64_t>(c.value), c.width)
+                      : FormatFixed(c.value, c.width, c.decimals),
+              c.expected)
+        << c.source << ": width " << c.width << " decimals " << c.decimals << " of " << c.value;
+  }
 }
 
-TEST(ProgressFormat, FullLines) {
+// Each progress line in full as its *Text routine builds it (where there is
+// one), and as its Send* routine hands it to the host: its last 16
+// characters, trailing blanks trimmed.
+TEST_F(ProgressTest, ProgressLinesInFullAndAsSent) {
   struct Case {
-    std::string built;
+    std::string built;  // empty: the line has no *Text routine
+    void (*send)();     // null: only the text is checked
     std::string expected;
     const char* source;
   };
   const Case cases[] = {
-      {LongRunNoteText(1), "NOTE: This problem may take a long time to solve.", "note"},
-      {LongRunNoteText(0), std::string(49, ' '), "note withdrawn: 49 blanks"},
-      {StageLineText(7), " Generating the distribution to stage   7", "stage I3"},
-      {StageLineText(1234), " Generating the distribution to stage ***", "stage too wide"},
-      {MonteCarloLineText(99.0, 0.0123, 0.0456),
+      {LongRunNoteText(1), [] { SendLongRunNote(1); },
+       "NOTE: This problem may take a long time to solve.", "note"},
+      {LongRunNoteText(0), [] { SendLongRunNote(0); }, std::string(49, ' '),
+       "note withdrawn: 49 blanks"},
+      {StageLineText(7), [] { SendStageLine(7); }, " Generating the distribution to stage   7",
+       "stage I3"},
+      {StageLineText(1234), nullptr, " Generating the distribution to stage ***", "stage too wide"},
+      {MonteCarloLineText(99.0, 0.0123, 0.0456), [] { SendMonteCarloLine(99.0, 0.0123, 0.0456); },
        "Current 99.00% Monte Carlo p-value estimate ( 0.0123, 0.0456)", "Monte Carlo"},
-      {MonteCarloLineText(95.0, -0.02, 1.3),
+      {MonteCarloLineText(95.0, -0.02, 1.3), nullptr,
        "Current 95.00% Monte Carlo p-value estimate ( 0.0000, 1.0000)", "limits clamped"},
-      {ExactEstimateLineText(0.05, 0.0612),
+      {ExactEstimateLineText(0.05, 0.0612), [] { SendExactEstimateLine(0.05, 0.0612); },
        "Current estimate of Exact two-sided p-value is ( 0.0500, 0.0612)", "exact estimate"},
-      {ExactEstimateLineText(-1e-9, 1.0000001),
+      {ExactEstimateLineText(-1e-9, 1.0000001), nullptr,
        "Current estimate of Exact two-sided p-value is ( 0.0000, 1.0000)", "exact clamped"},
-      {BackwardLineText(12), "Backward induction : processing stage   12", "backward I4"},
-      {BackwardNodesLineText(3, 12345),
+      {BackwardLineText(12), [] { SendBackwardLine(12); },
+       "Backward induction : processing stage   12", "backward I4"},
+      {BackwardNodesLineText(3, 12345), [] { SendBackwardNodesLine(3, 12345); },
        "Backward induction : processing stage    3  Nodes to be created:      12345",
        "backward with nodes I10"},
-  };
-  for (const Case& c : cases) EXPECT_EQ(c.built, c.expected) << c.source;
-}
-
-TEST_F(ProgressTest, SentLinesReachHostAsTheirLastSixteen) {
-  struct Case {
-    void (*send)();
-    const char* expected;
-    const char* source;
-  };
-  const Case cases[] = {
-      {[] { SendLongRunNote(1); }, "g time to solve.", "note"},
-      {[] { SendLongRunNote(0); }, "", "blank note"},
-      {[] { SendStageLine(7); }, "ion to stage   7", "stage line"},
-      {[] { SendMonteCarloLine(99.0, 0.0123, 0.0456); }, " 0.0123, 0.0456)", "Monte Carlo"},
-      {[] { SendExactEstimateLine(0.05, 0.0612); }, " 0.0500, 0.0612)", "exact estimate"},
-      {[] { SendProcessingLine(); }, "Processing...", "processing"},
-      {[] { SendDotLine(); }, ".", "dot"},
-      {[] { SendBackwardLine(12); }, "ssing stage   12", "backward"},
-      {[] { SendBackwardNodesLine(3, 12345); }, "ated:      12345", "backward nodes"},
-      {[] { SendCalculatingLine(); }, "culating p-value", "calculating"},
+      {"", [] { SendProcessingLine(); }, "Processing...", "processing"},
+      {"", [] { SendDotLine(); }, ".", "dot"},
+      {"", [] { SendCalculatingLine(); }, "Calculating p-value", "calculating"},
   };
   for (const Case& c : cases) {
+    if (!c.built.empty()) {
+      EXPECT_EQ(c.built, c.expected) << c.source;
+    }
+    if (c.send == nullptr) continue;
     t_lines.clear();
     c.send();
     ASSERT_EQ(t_lines.size(), 1u) << c.source;
-    EXPECT_EQ(t_lines[0].text, c.expected) << c.source;
+    std::string tail = c.expected.substr(0, c.expected.find_last_not_of(' ') + 1);
+    if (tail.size() > 16) tail = tail.substr(tail.size() - 16);
+    EXPECT_EQ(t_lines[0].text, tail) << c.source;
   }
 }
 

@@ -23,15 +23,12 @@
 namespace anvl {
 namespace {
 
-bool FileExists(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
-}
-
+// The size of the file at `path`, -1 when there is none.
 int64_t FileSize(const std::string& path) {
   struct stat st;
   return ::stat(path.c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
 }
+bool FileExists(const std::string& path) { return FileSize(path) >= 0; }
 
 std::string TempPath(const std::string& leaf) {
   return ::testing::TempDir() + "spill_test_" + std::to_string(::getpid()) + "_" + leaf;
@@ -39,19 +36,10 @@ std::string TempPath(const std::string& leaf) {
 
 // The four record forms, as one interface for the round-trip tests.
 enum class Form { kWords, kStage, kPair, kStagePair };
-const char* FormName(Form f) {
-  switch (f) {
-    case Form::kWords: return "Words";
-    case Form::kStage: return "StageWords";
-    case Form::kPair: return "WordsPair";
-    case Form::kStagePair: return "StageWordsPair";
-  }
-  return "?";
-}
-int64_t RecordBytes(Form f, int count) {
-  return (f == Form::kStage || f == Form::kStagePair ? 1 : 0) + 8 * count +
-         (f == Form::kPair || f == Form::kStagePair ? 16 : 0);
-}
+const char* const kFormNames[] = {"Words", "StageWords", "WordsPair", "StageWordsPair"};
+bool HasStage(Form f) { return f == Form::kStage || f == Form::kStagePair; }
+bool HasPair(Form f) { return f == Form::kPair || f == Form::kStagePair; }
+int64_t RecordBytes(Form f, int count) { return (HasStage(f) ? 1 : 0) + 8 * count + (HasPair(f) ? 16 : 0); }
 
 // Contents of record r: distinct words, stage byte and pair derived from r.
 struct Record {
@@ -100,10 +88,17 @@ std::string Check(Form f, int64_t r, int count, uint64_t salt) {
   if (code != 0) return "read failed with " + std::to_string(code);
   const Record want = Make(r, count, salt);
   if (got.words != want.words) return "words differ";
-  if ((f == Form::kStage || f == Form::kStagePair) && got.stage != want.stage) return "stage differs";
-  if ((f == Form::kPair || f == Form::kStagePair) && (got.a != want.a || got.b != want.b))
-    return "pair differs";
+  if (HasStage(f) && got.stage != want.stage) return "stage differs";
+  if (HasPair(f) && (got.a != want.a || got.b != want.b)) return "pair differs";
   return "";
+}
+
+// With no file open, every write fails with -10 and every read with -11.
+void ExpectNoFile(const char* why) {
+  EXPECT_FALSE(NodeFileIsOpen()) << why;
+  int64_t w[2] = {1, 2};
+  EXPECT_EQ(WriteWords(w, 2, 1), fail::kSpillWrite) << why;
+  EXPECT_EQ(ReadWords(w, 2, 1), fail::kSpillRead) << why;
 }
 
 class SpillTest : public ::testing::Test {
@@ -159,7 +154,7 @@ TEST_F(SpillTest, EveryFormRoundTripsInAnyOrder) {
   for (Form f : forms) {
     for (int count : {0, 1, 5}) {
       if (count == 0 && f == Form::kWords) continue;  // an empty record holds nothing
-      SCOPED_TRACE(std::string(FormName(f)) + " with " + std::to_string(count) + " words");
+      SCOPED_TRACE(std::string(kFormNames[static_cast<int>(f)]) + " with " + std::to_string(count) + " words");
       const int64_t length = RecordBytes(f, count);
       ASSERT_EQ(OpenNodeFile(length), 0);
       for (int64_t r = 1; r <= kRecords; ++r) ASSERT_EQ(Write(f, Make(r, count, 1), r), 0) << r;
@@ -204,20 +199,17 @@ TEST_F(SpillTest, RecordsStandAtTheirOffsets) {
   unsigned char bytes[72] = {};
   ASSERT_EQ(std::fread(bytes, 1, sizeof bytes, f), sizeof bytes);
   std::fclose(f);
+  auto at = [&](int offset, auto value) {
+    std::memcpy(&value, bytes + offset, 8);
+    return value;
+  };
   EXPECT_EQ(bytes[0], 5);
-  int64_t word;
-  double real;
-  std::memcpy(&word, bytes + 1, 8);
-  EXPECT_EQ(word, w1[0]);
-  std::memcpy(&word, bytes + 9, 8);
-  EXPECT_EQ(word, -2);
-  std::memcpy(&real, bytes + 17, 8);
-  EXPECT_EQ(real, 0.5);
-  std::memcpy(&real, bytes + 25, 8);
-  EXPECT_EQ(real, -0.25);
+  EXPECT_EQ(at(1, int64_t{}), w1[0]);
+  EXPECT_EQ(at(9, int64_t{}), -2);
+  EXPECT_EQ(at(17, double{}), 0.5);
+  EXPECT_EQ(at(25, double{}), -0.25);
   for (int i = 33; i < 64; ++i) EXPECT_EQ(bytes[i], 0) << "gap byte " << i;
-  std::memcpy(&word, bytes + 64, 8);
-  EXPECT_EQ(word, 77);
+  EXPECT_EQ(at(64, int64_t{}), 77);
 }
 
 TEST_F(SpillTest, WritesThatSkipARecordKeepIt) {
@@ -272,10 +264,7 @@ TEST_F(SpillTest, ReadingPastTheEndFails) {
 TEST_F(SpillTest, UnwritablePathFailsToCreate) {
   Host().spill_path = "/nonexistent-dir/x";
   EXPECT_EQ(OpenNodeFile(16), fail::kSpillCreate);
-  EXPECT_FALSE(NodeFileIsOpen());
-  int64_t w[2] = {1, 2};
-  EXPECT_EQ(WriteWords(w, 2, 1), fail::kSpillWrite);
-  EXPECT_EQ(ReadWords(w, 2, 1), fail::kSpillRead);
+  ExpectNoFile("after a failed open");
 }
 
 TEST_F(SpillTest, ExistingFileIsReplaced) {
@@ -305,12 +294,10 @@ TEST_F(SpillTest, CloseDeletesAndIsIdempotent) {
   EXPECT_TRUE(NodeFileIsOpen());
   EXPECT_TRUE(FileExists(path_));
   CloseNodeFile();
-  EXPECT_FALSE(NodeFileIsOpen());
   EXPECT_FALSE(FileExists(path_));
+  ExpectNoFile("after the close");
   CloseNodeFile();
-  int64_t w = 5;
-  EXPECT_EQ(WriteWords(&w, 1, 1), fail::kSpillWrite);
-  EXPECT_EQ(ReadWords(&w, 1, 1), fail::kSpillRead);
+  ExpectNoFile("after a second close");
 }
 
 TEST_F(SpillTest, PrivateTemporaryFileWhenNoPathGiven) {
@@ -355,29 +342,22 @@ TEST(SpillThreads, EachThreadHasItsOwnFile) {
   constexpr int kRecords = 20000;
   constexpr int kWords = 3;
   const std::string paths[2] = {TempPath("thread0.bin"), TempPath("thread1.bin")};
-  std::string errors[2];
-  auto work = [&](int t) {
+  // What went wrong in thread t, empty when nothing did.
+  auto work = [&](int t) -> std::string {
     Host().spill_path = paths[t];
-    if (OpenNodeFile(RecordBytes(Form::kStagePair, kWords)) != 0) {
-      errors[t] = "open failed";
-      return;
-    }
+    if (OpenNodeFile(RecordBytes(Form::kStagePair, kWords)) != 0) return "open failed";
     for (int64_t r = 1; r <= kRecords; ++r)
-      if (Write(Form::kStagePair, Make(r, kWords, 100 + t), r) != 0) {
-        errors[t] = "write " + std::to_string(r);
-        return;
-      }
+      if (Write(Form::kStagePair, Make(r, kWords, 100 + t), r) != 0) return "write " + std::to_string(r);
     for (int64_t r = 1; r <= kRecords; ++r) {
       const std::string e = Check(Form::kStagePair, r, kWords, 100 + t);
-      if (!e.empty()) {
-        errors[t] = "record " + std::to_string(r) + ": " + e;
-        return;
-      }
+      if (!e.empty()) return "record " + std::to_string(r) + ": " + e;
     }
-    if (NodeFilePathForTesting() != paths[t]) errors[t] = "wrong file " + NodeFilePathForTesting();
+    const std::string name = NodeFilePathForTesting();
     CloseNodeFile();
+    return name == paths[t] ? "" : "wrong file " + name;
   };
-  std::thread a(work, 0), b(work, 1);
+  std::string errors[2];
+  std::thread a([&] { errors[0] = work(0); }), b([&] { errors[1] = work(1); });
   a.join();
   b.join();
   EXPECT_EQ(errors[0], "");
