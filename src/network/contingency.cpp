@@ -16,8 +16,6 @@ namespace anvl::net {
 namespace {
 
 constexpr DriverTraits kContingencyTraits{true, true, true, 1};
-// Bytes of a node record: the stage byte, the key words, two doubles.
-constexpr int64_t kRecordFixedBytes = 17;
 
 // A plain exchange sort, ascending: only the sorted values matter.
 void ExchangeSort(std::vector<int64_t>& v) {
@@ -39,14 +37,7 @@ int ExactRoute(const AsymptoticResult& a, int64_t rows, int64_t cols, const doub
   int64_t limit = 0;
   if (EstimateStageNodes(net.A, net.B, &limit) != 0) return -1;
   net.SetCapacity(limit);
-  const int opened = OpenNodeFile(8 * net.codec.n_words + kRecordFixedBytes);
-  if (opened != 0) return opened;
-  PearsonMember member;
-  member.K = net.K;
-  member.expected = expected.data();
-  int code = BackwardInduction(net, member);
-  if (code == 0) code = ForwardPass(net, member, a.x2, pass);
-  return code;
+  return RunPasses(net, PearsonMember{net.K, expected.data()}, a.x2, pass);
 }
 
 }  // namespace

@@ -19,8 +19,6 @@ namespace {
 constexpr DriverTraits kFisherTraits{true, true, true, 0};
 // log of the square root of 2 pi, in the Freeman-Halton statistic.
 constexpr double kLogRootTwoPi = 0.9189385332046728;
-// Bytes of a canonical node record: the key words and two doubles.
-constexpr int64_t kRecordFixedBytes = 16;
 
 struct Observed {
   std::vector<int64_t> row_totals, col_totals;
@@ -77,12 +75,7 @@ int ExactRoute(const Observed& o, int64_t rows, int64_t cols, const double* lf, 
   int64_t limit = 0;
   if (EstimateCanonicalStageNodes(net.A, net.B, &limit) != 0) return -1;
   net.SetCapacity(limit);
-  const int opened = OpenNodeFile(8 * net.codec.n_words + kRecordFixedBytes);
-  if (opened != 0) return opened;
-  const FisherMember member;
-  int code = BackwardInduction(net, member);
-  if (code == 0) code = ForwardPass(net, member, o.observed_log - o.L0, pass);
-  return code;
+  return RunPasses(net, FisherMember{}, o.observed_log - o.L0, pass);
 }
 
 }  // namespace

@@ -368,4 +368,17 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
   return 0;
 }
 
+// Opens the spill file for the network's node records (the stage byte,
+// the key words and two doubles; canonical records carry no stage byte)
+// and runs both passes against `obs`.  Returns 0 or the failure code.
+template <NetworkMember M>
+int RunPasses(Network& net, const M& member, double obs, PassResult& pass) {
+  const int64_t record_bytes = 8 * net.codec.n_words + 16 + (M::kCanonical ? 0 : 1);
+  const int opened = OpenNodeFile(record_bytes);
+  if (opened != 0) return opened;
+  int code = BackwardInduction(net, member);
+  if (code == 0) code = ForwardPass(net, member, obs, pass);
+  return code;
+}
+
 }  // namespace anvl::net

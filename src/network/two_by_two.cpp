@@ -84,6 +84,17 @@ void RestartClocks() {
   StartTicks();
 }
 
+// The cell's own weight and the log-sums of the values below and above it.
+void AddToCellTails(const Walk& w, int64_t x, double lw, double& left, double& own,
+                    double& right) {
+  if (x < w.x11)
+    left = LogSum(left, lw);
+  else if (x == w.x11)
+    own = lw;
+  else
+    right = LogSum(right, lw);
+}
+
 }  // namespace
 
 int TwoByTwoPearsonRun(const int64_t* table) {
@@ -105,12 +116,7 @@ int TwoByTwoPearsonRun(const int64_t* table) {
     const double lw = w.Weight(x);
     if (chi >= obs - tol) two = LogSum(two, lw);
     if (std::fabs(chi - obs) <= tol) point = LogSum(point, lw);
-    if (x < w.x11)
-      left = LogSum(left, lw);
-    else if (x == w.x11)
-      own = lw;
-    else
-      right = LogSum(right, lw);
+    AddToCellTails(w, x, lw, left, own, right);
   }
   const double p = ChiSquareTail(obs, 1);
   UpdateElapsed();
@@ -146,12 +152,7 @@ int TwoByTwoFisherRun(const int64_t* table) {
         two_upper = LogSum(two_upper, lw);
     }
     if (std::fabs(lw - w0) <= tol) point = LogSum(point, lw);
-    if (x < w.x11)
-      left = LogSum(left, lw);
-    else if (x == w.x11)
-      own = lw;
-    else
-      right = LogSum(right, lw);
+    AddToCellTails(w, x, lw, left, own, right);
   }
   const double exact = w.Probability(two) + w.Probability(two_upper);
 
