@@ -16,6 +16,8 @@ constexpr double kBisectionTolerance = 1e-7;
 constexpr double kSymmetricWidth = 1e-6;
 
 constexpr DriverTraits kBinomialTraits{false, false, false, 0};
+// Case values at or beyond this don't truncate to a 64-bit integer.
+constexpr double kLargestValue = 9.2e18;
 
 struct Split {
   int64_t successes = 0, failures = 0;
@@ -26,20 +28,23 @@ int64_t SplitCases(const CallArgs& a, Split& out) {
   if (a.case_rows != 1) return fail::kCaseRowsNotOne;
   if (a.case_cols <= 0 || a.case_data == nullptr) return 0;
   auto weight = [&](int64_t j) { return a.case_weights ? a.case_weights[j] : int64_t{1}; };
+  // A value must truncate to a 64-bit integer: no NaN, no infinity.
+  for (int64_t j = 0; j < a.case_cols; ++j)
+    if (!(std::fabs(a.case_data[j]) < kLargestValue)) return fail::kOutsideModel;
   const double first = a.case_data[0];
   double second = 0.0;
   bool has_second = false;
   int64_t first_sum = weight(0), second_sum = 0;
   for (int64_t j = 1; j < a.case_cols; ++j) {
     const double v = a.case_data[j];
-    if (v == first) {
-      first_sum += weight(j);
-    } else {
+    int64_t* sum = &first_sum;
+    if (v != first) {
       if (has_second) return fail::kTooManyValues;
       has_second = true;
       second = v;
-      second_sum += weight(j);
+      sum = &second_sum;
     }
+    if (__builtin_add_overflow(*sum, weight(j), sum)) return fail::kNoMemory;
   }
   const int64_t first_int = static_cast<int64_t>(first);
   const bool first_is_success =
@@ -53,8 +58,8 @@ int64_t BinomialRun(const Split& split) {
   ZeroElapsed();
   StartClock();
   const int64_t x = split.successes;
-  const int64_t n = split.successes + split.failures;
-  if (n < 0) return fail::kNoMemory;
+  int64_t n = 0;
+  if (__builtin_add_overflow(split.successes, split.failures, &n) || n < 0) return fail::kNoMemory;
   if (n == 0) return fail::kNoTrials;
 
   const double level = Setting(setting::kIntervalConfidence);
@@ -64,7 +69,7 @@ int64_t BinomialRun(const Split& split) {
   const double high = x == n ? 1.0 : BinomialBisect(n, x, a);
 
   const double p0 = ModelOption(14);
-  if (p0 <= 0.0 || p0 >= 1.0) return fail::kNullProportion;
+  if (!(p0 > 0.0 && p0 < 1.0)) return fail::kNullProportion;  // NaN too
 
   const BinomialTail t = BinomialExactTail(n, x, p0);
   SetWord(word::kBinomialTrials, n);

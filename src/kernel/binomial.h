@@ -12,7 +12,9 @@ namespace anvl {
 // at most two distinct values.  The group of the larger value (truncated
 // to an integer) gives the successes.  Data with a single value count as
 // successes when that value, truncated, is at least 1, else as failures.
-// A null weight array weighs every column 1.
+// A null weight array weighs every column 1.  A value that isn't a finite
+// number within the 64-bit range fails with -3, weights whose sums overflow
+// with -1.
 void BinomialDriver(const CallArgs& args);
 
 // P(X <= k | p) for X ~ Bin(n, p), 0 < p < 1, summed in logs from the

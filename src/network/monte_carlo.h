@@ -63,8 +63,9 @@ struct McResult {
   double seed = 0.0;        // the caller's seed as the settings hold it
 };
 
-// A route asked for fewer than one table: no table is drawn, nothing is
-// published, and the run fails as with any parameter outside its range.
+// A route asked for fewer than one table, or for a confidence level
+// outside (0, 1): no table is drawn, nothing is published, and the run
+// fails as with any parameter outside its range.
 inline constexpr int64_t kMcNoSamples = fail::kOutsideModel;
 
 namespace detail {
@@ -89,14 +90,16 @@ void McEstimate(int64_t hits, int64_t samples, double z, double confidence, McRe
 // McReportEvery tables after polling the host (below 1: at every table),
 // and draws the next table while m < M.  Seeds, M, the interval and the
 // quantile come from the settings.  Updates the elapsed clock and fills
-// `out`; publishes nothing.  Returns 0, -1 (memory) or kMcNoSamples.  A
+// `out`; publishes nothing.  Returns 0, -1 (memory) or kMcNoSamples (no
+// samples, or a level outside (0, 1)).  A
 // stop at a poll doesn't end the loop: its code stands in the store.
 template <class HitRule>
 int McRoute(std::vector<int64_t>& table, int64_t rows, int64_t cols,
             const std::vector<int64_t>& row_totals, const std::vector<int64_t>& col_totals,
             const double* lf, HitRule&& hit, McResult& out) {
   const detail::McSetup setup = detail::ReadMcSetup();
-  if (setup.samples < 1) return kMcNoSamples;
+  if (setup.samples < 1 || !(setup.confidence > 0.0 && setup.confidence < 1.0))
+    return kMcNoSamples;
   TableSampler sampler;
   if (sampler.Init(rows, cols, row_totals.data(), col_totals.data(), lf) != 0)
     return fail::kNoMemory;

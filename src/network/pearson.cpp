@@ -119,9 +119,10 @@ int TableTotals(const std::vector<int64_t>& table, int64_t rows, int64_t cols,
     for (int64_t i = 0; i < rows; ++i) {
       const int64_t x = table[i + j * rows];
       if (x < 0) return -1;  // a count below 0 has no probability
+      // Row and column totals never pass the grand total, checked first.
+      if (__builtin_add_overflow(total, x, &total)) return -1;
       row_totals[i] += x;
       col_totals[j] += x;
-      if (__builtin_add_overflow(total, x, &total) || total < 0) return -1;
     }
   for (int64_t r : row_totals)
     if (r < 1) return -1;
