@@ -184,3 +184,21 @@ TEST(ContingencyNetwork, HandlesUpTo127StagesAndRefuses128) {
 }
 
 }  // namespace
+
+namespace {
+
+// The past-value pool follows the memory budget: 2 MiB (the floor) holds
+// 48428 entries, too few for this table's trees; 16 MiB is enough.
+TEST(ContingencyNetwork, PoolExhaustionEndsTheRunWithNoMemory) {
+  const Table t = anvl::support::MakeTable(
+      {{3, 2, 4, 1, 2}, {2, 4, 1, 3, 2}, {1, 3, 4, 2, 3}, {4, 1, 2, 3, 2}, {2, 3, 1, 2, 4}});
+  HostCall small(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
+  small.ip[TQ_INT_MEMORY] = 100;
+  EXPECT_EQ(small.Run(t)[48], -1001.0);
+  EXPECT_TRUE(small.Published().empty());
+  HostCall large(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
+  large.ip[TQ_INT_MEMORY] = 20000;
+  EXPECT_EQ(large.Run(t)[48], 0.0);
+}
+
+}  // namespace
