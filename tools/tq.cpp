@@ -7,6 +7,7 @@
 //
 // Exit status: 0 success, 1 the engine reported a failure, 2 usage error.
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -53,7 +54,14 @@ constexpr int kLabelWidth = 36;
 // Set by the SIGINT handler, read by the poll routine.
 volatile sig_atomic_t g_interrupted = 0;
 
-extern "C" void OnInterrupt(int) { g_interrupted = 1; }
+// The first Ctrl-C asks the engine to stop at its next poll (it finishes
+// the step it is in first); the handler is reset, so a second one ends tq.
+extern "C" void OnInterrupt(int) {
+  g_interrupted = 1;
+  static const char kNote[] = "\ntq: stopping the engine; press Ctrl-C again to quit at once\n";
+  ssize_t ignored = write(STDERR_FILENO, kNote, sizeof kNote - 1);
+  (void)ignored;
+}
 
 // Poll routine: asks the engine to stop once Ctrl-C was pressed.  The call
 // that follows a stop (flag -1) is left alone.
