@@ -122,7 +122,7 @@ enum {
 /*
  * ResultRecord: 50 doubles, written.  Fields that a run doesn't publish hold
  * MissingValue.  The general sense of each field (procedures differ in what
- * they put into the blocks; see the README for the table per procedure):
+ * they put into the blocks; README.md lists them per procedure):
  *   0        first statistic or measure      1   its standardised value
  *   2        its null mean                   3   its sd or asymptotic s.e.
  *   4, 5     never published
