@@ -235,22 +235,6 @@ int ReadRecord(RecordShape shape, int8_t* stage, int64_t* words, int count, doub
   return 0;
 }
 
-// Free physical memory in bytes: MemAvailable of the kernel, else the
-// free pages; 0 when neither can be read.
-int64_t FreePhysicalMemory() {
-  if (std::FILE* f = std::fopen("/proc/meminfo", "r")) {
-    char line[256];
-    long long kb = -1;
-    while (std::fgets(line, sizeof line, f))
-      if (std::sscanf(line, "MemAvailable: %lld kB", &kb) == 1) break;
-    std::fclose(f);
-    if (kb >= 0) return kb * kBytesPerKilobyte;
-  }
-  const long pages = ::sysconf(_SC_AVPHYS_PAGES);
-  const long page_size = ::sysconf(_SC_PAGESIZE);
-  if (pages > 0 && page_size > 0) return static_cast<int64_t>(pages) * page_size;
-  return 0;
-}
 
 // Creates a private temporary file "anvlwtq-XXXXXX" under $TMPDIR or
 // /tmp and removes its name at once: the open file is the run's alone and
@@ -268,6 +252,23 @@ int CreatePrivateFile(std::string& name) {
 }
 
 }  // namespace
+
+// Free physical memory in bytes: MemAvailable of the kernel, else the
+// free pages; 0 when neither can be read.
+int64_t FreePhysicalMemory() {
+  if (std::FILE* f = std::fopen("/proc/meminfo", "r")) {
+    char line[256];
+    long long kb = -1;
+    while (std::fgets(line, sizeof line, f))
+      if (std::sscanf(line, "MemAvailable: %lld kB", &kb) == 1) break;
+    std::fclose(f);
+    if (kb >= 0) return kb * kBytesPerKilobyte;
+  }
+  const long pages = ::sysconf(_SC_AVPHYS_PAGES);
+  const long page_size = ::sysconf(_SC_PAGESIZE);
+  if (pages > 0 && page_size > 0) return static_cast<int64_t>(pages) * page_size;
+  return 0;
+}
 
 // m = integer part of the MemoryLimit setting; m >= 1 gives m kilobytes,
 // else the machine's free physical memory.  Clamped to 2 MiB .. 16 MiB,

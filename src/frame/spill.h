@@ -14,6 +14,8 @@ namespace anvl {
 // to 2 MiB .. 16 MiB.
 int64_t MemoryBudget();
 inline constexpr int64_t kBudgetFloor = 2097152;
+// Free physical memory of the machine in bytes (0 when it can't be read).
+int64_t FreePhysicalMemory();
 inline constexpr int64_t kBudgetCeiling = 16777216;
 
 // Opens the spill file of this thread's run at Host().spill_path (a private

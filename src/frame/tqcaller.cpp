@@ -1,8 +1,6 @@
 // TQCALLER: the one routine the library exports.  It translates the
 // caller's parameter blocks, prefills the record, dispatches to the driver
 // of the procedure and fills the record from what the driver left.
-#include <sys/sysinfo.h>
-
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -29,9 +27,7 @@ constexpr size_t kSpillPathMax = 255;
 
 int64_t MemorySetting(int64_t field) {
   if (field != kTakeFreeMemory) return field;
-  struct sysinfo info {};
-  int64_t free_bytes = 0;
-  if (sysinfo(&info) == 0) free_bytes = static_cast<int64_t>(info.freeram) * info.mem_unit;
+  const int64_t free_bytes = FreePhysicalMemory();
   const int64_t kb = static_cast<int32_t>(static_cast<uint32_t>(free_bytes >> 10));
   return std::min(kb, kMachineMemoryCapKb);
 }

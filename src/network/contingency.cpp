@@ -17,20 +17,13 @@ namespace {
 
 constexpr DriverTraits kContingencyTraits{true, true, true, 1};
 
-// A plain exchange sort, ascending: only the sorted values matter.
-void ExchangeSort(std::vector<int64_t>& v) {
-  for (size_t i = 0; i < v.size(); ++i)
-    for (size_t j = i + 1; j < v.size(); ++j)
-      if (v[j] < v[i]) std::swap(v[i], v[j]);
-}
-
 // The exact route: the network of the table, the two passes, the tails.
 int ExactRoute(const AsymptoticResult& a, int64_t rows, int64_t cols, const double* lf,
                PassResult& pass) {
   std::vector<int64_t> key_margins = rows <= cols ? a.row_totals : a.col_totals;
   std::vector<int64_t> stage_margins = rows <= cols ? a.col_totals : a.row_totals;
-  ExchangeSort(key_margins);
-  ExchangeSort(stage_margins);
+  std::sort(key_margins.begin(), key_margins.end());
+  std::sort(stage_margins.begin(), stage_margins.end());
   Network net;
   net.SetMargins(std::move(key_margins), std::move(stage_margins), lf, false);
   const std::vector<double> expected = ExpectedTable(net.A, net.B, net.N);

@@ -82,6 +82,13 @@ struct PassResult {
   bool stopped_early = false;
 };
 
+// The last component of a node of a stage with total Ts, from the others.
+inline void CompleteLast(int K, int64_t Ts, int64_t* m) {
+  int64_t sum = 0;
+  for (int j = 0; j < K - 1; ++j) sum += m[j];
+  m[K - 1] = Ts - sum;
+}
+
 // Key of node m (m[K-1] its true last component) of a stage with total Ts.
 // The canonical form sorts the complements A_j - m_j and keeps the K - 1
 // smallest.
@@ -110,15 +117,7 @@ inline void NodeOfKey(const Network& net, const int64_t* key, int64_t Ts, int64_
   net.codec.Unpack(key, m);
   if constexpr (M::kCanonical)
     for (int j = 0; j < K - 1; ++j) m[j] = net.A[j] - m[j];
-  int64_t sum = 0;
-  for (int j = 0; j < K - 1; ++j) sum += m[j];
-  m[K - 1] = Ts - sum;
-}
-
-inline void CompleteLast(int K, int64_t Ts, int64_t* m) {
-  int64_t sum = 0;
-  for (int j = 0; j < K - 1; ++j) sum += m[j];
-  m[K - 1] = Ts - sum;
+  CompleteLast(K, Ts, m);
 }
 
 inline double ClampUnit(double x) { return x < 0.0 ? 0.0 : (x > 1.0 ? 1.0 : x); }
