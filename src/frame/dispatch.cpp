@@ -7,46 +7,46 @@
 namespace anvl {
 namespace {
 
+using Driver = void (*)(const CallArgs&);
+
+// One row per procedure code: its selector and its driver.  A valid code
+// whose driver is null isn't built in this release and answers as an
+// unknown one.  A new procedure is one row here.
 struct Route {
   int64_t procedure;
   int64_t selector;
-  bool built;  // a valid code whose run isn't built answers as an unknown one
+  Driver driver;
 };
 
 constexpr Route kRoutes[] = {
-    {1, 2, false},  {2, 1, false},   {502, 1, false}, {6, 1, false},  {7, 2, true},
-    {507, 2, true}, {31, 3, true}, {42, 4, true},  {9, 1, true},   {10, 9, false},
-    {510, 9, false}, {11, 2, false}, {19, 1, false},  {18, 1, false}, {20, 9, false},
-    {21, 8, false},  {24, 1, false}, {26, 2, false},  {51, 3, false}, {32, 1, true},
-    {40, 2, false},  {45, 1, false}, {41, 3, false},  {47, 1, false}, {48, 2, false},
-    {43, 1, false},  {46, 1, false}, {49, 1, false},  {50, 1, false},
+    {1, 2, nullptr},    {2, 1, nullptr},    {502, 1, nullptr},
+    {6, 1, nullptr},    {7, 2, net::ContingencyDriver},
+    {507, 2, net::ContingencyDriver},       {31, 3, net::ContingencyDriver},
+    {42, 4, net::ContingencyDriver},        {9, 1, BinomialDriver},
+    {10, 9, nullptr},   {510, 9, nullptr},  {11, 2, nullptr},
+    {19, 1, nullptr},   {18, 1, nullptr},   {20, 9, nullptr},
+    {21, 8, nullptr},   {24, 1, nullptr},   {26, 2, nullptr},
+    {51, 3, nullptr},   {32, 1, net::FisherDriver},
+    {40, 2, nullptr},   {45, 1, nullptr},   {41, 3, nullptr},
+    {47, 1, nullptr},   {48, 2, nullptr},   {43, 1, nullptr},
+    {46, 1, nullptr},   {49, 1, nullptr},   {50, 1, nullptr},
 };
+
+const Route* Find(int64_t procedure) {
+  for (const Route& r : kRoutes)
+    if (r.procedure == procedure) return r.driver ? &r : nullptr;
+  return nullptr;
+}
 
 }  // namespace
 
 int64_t SelectorOf(int64_t procedure) {
-  for (const Route& r : kRoutes)
-    if (r.procedure == procedure) return r.built ? r.selector : 0;
-  return 0;
+  const Route* r = Find(procedure);
+  return r ? r->selector : 0;
 }
 
 void RunDriver(int64_t procedure, const CallArgs& args) {
-  switch (procedure) {
-    case 9:
-      BinomialDriver(args);
-      break;
-    case 7:
-    case 507:
-    case 31:
-    case 42:
-      net::ContingencyDriver(args);
-      break;
-    case 32:
-      net::FisherDriver(args);
-      break;
-    default:
-      break;
-  }
+  if (const Route* r = Find(procedure)) r->driver(args);
 }
 
 }  // namespace anvl
