@@ -195,7 +195,8 @@ RunResult RunTest(const Test& test, Call& c, bool quiet, void (*on_stop)(const R
   RunResult result;
   pending.start = std::chrono::steady_clock::now();
   g_pending = &pending;
-  BeginProgress({test.name, method, NetworkStages(test, c), c.time_limit_seconds, quiet});
+  BeginProgress({test.name, method, NetworkStages(test, c), c.reals[TQ_REAL_MC_LEVEL], c.ints[TQ_INT_MC_SAMPLES],
+                 c.time_limit_seconds, quiet});
   Invoke(PollUntilStop, ReceiveText, c, result.record);
   EndProgress();
   g_pending = nullptr;

@@ -80,6 +80,7 @@ int64_t ParseMemoryKiB(const std::string& text) {
 }
 
 double ParseDurationSeconds(const std::string& text) {
+  if (text == "0") return 0.0;  // no limit, as the engine reads 0
   char* end = nullptr;
   const double number = std::strtod(text.c_str(), &end);
   const std::string unit = Lower(end);
@@ -182,7 +183,7 @@ void AddSharedOptions(CLI::App& app, const Test& test, SharedOptions& s) {
   }
   const char* kLimits = "Limits";
   app.add_option("--time-limit", s.time_limit, "stop the run after this time: 30s, 5m, 1h; a bare number is "
-                                               "minutes [default: none]")
+                                               "minutes; 0 is none [default: none]")
       ->type_name("TIME")->group(kLimits);
   if (!(test.reads & kExactOnly))
     app.add_option("--memory", s.memory,
@@ -213,8 +214,7 @@ void ApplySharedOptions(const Test& test, const SharedOptions& s, Call& c) {
   c.reals[TQ_REAL_MC_LEVEL] = s.level;
   c.reals[TQ_REAL_MISSING] = Lower(s.missing) == "nan" ? std::numeric_limits<double>::quiet_NaN()
                                                        : ParseReal(s.missing, "--missing");
-  if (!s.time_limit.empty()) {
-    c.time_limit_seconds = ParseDurationSeconds(s.time_limit);
+  if (!s.time_limit.empty() && (c.time_limit_seconds = ParseDurationSeconds(s.time_limit)) > 0.0) {
     // The engine's own limit, in whole minutes, is a backstop a minute
     // after tq's own, which stops the run through the poll routine.
     c.ints[TQ_INT_TIME_LIMIT] = static_cast<int64_t>(std::ceil(c.time_limit_seconds / 60.0)) + 1;

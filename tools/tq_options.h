@@ -36,8 +36,8 @@ int64_t MachineMemoryKiB();
 // machine.
 int64_t DefaultCeilingMiB();
 
-// A duration such as "30s", "5m", "1h", "1.5m"; a bare number is minutes.
-// Returns seconds.
+// A duration such as "30s", "5m", "1h", "1.5m"; a bare number is minutes,
+// and 0 is no limit.  Returns seconds.
 double ParseDurationSeconds(const std::string& text);
 
 // The help layout of tq: an option, its value's name, and its description

@@ -5,7 +5,10 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <boost/math/distributions/normal.hpp>
+
 #include <atomic>
+#include <cmath>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -58,6 +61,7 @@ struct Display {
   Clock::time_point start;
   Clock::time_point last_plain{};
   bool drawn = false;
+  std::string last_drawn;
   bool stop_noted = false;
   std::mutex mutex;  // guards everything above and standard error
   std::condition_variable wake;
@@ -83,6 +87,8 @@ struct Display {
     winsize ws{};
     const size_t width = ioctl(STDERR_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 1 ? ws.ws_col - 1 : 79;
     if (line.size() > width) line.resize(width);
+    if (line == last_drawn) return;
+    last_drawn = line;
     std::fprintf(stderr, "\r%s\x1b[K", line.c_str());
     std::fflush(stderr);
     drawn = true;
@@ -138,9 +144,23 @@ bool Describe(std::string_view tail, ProgressState& s) {
     s.stage = number;
     s.nodes = -1;
   } else if (std::sscanf(t.c_str(), "%lf,%lf)", &low, &high) == 2 && t.back() == ')') {
-    char buf[96];
-    std::snprintf(buf, sizeof buf, "%s p-value between %.4f and %.4f so far",
-                  s.method == Method::kMonteCarlo ? "Monte Carlo: drawing tables," : "exact", low, high);
+    char buf[160];
+    if (s.method != Method::kMonteCarlo) {
+      std::snprintf(buf, sizeof buf, "exact p-value between %.4f and %.4f so far", low, high);
+    } else {
+      // The interval is p -+ z sqrt(p (1 - p) / m) after m tables: its width
+      // tells m, to the precision of its four decimals.
+      const double p = (low + high) / 2, half = (high - low) / 2;
+      const double z = boost::math::quantile(boost::math::normal(), (1.0 + s.level) / 2.0);
+      std::string done;
+      if (low > 0.0 && high < 1.0 && half > 0.0) {
+        const double m = z * z * p * (1.0 - p) / (half * half);
+        const double unit = std::pow(10.0, std::floor(std::log10(m)) - 1);  // two significant digits
+        done = "about " + Grouped(static_cast<int64_t>(std::round(m / unit) * unit)) + " of " +
+               Grouped(s.samples) + " tables, ";
+      }
+      std::snprintf(buf, sizeof buf, "Monte Carlo: %sp-value %.4f (%.4f .. %.4f) so far", done.c_str(), p, low, high);
+    }
     s.text = buf;
     return true;
   } else if (t == "Processing..." || t == ".") {
@@ -172,6 +192,8 @@ void BeginProgress(const ProgressOptions& options) {
   d->options = options;
   d->state.method = options.method;
   d->state.stages = options.stages;
+  d->state.level = options.level;
+  d->state.samples = options.samples;
   const char* term = std::getenv("TERM");
   if (!options.quiet)
     d->mode = isatty(STDERR_FILENO) && !(term != nullptr && std::string(term) == "dumb") ? Display::Mode::kTerminal

@@ -23,6 +23,8 @@ enum class StopReason { kNone, kInterrupt, kTimeLimit };
 struct ProgressState {
   Method method = Method::kExact;
   int64_t stages = 0;          // stages of the network, 0 when unknown
+  double level = 0.99;         // Monte Carlo: level of the intervals
+  int64_t samples = 0;         // Monte Carlo: tables to draw
   std::string phase;           // "bounds", "distribution", ...
   int64_t stage = -1;
   int64_t nodes = -1;
@@ -37,6 +39,8 @@ struct ProgressOptions {
   std::string test;
   Method method = Method::kExact;
   int64_t stages = 0;
+  double level = 0.99;
+  int64_t samples = 0;
   double time_limit_seconds = 0.0;  // 0: none
   bool quiet = false;
 };

@@ -2,7 +2,10 @@
 // prefill, the record of a failure, and per-thread state.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cmath>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -81,8 +84,10 @@ TEST(EntryPoint, TwoNetworkRunsAtOnceWithTheirOwnSpillFiles) {
   const auto job = anvl::support::MakeTable({{1, 2, 1, 0}, {3, 3, 6, 1}, {10, 10, 14, 9}, {6, 7, 12, 11}});
   const auto small = anvl::support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
   HostCall a(TQ_PROC_CHISQ, TQ_METHOD_EXACT), b(TQ_PROC_FISHER, TQ_METHOD_EXACT);
-  a.spill = "/tmp/anvl-entry-test-a.spill";
-  b.spill = "/tmp/anvl-entry-test-b.spill";
+  // Names of this process alone: other test processes may run at once.
+  const std::string dir = ::testing::TempDir() + "anvl-entry-" + std::to_string(getpid());
+  a.spill = dir + "-a.spill";
+  b.spill = dir + "-b.spill";
   HostCall a_alone = a, b_alone = b;
   a_alone.Run(job);
   b_alone.Run(small);
