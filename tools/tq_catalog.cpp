@@ -47,7 +47,11 @@ std::vector<Field> TwoWay(const char* key, const char* label) {
           {9, "cell_11_sd", "cell (1,1) standard deviation", Kind::kValue},
           {11, "cell_11_min", "cell (1,1) smallest possible", Kind::kCount},
           {10, "cell_11_max", "cell (1,1) largest possible", Kind::kCount},
-          kSide, kExactOne, kExactTwo, kPoint, kMcTwo};
+          kSide,
+          kExactOne,
+          kExactTwo,
+          kPoint,
+          kMcTwo};
 }
 
 // A measure with its standard error, asymptotic and exact two-sided tests.
@@ -71,7 +75,9 @@ std::vector<Field> MannWhitney() {
 Prepare BinomialOptions(CLI::App& app) {
   auto p0 = std::make_shared<double>(0.5);
   app.add_option("--p0", *p0, "null proportion of the larger value, in (0, 1)")
-      ->type_name("P")->capture_default_str()->group("Test");
+      ->type_name("P")
+      ->capture_default_str()
+      ->group("Test");
   return [p0](Call& c) { c.reals[TQ_REAL_P0] = *p0; };
 }
 
@@ -100,7 +106,8 @@ double PooledMedian(const Call& c) {
 Prepare MedianOptions(CLI::App& app) {
   auto cut = std::make_shared<std::optional<double>>();
   app.add_option("--cut", *cut, "levels whose score is above X count as above [default: the pooled median]")
-      ->type_name("X")->group("Test");
+      ->type_name("X")
+      ->group("Test");
   return [cut](Call& c) {
     const double x = cut->has_value() ? **cut : PooledMedian(c);
     c.ints[TQ_INT_CUT_RULE] = 13;
@@ -117,12 +124,15 @@ Prepare KolmogorovOptions(CLI::App& app) {
   auto s = std::make_shared<State>();
   app.add_option("--distribution", s->distribution, "hypothesised distribution")
       ->check(CLI::IsMember({"uniform", "poisson", "normal", "exponential"}))
-      ->capture_default_str()->group("Test");
+      ->capture_default_str()
+      ->group("Test");
   app.add_option("--param1", s->param1,
                  "uniform: lower end [0]; poisson: mean [1]; normal: mean [0]; exponential: scale [1]")
-      ->type_name("X")->group("Test");
+      ->type_name("X")
+      ->group("Test");
   app.add_option("--param2", s->param2, "uniform: upper end [1]; normal: standard deviation [1]")
-      ->type_name("X")->group("Test");
+      ->type_name("X")
+      ->group("Test");
   return [s](Call& c) {
     const std::string& d = s->distribution;
     if (d == "uniform") {
@@ -143,7 +153,9 @@ Prepare KolmogorovOptions(CLI::App& app) {
 Prepare RunsOptions(CLI::App& app) {
   auto cut = std::make_shared<std::string>("median");
   app.add_option("--runs-cut", *cut, "values above the cut and the others form the runs: median, mode, mean or X")
-      ->type_name("CUT")->capture_default_str()->group("Test");
+      ->type_name("CUT")
+      ->capture_default_str()
+      ->group("Test");
   return [cut](Call& c) {
     const std::string& r = *cut;
     c.ints[TQ_INT_OPTION11] = r == "median" ? 1 : r == "mode" ? 2 : r == "mean" ? 3 : 13;
@@ -152,6 +164,8 @@ Prepare RunsOptions(CLI::App& app) {
   };
 }
 
+// One entry a test, laid out as a table.
+// clang-format off
 std::vector<Test> BuildCatalog() {
   const unsigned T = kTable, C = kCases, E = kTable | kCases, N = kNetwork;
   const unsigned cs = kColumnScores, rs = kRowScores;
@@ -262,6 +276,7 @@ std::vector<Test> BuildCatalog() {
   };
   return t;
 }
+// clang-format on
 
 }  // namespace
 

@@ -8,10 +8,9 @@
 #ifndef TQ_CATALOG_H
 #define TQ_CATALOG_H
 
+#include <CLI/CLI.hpp>
 #include <functional>
 #include <vector>
-
-#include <CLI/CLI.hpp>
 
 #include "tq_types.h"
 
@@ -20,13 +19,13 @@ namespace tq {
 // What a test reads.  The data options of each flag are defined once in
 // tq_data.cpp; the method options follow from the methods.
 enum Reads : unsigned {
-  kTable = 1u << 0,         // a table of counts: --table, --table-file, --data with --group-column
-  kCases = 1u << 1,         // case values: --values, --weights, --case-rows, --data
-  kColumnScores = 1u << 2,  // --scores, one per column
-  kRowScores = 1u << 3,     // --row-scores, one per row
+  kTable = 1u << 0,            // a table of counts: --table, --table-file, --data with --group-column
+  kCases = 1u << 1,            // case values: --values, --weights, --case-rows, --data
+  kColumnScores = 1u << 2,     // --scores, one per column
+  kRowScores = 1u << 3,        // --row-scores, one per row
   kRowLengthScores = 1u << 4,  // --scores, one per row (square tables)
-  kNetwork = 1u << 5,       // a network run: --spill, and the memory budget can run out
-  kExactOnly = 1u << 6,     // no Monte Carlo or asymptotic method
+  kNetwork = 1u << 5,          // a network run: --spill, and the memory budget can run out
+  kExactOnly = 1u << 6,        // no Monte Carlo or asymptotic method
 };
 
 // Fills the test's own parameters into the call once the data are read.

@@ -141,8 +141,8 @@ std::vector<std::string> SplitDelimited(std::string_view line, char delimiter, c
 char DelimiterOf(const std::string& path, const std::string& first_line) {
   auto ends = [&](const char* ext) {
     const std::string e(ext);
-    return path.size() > e.size() && std::equal(e.rbegin(), e.rend(), path.rbegin(),
-                                                [](char a, char b) { return a == std::tolower(b); });
+    return path.size() > e.size() &&
+           std::equal(e.rbegin(), e.rend(), path.rbegin(), [](char a, char b) { return a == std::tolower(b); });
   };
   if (ends(".csv")) return ',';
   if (ends(".tsv") || ends(".tab")) return '\t';
@@ -152,7 +152,7 @@ char DelimiterOf(const std::string& path, const std::string& first_line) {
 }
 
 // Reads a file: blank lines and lines whose first non-blank character is
-// '#' are skipped; a first row with a cell that isn't a number is the header.
+// '#' are skipped; a first row of words (but for its first cell) is the header.
 Sheet ReadSheet(const std::string& path) {
   std::ifstream in(path);
   if (!in) Fail("can't read '" + path + "'");
@@ -167,7 +167,11 @@ Sheet ReadSheet(const std::string& path) {
     const std::string where = path + ":" + std::to_string(number);
     if (first) delimiter = DelimiterOf(path, line);
     std::vector<std::string> cells = delimiter ? SplitDelimited(line, delimiter, where) : SplitLoose(line, where);
-    if (first && !std::all_of(cells.begin(), cells.end(), IsNumber))
+    // A header names every column but the first, which may name the row
+    // labels: a first row with numbers beyond its first cell is data, so
+    // that a mistyped count is refused rather than read as a header.
+    if (first && !std::all_of(cells.begin(), cells.end(), IsNumber) &&
+        std::none_of(cells.begin() + 1, cells.end(), IsNumber))
       sheet.header = std::move(cells);
     else
       sheet.rows.push_back({where, std::move(cells)});
@@ -197,9 +201,9 @@ Sheet SheetOfOption(std::string_view text, const std::string& option) {
 void ReadCounts(const Sheet& sheet, Call& c) {
   if (sheet.rows.empty()) Fail(sheet.name + ": no counts given");
   const bool labels = !sheet.header.empty() &&
-                      ((!sheet.header.empty() && sheet.header[0].empty()) ||
-                       std::none_of(sheet.rows.begin(), sheet.rows.end(),
-                                    [](const Row& r) { return !r.cells.empty() && IsNumber(r.cells[0]); }));
+                      (sheet.header[0].empty() || std::none_of(sheet.rows.begin(), sheet.rows.end(), [](const Row& r) {
+                         return !r.cells.empty() && IsNumber(r.cells[0]);
+                       }));
   const size_t first = labels ? 1 : 0;
   const size_t width = sheet.rows[0].cells.size();
   if (!sheet.header.empty() && sheet.header.size() != width)
@@ -229,8 +233,8 @@ size_t FindColumn(const Sheet& sheet, const std::string& spec, const char* optio
     if (sheet.header[j] == spec) return j;
   char* end = nullptr;
   const long n = std::strtol(spec.c_str(), &end, 10);
-  const size_t width = sheet.header.empty() ? (sheet.rows.empty() ? 0 : sheet.rows[0].cells.size())
-                                            : sheet.header.size();
+  const size_t width =
+      sheet.header.empty() ? (sheet.rows.empty() ? 0 : sheet.rows[0].cells.size()) : sheet.header.size();
   if (!spec.empty() && *end == '\0' && n >= 1 && static_cast<size_t>(n) <= width) return static_cast<size_t>(n - 1);
   std::string names;
   for (const std::string& h : sheet.header) names += (names.empty() ? "" : ", ") + h;
@@ -320,7 +324,8 @@ void ReadCaseValues(const DataOptions& d, Call& c) {
   c.case_cols = cols;
   c.case_data.assign(cells.size(), 0.0);
   for (int64_t i = 0; i < rows; ++i)
-    for (int64_t j = 0; j < cols; ++j) c.case_data[static_cast<size_t>(i + j * rows)] = cells[static_cast<size_t>(i * cols + j)];
+    for (int64_t j = 0; j < cols; ++j)
+      c.case_data[static_cast<size_t>(i + j * rows)] = cells[static_cast<size_t>(i * cols + j)];
   c.weights.assign(static_cast<size_t>(cols), 1);
   if (!d.weights) return;
   const Sheet w = SheetOfOption(*d.weights, "--weights");
@@ -407,33 +412,46 @@ void AddDataOptions(CLI::App& app, unsigned reads, DataOptions& d) {
   std::vector<CLI::Option*> sources;
   if (reads & kTable) {
     sources.push_back(app.add_option("--table", d.table, "counts: rows separated by ';', cells by blanks or commas")
-                          ->type_name("\"2 1; 0 3\"")->group(kGroup));
+                          ->type_name("\"2 1; 0 3\"")
+                          ->group(kGroup));
     sources.push_back(app.add_option("--table-file", d.table_file,
                                      "counts, one row per line: blanks, CSV (.csv) or TSV (.tsv); an optional "
                                      "header row and column of row names; # starts a comment")
-                          ->type_name("FILE")->group(kGroup));
+                          ->type_name("FILE")
+                          ->group(kGroup));
   }
   if (reads & kCases) {
-    sources.push_back(app.add_option("--values", d.values,
-                                     "case values; rows separated by ';', or one list cut by --case-rows")
-                          ->type_name("\"1 0 1\"")->group(kGroup));
+    sources.push_back(
+        app.add_option("--values", d.values, "case values; rows separated by ';', or one list cut by --case-rows")
+            ->type_name("\"1 0 1\"")
+            ->group(kGroup));
     app.add_option("--weights", d.weights, "whole-number weight of each value column [default: 1 each]")
-        ->type_name("\"3 2 1\"")->group(kGroup)->needs(sources.back());
+        ->type_name("\"3 2 1\"")
+        ->group(kGroup)
+        ->needs(sources.back());
     app.add_option("--case-rows", d.case_rows, "rows of the case values given as one list")
-        ->type_name("N")->check(CLI::PositiveNumber.description(""))->group(kGroup)->needs(sources.back());
+        ->type_name("N")
+        ->check(CLI::PositiveNumber.description(""))
+        ->group(kGroup)
+        ->needs(sources.back());
   }
-  auto* data = app.add_option("--data", d.data_file,
-                              std::string("raw observations, one a row of a CSV or TSV file with a header row") +
-                                  ((reads & kTable) ? "; with --group-column the groups form the rows of the table"
-                                                    : ""))
-                   ->type_name("FILE")->group(kGroup);
+  auto* data =
+      app.add_option("--data", d.data_file,
+                     std::string("raw observations, one a row of a CSV or TSV file with a header row") +
+                         ((reads & kTable) ? "; with --group-column the groups form the rows of the table" : ""))
+          ->type_name("FILE")
+          ->group(kGroup);
   sources.push_back(data);
   auto* value = app.add_option("--value-column", d.value_column, "column of the values: its name or number from 1")
-                    ->type_name("COLUMN")->group(kGroup)->needs(data);
+                    ->type_name("COLUMN")
+                    ->group(kGroup)
+                    ->needs(data);
   data->needs(value);
   if (reads & kTable)
     app.add_option("--group-column", d.group_column, "column of the groups: its name or number from 1")
-        ->type_name("COLUMN")->group(kGroup)->needs(data);
+        ->type_name("COLUMN")
+        ->group(kGroup)
+        ->needs(data);
   for (CLI::Option* a : sources)
     for (CLI::Option* b : sources)
       if (a != b) a->excludes(b);
@@ -441,10 +459,12 @@ void AddDataOptions(CLI::App& app, unsigned reads, DataOptions& d) {
     app.add_option("--scores", d.scores,
                    (reads & kRowLengthScores) ? "category scores, one per row [default: 1, 2, 3, ...]"
                                               : "column scores [default: 1, 2, 3, ..., or the values of --data]")
-        ->type_name("\"1 2 3\"")->group(kGroup);
+        ->type_name("\"1 2 3\"")
+        ->group(kGroup);
   if (reads & kRowScores)
     app.add_option("--row-scores", d.row_scores, "row scores [default: 1, 2, 3, ...]")
-        ->type_name("\"1 2 3\"")->group(kGroup);
+        ->type_name("\"1 2 3\"")
+        ->group(kGroup);
 }
 
 void ReadData(const Test& test, const DataOptions& d, Call& c) {
@@ -460,9 +480,8 @@ void ReadData(const Test& test, const DataOptions& d, Call& c) {
       Fail(std::string(test.name) + " reads a table: give --group-column, whose groups become its rows");
     level_values = ReadObservations(test, d, c);
   } else {
-    Fail(std::string(test.name) + " needs data: " +
-         ((test.reads & kTable) ? "--table, --table-file" : "--values") + " or --data (see tq " + test.name +
-         " --help)");
+    Fail(std::string(test.name) + " needs data: " + ((test.reads & kTable) ? "--table, --table-file" : "--values") +
+         " or --data (see tq " + test.name + " --help)");
   }
   ReadScores(test, d, level_values, c);
 }

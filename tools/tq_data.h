@@ -7,13 +7,12 @@
 #ifndef TQ_DATA_H
 #define TQ_DATA_H
 
+#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <CLI/CLI.hpp>
 
 #include "tq_types.h"
 
@@ -46,9 +45,9 @@ std::string FormatNumber(double value);
 // labels in the order of first appearance).
 struct Tabulation {
   int64_t rows = 0, cols = 0;
-  std::vector<int64_t> counts;        // row index fastest
-  std::vector<std::string> groups;    // row names
-  std::vector<std::string> levels;    // column names
+  std::vector<int64_t> counts;                      // row index fastest
+  std::vector<std::string> groups;                  // row names
+  std::vector<std::string> levels;                  // column names
   std::optional<std::vector<double>> level_values;  // when every value is a number
 };
 Tabulation Tabulate(const std::vector<std::string>& groups, const std::vector<std::string>& values);

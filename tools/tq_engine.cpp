@@ -22,12 +22,14 @@ std::string FailureText(int64_t code) {
     int64_t code;
     const char* text;
   } kTexts[] = {
-      {-1, "no memory or no room: an allocation was refused, a store is full, a total is negative, "
-           "or a row or column is empty"},
+      {-1,
+       "no memory or no room: an allocation was refused, a store is full, a total is negative, "
+       "or a row or column is empty"},
       {-2, "the grid of the two-sample Kolmogorov-Smirnov test is full"},
       {-3, "a parameter or a data value outside the hypothesised distribution"},
-      {-4, "nothing to test: fewer than two non-empty columns, no non-zero difference, or no usable "
-           "pair of categories"},
+      {-4,
+       "nothing to test: fewer than two non-empty columns, no non-zero difference, or no usable "
+       "pair of categories"},
       {-6, "the run was stopped"},
       {-7, "the time limit was reached"},
       {-8, "a hash position or a stage index out of range"},
@@ -43,8 +45,9 @@ std::string FailureText(int64_t code) {
       {-35, "more distinct values than the test allows (binomial: two; Cochran's Q: 0 and 1)"},
       {-43, "binomial test: the case data must have one row"},
       {-190, "runs test: all values on one side of the cut"},
-      {-302, "goodness of fit: an expected count at or below 0, or expected counts that don't add up to "
-             "the total"},
+      {-302,
+       "goodness of fit: an expected count at or below 0, or expected counts that don't add up to "
+       "the total"},
       {-308, "binomial test: the null proportion is outside (0, 1)"},
       {-309, "binomial test: no trials"},
       {-1001, "runs test: sizes negative or too large"},

@@ -8,12 +8,11 @@
 // Exit status: 0 success, 1 the engine reported a failure, 2 usage error.
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <new>
 #include <string>
 #include <vector>
-
-#include <CLI/CLI.hpp>
 
 #include "tq_catalog.h"
 #include "tq_data.h"
@@ -103,8 +102,7 @@ int Run(int argc, char** argv) {
     std::string where;
     for (const Entry& en : entries)
       if (en.app->parsed()) where = en.app->get_name();
-    Fail((where.empty() ? "" : where + ": ") + e.what() + " (see tq " + (where.empty() ? "" : where + " ") +
-         "--help)");
+    Fail((where.empty() ? "" : where + ": ") + e.what() + " (see tq " + (where.empty() ? "" : where + " ") + "--help)");
   }
 
   const Entry* chosen = nullptr;

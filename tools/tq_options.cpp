@@ -57,8 +57,7 @@ int64_t ParseMemoryKiB(const std::string& text) {
   if (text == "-1" || Lower(text) == "free") return -1;
   char* end = nullptr;
   const double number = std::strtod(text.c_str(), &end);
-  if (end == text.c_str() || !std::isfinite(number) || !std::isdigit(static_cast<unsigned char>(text[0])))
-    Fail(hint);
+  if (end == text.c_str() || !std::isfinite(number) || !std::isdigit(static_cast<unsigned char>(text[0]))) Fail(hint);
   const std::string unit = Lower(end);
   double kib = 0.0;
   if (unit.empty() || unit == "k" || unit == "kb" || unit == "kib")
@@ -86,9 +85,12 @@ double ParseDurationSeconds(const std::string& text) {
   const std::string unit = Lower(end);
   double seconds = -1.0;
   if (end != text.c_str() && std::isfinite(number) && number > 0.0) {
-    if (unit == "s" || unit == "sec") seconds = number;
-    else if (unit.empty() || unit == "m" || unit == "min") seconds = number * 60.0;
-    else if (unit == "h") seconds = number * 3600.0;
+    if (unit == "s" || unit == "sec")
+      seconds = number;
+    else if (unit.empty() || unit == "m" || unit == "min")
+      seconds = number * 60.0;
+    else if (unit == "h")
+      seconds = number * 3600.0;
   }
   if (seconds <= 0.0 || seconds > 1e9)
     Fail("--time-limit: '" + text + "' is not a duration; give for example 30s, 5m or 1h (a bare number is minutes)");
@@ -163,45 +165,69 @@ std::string Nearest(const std::string& word, const std::vector<std::string>& can
 void AddSharedOptions(CLI::App& app, const Test& test, SharedOptions& s) {
   const char* kMethod = "Method";
   if (test.reads & kExactOnly) {
-    app.add_flag_callback("--exact", [] {}, "exact p-values (the only method of this test)")->group(kMethod);
+    app.add_flag_callback(
+           "--exact", [] {}, "exact p-values (the only method of this test)")
+        ->group(kMethod);
   } else {
-    auto* exact = app.add_flag_callback("--exact", [&s] { s.method = Method::kExact; }, "exact p-values (default)")
+    auto* exact = app.add_flag_callback(
+                         "--exact", [&s] { s.method = Method::kExact; }, "exact p-values (default)")
                       ->group(kMethod);
-    auto* mc = app.add_flag_callback("--monte-carlo", [&s] { s.method = Method::kMonteCarlo; },
-                                     "Monte Carlo estimates with confidence intervals")
+    auto* mc = app.add_flag_callback(
+                      "--monte-carlo", [&s] { s.method = Method::kMonteCarlo; },
+                      "Monte Carlo estimates with confidence intervals")
                    ->group(kMethod);
-    auto* asym = app.add_flag_callback("--asymptotic", [&s] { s.method = Method::kAsymptotic; },
-                                       "asymptotic p-values only")
+    auto* asym = app.add_flag_callback(
+                        "--asymptotic", [&s] { s.method = Method::kAsymptotic; }, "asymptotic p-values only")
                      ->group(kMethod);
     exact->excludes(mc)->excludes(asym);
     mc->excludes(asym);
     app.add_option("--samples", s.samples, "Monte Carlo tables")
-        ->type_name("N")->check(CLI::PositiveNumber.description(""))->capture_default_str()->group(kMethod)->needs(mc);
-    app.add_option("--seed", s.seed, "first seed of the random stream")->type_name("N")->capture_default_str()->group(kMethod)->needs(mc);
+        ->type_name("N")
+        ->check(CLI::PositiveNumber.description(""))
+        ->capture_default_str()
+        ->group(kMethod)
+        ->needs(mc);
+    app.add_option("--seed", s.seed, "first seed of the random stream")
+        ->type_name("N")
+        ->capture_default_str()
+        ->group(kMethod)
+        ->needs(mc);
     app.add_option("--level", s.level, "level of the Monte Carlo intervals, in (0, 1)")
-        ->type_name("L")->check(CLI::Range(1e-9, 1.0 - 1e-9).description(""))->capture_default_str()->group(kMethod)->needs(mc);
+        ->type_name("L")
+        ->check(CLI::Range(1e-9, 1.0 - 1e-9).description(""))
+        ->capture_default_str()
+        ->group(kMethod)
+        ->needs(mc);
   }
   const char* kLimits = "Limits";
-  app.add_option("--time-limit", s.time_limit, "stop the run after this time: 30s, 5m, 1h; a bare number is "
-                                               "minutes; 0 is none [default: none]")
-      ->type_name("TIME")->group(kLimits);
+  app.add_option("--time-limit", s.time_limit,
+                 "stop the run after this time: 30s, 5m, 1h; a bare number is "
+                 "minutes; 0 is none [default: none]")
+      ->type_name("TIME")
+      ->group(kLimits);
   if (!(test.reads & kExactOnly))
     app.add_option("--memory", s.memory,
                    "memory of the network runs: 512M, 2G, ...; 16M is the library's own default; a bare number is "
-                   "kilobytes [default: a quarter of this machine, " + Gib(DefaultCeilingMiB() * kKiBPerMiB) + "]")
-        ->type_name("SIZE")->group(kLimits);
+                   "kilobytes [default: a quarter of this machine, " +
+                       Gib(DefaultCeilingMiB() * kKiBPerMiB) + "]")
+        ->type_name("SIZE")
+        ->group(kLimits);
   if (test.reads & kNetwork)
     app.add_option("--spill", s.spill, "spill file of the network run [default: a private temporary file]")
-        ->type_name("PATH")->group(kLimits);
+        ->type_name("PATH")
+        ->group(kLimits);
   const char* kOutput = "Output";
-  auto* json = app.add_flag_callback("--json", [&s] { s.output = Output::kJson; }, "one JSON object (keys: README)")
+  auto* json = app.add_flag_callback(
+                      "--json", [&s] { s.output = Output::kJson; }, "one JSON object (keys: README)")
                    ->group(kOutput);
-  auto* record = app.add_flag_callback("--record", [&s] { s.output = Output::kRecord; },
-                                       "the raw record: 50 lines 'field value'")
+  auto* record = app.add_flag_callback(
+                        "--record", [&s] { s.output = Output::kRecord; }, "the raw record: 50 lines 'field value'")
                      ->group(kOutput);
   json->excludes(record);
   app.add_option("--missing", s.missing, "filler of unpublished record fields; fields equal to it are not shown")
-      ->type_name("X")->capture_default_str()->group(kOutput);
+      ->type_name("X")
+      ->capture_default_str()
+      ->group(kOutput);
   app.add_flag("--quiet", s.quiet, "no progress on standard error")->group(kOutput);
 }
 
@@ -212,8 +238,8 @@ void ApplySharedOptions(const Test& test, const SharedOptions& s, Call& c) {
   c.ints[TQ_INT_MC_SEED] = s.seed;
   c.ints[TQ_INT_MC_SAMPLES] = s.samples;
   c.reals[TQ_REAL_MC_LEVEL] = s.level;
-  c.reals[TQ_REAL_MISSING] = Lower(s.missing) == "nan" ? std::numeric_limits<double>::quiet_NaN()
-                                                       : ParseReal(s.missing, "--missing");
+  c.reals[TQ_REAL_MISSING] =
+      Lower(s.missing) == "nan" ? std::numeric_limits<double>::quiet_NaN() : ParseReal(s.missing, "--missing");
   if (!s.time_limit.empty() && (c.time_limit_seconds = ParseDurationSeconds(s.time_limit)) > 0.0) {
     // The engine's own limit, in whole minutes, is a backstop a minute
     // after tq's own, which stops the run through the poll routine.

@@ -3,12 +3,11 @@
 #ifndef TQ_OPTIONS_H
 #define TQ_OPTIONS_H
 
+#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <CLI/CLI.hpp>
 
 #include "tq_types.h"
 

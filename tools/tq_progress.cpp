@@ -5,11 +5,10 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <boost/math/distributions/normal.hpp>
-
 #include <atomic>
-#include <cmath>
+#include <boost/math/distributions/normal.hpp>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -72,9 +71,12 @@ struct Display {
 
   std::string StopNote() const {
     switch (static_cast<StopReason>(g_stop.load())) {
-      case StopReason::kInterrupt: return "stopping (Ctrl-C; press it again to quit at once)";
-      case StopReason::kTimeLimit: return "stopping (time limit)";
-      case StopReason::kNone: break;
+      case StopReason::kInterrupt:
+        return "stopping (Ctrl-C; press it again to quit at once)";
+      case StopReason::kTimeLimit:
+        return "stopping (time limit)";
+      case StopReason::kNone:
+        break;
     }
     return {};
   }
@@ -100,8 +102,7 @@ struct Display {
     localtime_r(&now, &tm);
     char stamp[16];
     std::strftime(stamp, sizeof stamp, "%H:%M:%S", &tm);
-    std::fprintf(stderr, "tq: %s %s %s  %s\n", stamp, options.test.c_str(), Elapsed(Seconds()).c_str(),
-                 words.c_str());
+    std::fprintf(stderr, "tq: %s %s %s  %s\n", stamp, options.test.c_str(), Elapsed(Seconds()).c_str(), words.c_str());
     std::fflush(stderr);
     last_plain = Clock::now();
   }
@@ -130,7 +131,8 @@ bool Describe(std::string_view tail, ProgressState& s) {
   const bool ends_in_number = digits != t.size() - 1;
   const int64_t number = ends_in_number ? std::atoll(t.c_str() + (digits == std::string::npos ? 0 : digits + 1)) : 0;
   const auto of_stages = [&](int64_t k) {
-    return s.stages > 0 ? "stage " + std::to_string(k) + " of " + std::to_string(s.stages) : "stage " + std::to_string(k);
+    return s.stages > 0 ? "stage " + std::to_string(k) + " of " + std::to_string(s.stages)
+                        : "stage " + std::to_string(k);
   };
   double low = 0.0, high = 0.0;
   if (ends_in_number && t.find("ssing stage") != std::string::npos) {  // path bounds, from the last stage down
@@ -156,8 +158,8 @@ bool Describe(std::string_view tail, ProgressState& s) {
       if (low > 0.0 && high < 1.0 && half > 0.0) {
         const double m = z * z * p * (1.0 - p) / (half * half);
         const double unit = std::pow(10.0, std::floor(std::log10(m)) - 1);  // two significant digits
-        done = "about " + Grouped(static_cast<int64_t>(std::round(m / unit) * unit)) + " of " +
-               Grouped(s.samples) + " tables, ";
+        done = "about " + Grouped(static_cast<int64_t>(std::round(m / unit) * unit)) + " of " + Grouped(s.samples) +
+               " tables, ";
       }
       std::snprintf(buf, sizeof buf, "Monte Carlo: %sp-value %.4f (%.4f .. %.4f) so far", done.c_str(), p, low, high);
     }
@@ -197,7 +199,7 @@ void BeginProgress(const ProgressOptions& options) {
   const char* term = std::getenv("TERM");
   if (!options.quiet)
     d->mode = isatty(STDERR_FILENO) && !(term != nullptr && std::string(term) == "dumb") ? Display::Mode::kTerminal
-                                                                                        : Display::Mode::kPlain;
+                                                                                         : Display::Mode::kPlain;
   d->start = Clock::now();
   d->last_plain = d->start;  // the first plain line comes after a second
   g_display = d;

@@ -22,13 +22,13 @@ enum class StopReason { kNone, kInterrupt, kTimeLimit };
 // counts doesn't repeat the stage.
 struct ProgressState {
   Method method = Method::kExact;
-  int64_t stages = 0;          // stages of the network, 0 when unknown
-  double level = 0.99;         // Monte Carlo: level of the intervals
-  int64_t samples = 0;         // Monte Carlo: tables to draw
-  std::string phase;           // "bounds", "distribution", ...
+  int64_t stages = 0;   // stages of the network, 0 when unknown
+  double level = 0.99;  // Monte Carlo: level of the intervals
+  int64_t samples = 0;  // Monte Carlo: tables to draw
+  std::string phase;    // "bounds", "distribution", ...
   int64_t stage = -1;
   int64_t nodes = -1;
-  std::string text;            // the words of the latest line
+  std::string text;  // the words of the latest line
 };
 
 // Reads one tail of a progress line into the state; returns false for a

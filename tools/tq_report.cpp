@@ -4,9 +4,8 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
-#include <string>
-
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "tq_catalog.h"
 #include "tq_data.h"
@@ -32,9 +31,12 @@ std::string Number(double v, Kind kind) {
 
 const char* MethodName(Method m) {
   switch (m) {
-    case Method::kExact: return "exact";
-    case Method::kMonteCarlo: return "monte-carlo";
-    case Method::kAsymptotic: return "asymptotic";
+    case Method::kExact:
+      return "exact";
+    case Method::kMonteCarlo:
+      return "monte-carlo";
+    case Method::kAsymptotic:
+      return "asymptotic";
   }
   return "";
 }
@@ -85,8 +87,9 @@ void FieldLines(std::string& out, const std::vector<Field>& fields, const Record
     ++shown;
     std::string text = Number(v, f.kind);
     if (f.kind == Kind::kSide) {
-      text = v == 1.0 ? "lower tail (statistic not above its mean)"
-                      : v == 2.0 ? "upper tail (statistic above its mean)" : text;
+      text = v == 1.0   ? "lower tail (statistic not above its mean)"
+             : v == 2.0 ? "upper tail (statistic above its mean)"
+                        : text;
     } else if (f.kind == Kind::kMc && !IsMissing(r[f.index + 1], missing) && !IsMissing(r[f.index + 2], missing)) {
       char buf[128];
       std::snprintf(buf, sizeof buf, "  (%g%% interval %s .. %s)", level * 100.0,
@@ -173,8 +176,12 @@ Json JsonObject(const Test& t, const Call& c, const SharedOptions& s, const RunR
 void PrintResult(const Test& test, const Call& call, const SharedOptions& shared, const RunResult& run) {
   std::string out;
   switch (shared.output) {
-    case Output::kReport: out = Report(test, call, shared.method, run); break;
-    case Output::kJson: out = JsonObject(test, call, shared, run).dump() + "\n"; break;
+    case Output::kReport:
+      out = Report(test, call, shared.method, run);
+      break;
+    case Output::kJson:
+      out = JsonObject(test, call, shared, run).dump() + "\n";
+      break;
     case Output::kRecord:
       for (int i = 0; i < TQ_RECORD_LENGTH; ++i) {
         char buf[64];

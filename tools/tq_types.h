@@ -51,12 +51,12 @@ enum class Output { kReport, kJson, kRecord };
 // The options that every test takes, defined once (tq_options.cpp).
 struct SharedOptions {
   Method method = Method::kExact;
-  int64_t samples = 10000;   // Monte Carlo tables
-  int64_t seed = 2000000;    // first seed of the random stream
-  double level = 0.99;       // level of the Monte Carlo intervals
-  std::string time_limit;    // "30s", "5m", "1h"; a bare number is minutes
-  std::string memory;        // "2G", "16M"; empty: a quarter of the machine
-  std::string spill;         // spill file of the network runs
+  int64_t samples = 10000;  // Monte Carlo tables
+  int64_t seed = 2000000;   // first seed of the random stream
+  double level = 0.99;      // level of the Monte Carlo intervals
+  std::string time_limit;   // "30s", "5m", "1h"; a bare number is minutes
+  std::string memory;       // "2G", "16M"; empty: a quarter of the machine
+  std::string spill;        // spill file of the network runs
   std::string missing = "nan";
   Output output = Output::kReport;
   bool quiet = false;
@@ -65,9 +65,9 @@ struct SharedOptions {
 // One line of the report above the results that says how tq read or chose
 // a setting (a cut point, missing values skipped); also in the JSON.
 struct Setting {
-  std::string key;    // name in --json "settings"
-  std::string label;  // name in the report
-  std::string text;   // value in the report
+  std::string key;               // name in --json "settings"
+  std::string label;             // name in the report
+  std::string text;              // value in the report
   std::optional<double> number;  // value in --json; the text when absent
 };
 

@@ -2,6 +2,7 @@
 // output out.  JSON is parsed, never matched as text; the terminal form of
 // the progress line runs on a pseudo-terminal.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
@@ -12,13 +13,11 @@
 #include <cmath>
 #include <fstream>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -150,9 +149,9 @@ TEST(TqResults, BinomialJsonMatchesDirectSums) {
     const char* p0;
     int successes, trials;
   } cases[] = {
-      {{"--values", "1 0", "--weights", "7 5"}, "0.3", 7, 12},   // upper tail, asymmetric null
-      {{"--values", "1 0", "--weights", "3 9"}, "0.5", 3, 12},   // symmetric null, lower tail doubled
-      {{"--values", "0 1", "--weights", "5 7"}, "0.6", 7, 12},   // the larger value counts successes
+      {{"--values", "1 0", "--weights", "7 5"}, "0.3", 7, 12},       // upper tail, asymmetric null
+      {{"--values", "1 0", "--weights", "3 9"}, "0.5", 3, 12},       // symmetric null, lower tail doubled
+      {{"--values", "0 1", "--weights", "5 7"}, "0.6", 7, 12},       // the larger value counts successes
       {{"--values", "2 2 5", "--weights", "3 4 5"}, "0.25", 5, 12},  // two columns of one value add up
   };
   for (const Case& c : cases) {
@@ -273,16 +272,35 @@ const Args kSquare = {"--table", "2 1 1; 0 3 2; 1 0 4"};
 const Args kTwoRows = {"--table", "2 1 1; 0 3 2"};
 const Args kBlocks = {"--values", "1 2 3 4; 2 1 4 3; 3 3 1 2"};
 const std::vector<TestCase> kTests = {
-    {1, "scores", kTwoRows}, {2, "wilcoxon", kTwoRows}, {502, "mann-whitney", kTwoRows},
-    {6, "ks1", {"--values", "0.1 0.4 0.7 0.9"}}, {7, "chisq", kSquare}, {507, "chisq-short", kSquare},
-    {31, "median", kTwoRows}, {42, "nominal", kSquare}, {9, "binomial", {"--values", "1 0", "--weights", "7 5"}},
-    {10, "marginal-homogeneity", kSquare}, {510, "marginal-homogeneity-long", kSquare},
-    {11, "runs", {"--values", "3 1 4 1 5 9 2 6"}}, {19, "wald-wolfowitz", kTwoRows}, {18, "ks2", kTwoRows},
-    {20, "jonckheere", kSquare}, {21, "kruskal-wallis", kSquare}, {24, "friedman", kBlocks},
-    {26, "cochran", {"--values", "1 0 1 1; 0 0 1 0; 1 1 1 0"}}, {51, "kendall-w", kBlocks},
-    {32, "fisher", kSquare}, {40, "likelihood-ratio", kSquare}, {45, "uncertainty", kSquare},
-    {41, "linear-by-linear", kSquare}, {47, "pearson", kSquare}, {48, "spearman", kSquare},
-    {43, "kappa", kSquare}, {46, "gk-tau", kSquare}, {49, "kendall", kSquare}, {50, "gamma", kSquare},
+    {1, "scores", kTwoRows},
+    {2, "wilcoxon", kTwoRows},
+    {502, "mann-whitney", kTwoRows},
+    {6, "ks1", {"--values", "0.1 0.4 0.7 0.9"}},
+    {7, "chisq", kSquare},
+    {507, "chisq-short", kSquare},
+    {31, "median", kTwoRows},
+    {42, "nominal", kSquare},
+    {9, "binomial", {"--values", "1 0", "--weights", "7 5"}},
+    {10, "marginal-homogeneity", kSquare},
+    {510, "marginal-homogeneity-long", kSquare},
+    {11, "runs", {"--values", "3 1 4 1 5 9 2 6"}},
+    {19, "wald-wolfowitz", kTwoRows},
+    {18, "ks2", kTwoRows},
+    {20, "jonckheere", kSquare},
+    {21, "kruskal-wallis", kSquare},
+    {24, "friedman", kBlocks},
+    {26, "cochran", {"--values", "1 0 1 1; 0 0 1 0; 1 1 1 0"}},
+    {51, "kendall-w", kBlocks},
+    {32, "fisher", kSquare},
+    {40, "likelihood-ratio", kSquare},
+    {45, "uncertainty", kSquare},
+    {41, "linear-by-linear", kSquare},
+    {47, "pearson", kSquare},
+    {48, "spearman", kSquare},
+    {43, "kappa", kSquare},
+    {46, "gk-tau", kSquare},
+    {49, "kendall", kSquare},
+    {50, "gamma", kSquare},
 };
 
 // Each test runs by its name and by its code with the same record (but the
@@ -323,14 +341,14 @@ TEST(TqData, FilesAndRawObservationsGiveTheTableTheyHold) {
   const std::string csv = Temp("t.csv", "arm,low,mid,high\nA,2,1,1\nB,0,3,2\n");
   const std::string tsv = Temp("t.tsv", "# counts\nlow\tmid\thigh\n2\t1\t1\n0\t3\t2\n");
   const std::string txt = Temp("t.txt", "2 1 1\n\n0 3 2\n");
-  const std::string raw = Temp("raw.csv",
-                               "arm,score\nA,1\nA,1\nB,2\nA,2\nB,2\nB,2\nA,3\nB,3\nB,3\nB,NA\n,3\n");
+  const std::string raw = Temp("raw.csv", "arm,score\nA,1\nA,1\nB,2\nA,2\nB,2\nB,2\nA,3\nB,3\nB,3\nB,NA\n,3\n");
   const Json want = RunJson(expected);
   ASSERT_EQ(want["status"], "ok");
-  for (const Args& args : std::vector<Args>{{"chisq", "--table-file", csv},
-                                            {"chisq", "--table-file", tsv},
-                                            {"chisq", "--table-file", txt},
-                                            {"chisq", "--data", raw, "--value-column", "score", "--group-column", "1"}}) {
+  for (const Args& args :
+       std::vector<Args>{{"chisq", "--table-file", csv},
+                         {"chisq", "--table-file", tsv},
+                         {"chisq", "--table-file", txt},
+                         {"chisq", "--data", raw, "--value-column", "score", "--group-column", "1"}}) {
     SCOPED_TRACE(Joined(args));
     const Json j = RunJson(args);
     EXPECT_EQ(j["data"], want["data"]);
@@ -338,7 +356,8 @@ TEST(TqData, FilesAndRawObservationsGiveTheTableTheyHold) {
   }
   const Json raw_j = RunJson({"chisq", "--data", raw, "--value-column", "score", "--group-column", "arm"});
   EXPECT_NE(raw_j["settings"]["observations"].get<std::string>().find("2 rows with a missing value skipped"),
-            std::string::npos) << raw_j;
+            std::string::npos)
+      << raw_j;
   // Raw values of a case test form one row, as --values does.
   const std::string values = Temp("v.tsv", "id\tx\n1\t1\n2\t0\n3\t1\n4\t1\n");
   EXPECT_EQ(RunJson({"binomial", "--data", values, "--value-column", "x"})["results"],
@@ -439,8 +458,8 @@ TEST(TqReadme, ExamplesRunAsWritten) {
     if (!in_block) continue;
     if (line.rfind("$ ", 0) == 0) line = line.substr(2);
     if (line.rfind("build/tq ", 0) != 0) continue;
-    const std::string command = "cd '" + std::string(ANVL_SOURCE) + "' && ('" TQ_BINARY "'" + line.substr(8) +
-                                "\n) >/dev/null 2>&1";
+    const std::string command =
+        "cd '" + std::string(ANVL_SOURCE) + "' && ('" TQ_BINARY "'" + line.substr(8) + "\n) >/dev/null 2>&1";
     EXPECT_EQ(std::system(command.c_str()), 0) << line;
     ++commands;
   }
