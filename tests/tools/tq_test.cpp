@@ -429,6 +429,15 @@ TEST(TqStops, TimeLimitAndCtrlCEndAHardTableWithinSeconds) {
     EXPECT_TRUE(std::regex_search(r.err, std::regex(R"(^tq: \d\d:\d\d:\d\d fisher 0:0\d  path bounds, stage)")))
         << r.err;
   }
+  // Both streams into one file: every progress line comes before the report.
+  const std::string both = Temp("both.txt");
+  const std::string command = "'" TQ_BINARY "' fisher --table '" + kHardTable + "' --time-limit 2s >'" + both + "' 2>&1";
+  EXPECT_NE(std::system(command.c_str()), 0);
+  const std::string text = Slurp(both);
+  const size_t report = text.find("Fisher's exact test");
+  ASSERT_NE(report, std::string::npos) << text;
+  EXPECT_NE(text.rfind("tq: ", report), std::string::npos) << text;
+  EXPECT_EQ(text.find("tq: ", report), std::string::npos) << text;
 }
 
 // On a terminal one status line is rewritten in place with carriage returns
