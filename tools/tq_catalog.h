@@ -4,7 +4,13 @@
 // procedure code, the data it reads (the Reads flags below, which bring the
 // shared data options), the record fields it publishes, and, where it has
 // options of its own, one function that declares them on its subcommand and
-// returns what they write into the call.
+// returns what they write into the call (see BinomialOptions).  The data
+// options of the flags (--table, --table-file, --data with --value-column and
+// --group-column, --values, --weights, --case-rows, --scores, --row-scores)
+// and the shared options (method, Monte Carlo, --time-limit, --memory,
+// --spill, output) exist already; a test's own options read its other
+// inputs, and Tabulate() (tq_data.h) turns grouped raw values into a table
+// whose column scores are the values.
 #ifndef TQ_CATALOG_H
 #define TQ_CATALOG_H
 
@@ -26,6 +32,7 @@ enum Reads : unsigned {
   kRowLengthScores = 1u << 4,  // --scores, one per row (square tables)
   kNetwork = 1u << 5,          // a network run: --spill, and the memory budget can run out
   kExactOnly = 1u << 6,        // no Monte Carlo or asymptotic method
+  kOwnData = 1u << 7,          // the test's own options may give the data instead
 };
 
 // Fills the test's own parameters into the call once the data are read.

@@ -245,8 +245,7 @@ size_t FindColumn(const Sheet& sheet, const std::string& spec, const char* optio
 
 // Raw observations: the value column and, when given, the group column of
 // each row.  Rows with a missing value ("", NA) are skipped and counted.
-// Returns the values of the columns when they were tabulated from numbers.
-std::vector<double> ReadObservations(const Test& test, const DataOptions& d, Call& c) {
+void ReadObservations(const Test& test, const DataOptions& d, Call& c) {
   const Sheet sheet = ReadSheet(*d.data_file);
   const size_t vc = FindColumn(sheet, *d.value_column, "--value-column");
   const std::optional<size_t> gc =
@@ -285,7 +284,8 @@ std::vector<double> ReadObservations(const Test& test, const DataOptions& d, Cal
     };
     c.settings.push_back({"groups", "rows (groups)", list(t.groups), std::nullopt});
     c.settings.push_back({"levels", "columns (values)", list(t.levels), std::nullopt});
-    return t.level_values.value_or(std::vector<double>{});
+    c.level_values = t.level_values.value_or(std::vector<double>{});
+    return;
   }
   if (gc) Fail(std::string(test.name) + " takes no --group-column: its case values form one row");
   c.case_rows = 1;
@@ -293,7 +293,6 @@ std::vector<double> ReadObservations(const Test& test, const DataOptions& d, Cal
   c.case_data.clear();
   for (const std::string& v : values) c.case_data.push_back(std::strtod(v.c_str(), nullptr));
   c.weights.assign(values.size(), 1);
-  return {};
 }
 
 // Case values from --values (rows by ';', or one list cut by --case-rows)
@@ -350,27 +349,6 @@ std::vector<double> ReadList(const std::string& text, const char* option, int64_
   if (static_cast<int64_t>(out.size()) != want)
     Fail(std::string(option) + ": " + std::to_string(out.size()) + " scores for " + std::to_string(want) + " " + of);
   return out;
-}
-
-// Both score vectors are kept long enough for any procedure, so that the
-// engine never reads past them: the user's scores, the values of tabulated
-// observations, or 1, 2, 3, ...
-void ReadScores(const Test& test, const DataOptions& d, const std::vector<double>& level_values, Call& c) {
-  const int64_t longest = std::max<int64_t>({c.rows, c.cols, 1});
-  c.scores.assign(static_cast<size_t>(longest), 0.0);
-  c.row_scores.assign(static_cast<size_t>(longest), 0.0);
-  for (int64_t i = 0; i < longest; ++i) c.scores[i] = c.row_scores[i] = static_cast<double>(i + 1);
-  std::copy(level_values.begin(), level_values.end(), c.scores.begin());
-  if (d.scores) {
-    const bool by_rows = test.reads & kRowLengthScores;
-    const std::vector<double> s =
-        ReadList(*d.scores, "--scores", by_rows ? c.rows : c.cols, by_rows ? "rows" : "columns");
-    std::copy(s.begin(), s.end(), c.scores.begin());
-  }
-  if (d.row_scores) {
-    const std::vector<double> s = ReadList(*d.row_scores, "--row-scores", c.rows, "rows");
-    std::copy(s.begin(), s.end(), c.row_scores.begin());
-  }
 }
 
 }  // namespace
@@ -467,8 +445,29 @@ void AddDataOptions(CLI::App& app, unsigned reads, DataOptions& d) {
         ->group(kGroup);
 }
 
+// Both score vectors are kept long enough for any procedure, so that the
+// engine never reads past them: the user's scores, the values of tabulated
+// observations, or 1, 2, 3, ...
+void ReadScores(const Test& test, const DataOptions& d, Call& c) {
+  const int64_t longest = std::max<int64_t>({c.rows, c.cols, 1});
+  c.scores.assign(static_cast<size_t>(longest), 0.0);
+  c.row_scores.assign(static_cast<size_t>(longest), 0.0);
+  for (int64_t i = 0; i < longest; ++i) c.scores[i] = c.row_scores[i] = static_cast<double>(i + 1);
+  if (static_cast<int64_t>(c.level_values.size()) <= longest)
+    std::copy(c.level_values.begin(), c.level_values.end(), c.scores.begin());
+  if (d.scores) {
+    const bool by_rows = test.reads & kRowLengthScores;
+    const std::vector<double> s =
+        ReadList(*d.scores, "--scores", by_rows ? c.rows : c.cols, by_rows ? "rows" : "columns");
+    std::copy(s.begin(), s.end(), c.scores.begin());
+  }
+  if (d.row_scores) {
+    const std::vector<double> s = ReadList(*d.row_scores, "--row-scores", c.rows, "rows");
+    std::copy(s.begin(), s.end(), c.row_scores.begin());
+  }
+}
+
 void ReadData(const Test& test, const DataOptions& d, Call& c) {
-  std::vector<double> level_values;
   if (d.table) {
     ReadCounts(SheetOfOption(*d.table, "--table"), c);
   } else if (d.table_file) {
@@ -478,12 +477,11 @@ void ReadData(const Test& test, const DataOptions& d, Call& c) {
   } else if (d.data_file) {
     if (!(test.reads & kCases) && !d.group_column)
       Fail(std::string(test.name) + " reads a table: give --group-column, whose groups become its rows");
-    level_values = ReadObservations(test, d, c);
-  } else {
+    ReadObservations(test, d, c);
+  } else if (!(test.reads & kOwnData)) {
     Fail(std::string(test.name) + " needs data: " + ((test.reads & kTable) ? "--table, --table-file" : "--values") +
          " or --data (see tq " + test.name + " --help)");
   }
-  ReadScores(test, d, level_values, c);
 }
 
 }  // namespace tq

@@ -30,10 +30,14 @@ struct DataOptions {
 // Declares the data options of a test that reads `reads` (tq_catalog.h).
 void AddDataOptions(CLI::App& app, unsigned reads, DataOptions& data);
 
-// Reads the data into the call: the table or the case values, the scores
-// (the user's, or 1, 2, 3, ... or the values of tabulated observations),
-// and settings that say how the data were read.
+// Reads the data into the call, the table or the case values, with
+// settings that say how they were read.  A test with kOwnData may take none
+// of the shared sources: its own options then fill the call.
 void ReadData(const Test& test, const DataOptions& data, Call& call);
+
+// Fills both score vectors, once the table is known: the user's scores, or
+// the values of tabulated observations (Call::level_values), or 1, 2, 3, ...
+void ReadScores(const Test& test, const DataOptions& data, Call& call);
 
 int64_t ParseInteger(std::string_view token, const std::string& where);
 double ParseReal(std::string_view token, const std::string& where);

@@ -120,9 +120,15 @@ int Run(int argc, char** argv) {
 
   const Test& test = *chosen->test;
   Call call;
+  // The scores follow the table: before the test's own options when the
+  // shared options gave the data (the median test cuts at the scores),
+  // after them when its own options did.
   ReadData(test, data, call);
-  ApplySharedOptions(test, shared, call);
+  const bool shared_data = call.table_form || call.case_cols > 0;
+  if (shared_data) ReadScores(test, data, call);
   if (chosen->prepare) chosen->prepare(call);
+  if (!shared_data) ReadScores(test, data, call);
+  ApplySharedOptions(test, shared, call);
   g_test = &test;
   g_call = &call;
   g_shared = &shared;

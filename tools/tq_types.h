@@ -84,6 +84,9 @@ struct Call {
   int64_t case_rows = 0, case_cols = 0;
   std::vector<int64_t> weights{0};
   bool table_form = false;
+  // Values of the columns of a table tabulated from numbers: the default
+  // column scores.
+  std::vector<double> level_values;
   std::string spill;
   std::vector<Setting> settings;
   // Memory of the network runs: the ceiling in MiB that tq sets in the
