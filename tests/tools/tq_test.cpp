@@ -36,7 +36,8 @@ std::string Slurp(const std::string& path) {
 }
 
 std::string Temp(const std::string& name, const std::string& content = "") {
-  const std::string path = ::testing::TempDir() + name;
+  // Names of this process alone: ctest runs other test processes at once.
+  const std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-" + name;
   std::ofstream(path) << content;
   return path;
 }
