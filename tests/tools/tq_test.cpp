@@ -88,6 +88,8 @@ Result RunTq(const Args& args, bool terminal = false, double interrupt_after = 0
     r.err = Slurp(err);
   }
   r.out = Slurp(out);
+  unlink(out.c_str());
+  unlink(err.c_str());
   return r;
 }
 
