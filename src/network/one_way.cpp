@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <new>
 
 #include "frame/failure_codes.h"
@@ -151,7 +152,7 @@ struct OneWayNetwork {
 struct SlotGrid {
   int64_t rows = 0, width = 0, prime = 0;
   std::vector<int64_t> key;
-  std::vector<double> past, log_weight;
+  std::unique_ptr<double[]> past, log_weight;  // read only where a key is set
 
   int Allocate() {
     const int64_t q = MemoryBudget() / kSlotBytes - kSlotReserve;
@@ -166,12 +167,12 @@ struct SlotGrid {
     prime = LargestPrimeBelow(rows);
     try {
       key.assign(static_cast<size_t>(rows * width), kFreeKey);
-      past.assign(static_cast<size_t>(rows * width), 0.0);
-      log_weight.assign(static_cast<size_t>(rows * width), 0.0);
     } catch (const std::bad_alloc&) {
       return fail::kNoMemory;
     }
-    return 0;
+    past.reset(new (std::nothrow) double[static_cast<size_t>(rows * width)]);
+    log_weight.reset(new (std::nothrow) double[static_cast<size_t>(rows * width)]);
+    return past && log_weight ? 0 : fail::kNoMemory;
   }
 
   // First position (0-based) for total y with past value stat, or -1 when
@@ -214,8 +215,8 @@ struct SlotGrid {
   void Purge(int64_t old_parity) {
     for (int64_t r = 0; r < rows; ++r) {
       int64_t* k = key.data() + r * width;
-      double* ps = past.data() + r * width;
-      double* lw = log_weight.data() + r * width;
+      double* ps = past.get() + r * width;
+      double* lw = log_weight.get() + r * width;
       int64_t to = 0;
       for (int64_t c = 0; c < width && k[c] != kFreeKey; ++c) {
         if (k[c] % 2 == old_parity) continue;
