@@ -358,6 +358,9 @@ int RelatedExactRoute(const BlockRanking& r, RelatedExact& out) {
       std::copy(block, block + K, arrangement.begin());
       do {
         if (Tick()) SendExactEstimateLine(tail, 1.0 - resolved);
+        // A stop from the host or the clock stands in the store: the
+        // record shows it whatever follows, so the run ends here.
+        if (FailureCode() != 0) return static_cast<int>(FailureCode());
         if (std::fabs((1.0 - resolved) - tail) <= kStopMargin) {
           out.tail = tail;
           out.point = 0.0;

@@ -114,12 +114,14 @@ struct OneWayNetwork {
 
   // Stage K-1 down to 0: the least and greatest sum of increments from a
   // node to the terminal node, and the log of the summed path weights.
-  void Backward() {
+  // Returns 0, or the code of a stop from the host or the clock.
+  int Backward() {
     for (int64_t i = K - 1; i >= 0; --i) {
       SendBackwardLine(i);
       const int64_t last_t = i == 0 ? 0 : N;
       for (int64_t t = 0; t <= last_t; ++t) {
         Tick();
+        if (FailureCode() != 0) return static_cast<int>(FailureCode());
         const int64_t n = Number(i, t);
         double lo = 0.0, hi = 0.0, lw = 0.0;
         const int64_t y0 = i == K - 1 ? N : t;
@@ -144,6 +146,7 @@ struct OneWayNetwork {
       }
       SendBackwardNodesLine(i, nodes - Number(i, last_t));
     }
+    return 0;
   }
 };
 
@@ -303,7 +306,8 @@ int OneWayExactRoute(const std::vector<double>& expected, int64_t N, double obs,
   OneWayNetwork net;
   int code = net.Build(expected, N);
   if (code != 0) return code;
-  net.Backward();
+  code = net.Backward();
+  if (code != 0) return code;
   SlotGrid grid;
   code = grid.Allocate();
   if (code != 0) return code;
@@ -329,6 +333,9 @@ int OneWayExactRoute(const std::vector<double>& expected, int64_t N, double obs,
         const double past = grid.past[s], lw = grid.log_weight[s];
         for (int64_t y = (i == K - 1 ? N : t); y <= N; ++y) {
           if (Tick()) SendExactEstimateLine(tail_high, 1.0 - tail_low);
+          // A stop from the host or the clock stands in the store: the
+          // record shows it whatever follows, so the run ends here.
+          if (FailureCode() != 0) return static_cast<int>(FailureCode());
           const int64_t succ = net.Number(i + 1, y);
           const double stat = past + net.Increment(i, y - t);
           const double logw = lw + net.LogWeight(i, t, y - t);

@@ -339,6 +339,10 @@ TEST(RelatedSamples, FailuresShowTheCodeAndLeaveDataAsPrescribed) {
             << "value " << i;
     }
   }
+  // A stop asked by the host ends the exact run with its code.
+  HostCall stopped = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, {1, 2, 3, 3, 1, 2, 2, 2, 1}, 3);
+  stopped.poll = [](int64_t* flag) { *flag = *flag == -1 ? -1 : 1; };
+  EXPECT_EQ(stopped.RunCases()[48], -1006.0);
   // Exact limits: K!^(N-1) beyond 1e300 paths, and a budget of 2 MiB
   // that leaves no more than 5000 nodes of 22 rank sums.
   std::mt19937_64 rng(26);

@@ -230,6 +230,10 @@ TEST(OneWay, FailuresShowTheCodeAlone) {
       EXPECT_TRUE(call.Published().empty());
     }
   }
+  // A stop asked by the host ends the exact run with its code.
+  HostCall stopped = OneWay(TQ_PROC_CHISQ, TQ_METHOD_EXACT, {7, 6, 9}, {7, 6, 9});
+  stopped.poll = [](int64_t* flag) { *flag = *flag == -1 ? -1 : 1; };
+  EXPECT_EQ(stopped.RunCases()[48], -1006.0);
   // Expected counts within 1e-6 of the total pass.
   HostCall close = OneWay(TQ_PROC_CHISQ, TQ_METHOD_EXACT, {7, 6, 9}, {7, 6, 9 + 2e-5});
   EXPECT_EQ(close.RunCases()[48], 0.0);
