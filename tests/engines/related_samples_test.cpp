@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <fstream>
+#include <map>
 #include <numeric>
 #include <random>
 #include <sstream>
@@ -159,6 +160,71 @@ TEST(RelatedSamples, ExactMatchesEnumerationOfAllWithinBlockOrders) {
     }
   }
   EXPECT_GE(cases, 200);
+}
+
+// The distribution of the ordered vector of rank sums, block by block,
+// over every order of each block: a map from doubled sums to
+// probabilities, with neither bounds nor the sorting of the engine.
+Enumerated Convolve(const std::vector<double>& values, int K, int N) {
+  std::map<std::vector<int>, long double> dist;
+  std::vector<std::vector<int>> ranks(N);
+  for (int b = 0; b < N; ++b)
+    for (double r : MidRanks(values.data() + b * K, K)) ranks[b].push_back(int(2 * r));
+  dist[ranks[0]] = 1.0L;
+  std::vector<int> sums(ranks[0]);
+  for (int b = 1; b < N; ++b) {
+    for (int i = 0; i < K; ++i) sums[i] += ranks[b][i];
+    std::vector<int> order(ranks[b]);
+    std::sort(order.begin(), order.end());
+    std::vector<std::vector<int>> orders;  // the distinct orders of the block
+    do orders.push_back(order);
+    while (std::next_permutation(order.begin(), order.end()));
+    // Each distinct order stands for the same number of the K! orders.
+    const long double share = 1.0L / orders.size();
+    std::map<std::vector<int>, long double> next;
+    for (const auto& [v, p] : dist)
+      for (const auto& o : orders) {
+        std::vector<int> w(v);
+        for (int i = 0; i < K; ++i) w[i] += o[i];
+        next[w] += p * share;
+      }
+    dist.swap(next);
+  }
+  const double mean2 = N * (K + 1.0);  // doubled
+  auto S = [&](const std::vector<int>& v) {
+    double s = 0;
+    for (int x : v) s += (x - mean2) * (x - mean2) / 4.0;
+    return s;
+  };
+  const double observed = S(sums);
+  Enumerated out;
+  for (const auto& [v, p] : dist) {
+    const double s = S(v);
+    if (s >= observed - 1e-7) out.p += double(p);
+    if (std::fabs(s - observed) <= 1e-7) out.point += double(p);
+  }
+  return out;
+}
+
+// Designs whose sum of squared rank sums stays below 10^4: there the step
+// between two values of the sum (0.5 at least) is wider than the final
+// margin of 5e-5 of the observed sum, so no value above it is missed.
+TEST(RelatedSamples, ExactMatchesTheFullConvolutionOnLargerDesigns) {
+  std::mt19937_64 rng(51);
+  const int shapes[][2] = {{3, 14}, {4, 8}, {5, 5}, {3, 25}};
+  for (const auto& shape : shapes) {
+    for (int levels : {3, 6}) {
+      const int K = shape[0], N = shape[1];
+      const std::vector<double> data = RandomBlocks(rng, K, N, levels);
+      const Enumerated ref = Convolve(data, K, N);
+      SCOPED_TRACE("K " + std::to_string(K) + " N " + std::to_string(N) + ":" + Show(data, K));
+      HostCall c = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, K);
+      const double* r = c.RunCases();
+      ASSERT_EQ(r[48], 0.0);
+      EXPECT_NEAR(r[16], ref.p, 1e-9 * ref.p);
+      EXPECT_NEAR(r[17], ref.point, 1e-9 * ref.point);
+    }
+  }
 }
 
 TEST(RelatedSamples, BlocksAllInOneOrderWithoutTies) {
