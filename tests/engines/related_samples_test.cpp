@@ -23,67 +23,50 @@ namespace {
 
 using anvl::support::HostCall;
 
-// Mid-ranks of one block by counting: rank = #smaller + (#equal + 1) / 2.
-std::vector<double> MidRanks(const double* v, int k) {
-  std::vector<double> r(k);
-  for (int i = 0; i < k; ++i) {
-    int less = 0, equal = 0;
-    for (int j = 0; j < k; ++j) {
-      less += v[j] < v[i];
-      equal += v[j] == v[i];
-    }
-    r[i] = less + (equal + 1) / 2.0;
-  }
+// Doubled mid-ranks of the N blocks by counting: 2 rank = 2 #smaller +
+// #equal + 1.
+std::vector<std::vector<int>> Ranks2(const std::vector<double>& v, int K, int N) {
+  std::vector<std::vector<int>> r(N, std::vector<int>(K));
+  for (int b = 0; b < N; ++b)
+    for (int i = 0; i < K; ++i)
+      for (int j = 0; j < K; ++j)
+        r[b][i] += v[b * K + j] < v[b * K + i] ? 2 : v[b * K + j] == v[b * K + i] ? 1 : 0;
+  for (auto& block : r)
+    for (int& x : block) x += 1;
   return r;
 }
 
-// Everything the brute force knows of one data set (K rows, N blocks,
-// block after block).
-struct Enumerated {
-  double chi2 = 0.0;   // Friedman's statistic with the tie correction
-  double p = 0.0;      // P(S >= S_obs) over all K!^(N-1) orders of blocks 2..N
+// S = sum (R_i - N (K + 1) / 2)^2 from doubled rank sums.
+double S(const std::vector<int>& sums2, int K, int N) {
+  double s = 0.0;
+  for (int x : sums2) s += (x - N * (K + 1.0)) * (x - N * (K + 1.0)) / 4.0;
+  return s;
+}
+
+struct Exact {
+  double p = 0.0;      // P(S >= S_obs), every block after the first in every order
   double point = 0.0;  // P(S = S_obs)
 };
 
-Enumerated Enumerate(const std::vector<double>& values, int K, int N) {
-  std::vector<std::vector<double>> ranks(N);
-  double ties = 0.0;
-  for (int b = 0; b < N; ++b) {
-    ranks[b] = MidRanks(values.data() + b * K, K);
-    for (int i = 0; i < K; ++i) {
-      int equal = 0;
-      for (int j = 0; j < K; ++j) equal += ranks[b][j] == ranks[b][i];
-      ties += double(equal) * equal - 1.0;  // t^2 - 1 per member: sum t^3 - t per group
-    }
-  }
-  const double mean = N * (K + 1) / 2.0;
-  auto S = [&](const std::vector<double>& sums) {
-    double s = 0.0;
-    for (double R : sums) s += (R - mean) * (R - mean);
-    return s;
-  };
-  std::vector<double> sums(ranks[0]);
-  for (int b = 1; b < N; ++b)
-    for (int i = 0; i < K; ++i) sums[i] += ranks[b][i];
-  const double observed = S(sums);
-  Enumerated out;
-  out.chi2 = 12.0 * observed / (N * K * (K + 1.0) - ties / (K - 1.0));
-
+// Brute force: all K!^(N-1) orders of the blocks after the first.
+Exact Enumerate(const std::vector<double>& values, int K, int N) {
+  const auto ranks = Ranks2(values, K, N);
+  std::vector<int> sums(K, 0), perm(K);
+  for (const auto& block : ranks)
+    for (int i = 0; i < K; ++i) sums[i] += block[i];
+  const double observed = S(sums, K, N);
   std::vector<std::vector<int>> orders;
-  std::vector<int> perm(K);
   std::iota(perm.begin(), perm.end(), 0);
   do orders.push_back(perm);
   while (std::next_permutation(perm.begin(), perm.end()));
   uint64_t total = 0, above = 0, equal = 0;
-  const double tol = 1e-7;
-  std::fill(sums.begin(), sums.end(), 0.0);
-  for (int i = 0; i < K; ++i) sums[i] = ranks[0][i];
+  sums = ranks[0];
   auto walk = [&](auto&& self, int b) -> void {
     if (b == N) {
-      const double s = S(sums);
+      const double s = S(sums, K, N);
       ++total;
-      above += s >= observed - tol;
-      equal += std::fabs(s - observed) <= tol;
+      above += s >= observed - 1e-7;
+      equal += std::fabs(s - observed) <= 1e-7;
       return;
     }
     for (const std::vector<int>& o : orders) {
@@ -93,8 +76,39 @@ Enumerated Enumerate(const std::vector<double>& values, int K, int N) {
     }
   };
   walk(walk, 1);
-  out.p = double(above) / double(total);
-  out.point = double(equal) / double(total);
+  return {double(above) / double(total), double(equal) / double(total)};
+}
+
+// The distribution of the ordered vector of rank sums, block by block, over
+// the distinct orders of each block (each stands for the same number of
+// the K! orders): neither bounds nor the sorting of the engine.
+Exact Convolve(const std::vector<double>& values, int K, int N) {
+  const auto ranks = Ranks2(values, K, N);
+  std::map<std::vector<int>, long double> dist{{ranks[0], 1.0L}};
+  std::vector<int> sums(ranks[0]);
+  for (int b = 1; b < N; ++b) {
+    for (int i = 0; i < K; ++i) sums[i] += ranks[b][i];
+    std::vector<int> order(ranks[b]);
+    std::sort(order.begin(), order.end());
+    std::vector<std::vector<int>> orders;
+    do orders.push_back(order);
+    while (std::next_permutation(order.begin(), order.end()));
+    std::map<std::vector<int>, long double> next;
+    for (const auto& [v, p] : dist)
+      for (const auto& o : orders) {
+        std::vector<int> w(v);
+        for (int i = 0; i < K; ++i) w[i] += o[i];
+        next[w] += p / orders.size();
+      }
+    dist.swap(next);
+  }
+  const double observed = S(sums, K, N);
+  Exact out;
+  for (const auto& [v, p] : dist) {
+    const double s = S(v, K, N);
+    if (s >= observed - 1e-7) out.p += double(p);
+    if (std::fabs(s - observed) <= 1e-7) out.point += double(p);
+  }
   return out;
 }
 
@@ -111,16 +125,16 @@ std::string Show(const std::vector<double>& v, int k) {
   return s.str();
 }
 
-// A random data set without constant blocks, values drawn from 1..levels.
+// A random data set without constant blocks; values 0/1 for levels 2,
+// else 1..levels.
 std::vector<double> RandomBlocks(std::mt19937_64& rng, int K, int N, int levels) {
-  std::uniform_int_distribution<int> value(1, levels);
+  std::uniform_int_distribution<int> value(levels == 2 ? 0 : 1, levels == 2 ? 1 : levels);
   std::vector<double> v;
-  for (int b = 0; b < N; ++b) {
+  while (v.size() < size_t(K * N)) {
     std::vector<double> block(K);
-    do
-      for (double& x : block) x = levels == 2 ? value(rng) - 1 : value(rng);
-    while (std::all_of(block.begin(), block.end(), [&](double x) { return x == block[0]; }));
-    v.insert(v.end(), block.begin(), block.end());
+    for (double& x : block) x = value(rng);
+    if (std::count(block.begin(), block.end(), block[0]) < K)
+      v.insert(v.end(), block.begin(), block.end());
   }
   return v;
 }
@@ -136,25 +150,22 @@ TEST(RelatedSamples, ExactMatchesEnumerationOfAllWithinBlockOrders) {
       const int N = std::uniform_int_distribution<int>(2, shape[1])(rng);
       const int levels = round % 3 == 0 ? 2 : round % 3 == 1 ? 3 : K + 2;
       const std::vector<double> data = RandomBlocks(rng, K, N, levels);
-      const Enumerated ref = Enumerate(data, K, N);
+      const Exact ref = Enumerate(data, K, N);
       SCOPED_TRACE("K " + std::to_string(K) + " N " + std::to_string(N) + ":" + Show(data, K));
-      HostCall friedman = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, K);
-      const double* f = friedman.RunCases();
-      ASSERT_EQ(f[48], 0.0);
-      EXPECT_NEAR(f[0], ref.chi2, 1e-12 * ref.chi2 + 1e-14);
-      EXPECT_NEAR(f[16], ref.p, 1e-9 * ref.p);
-      EXPECT_NEAR(f[17], ref.point, 1e-9 * ref.point);
-      // Kendall's W is Friedman's statistic over N (K - 1), with the same p.
-      HostCall kendall = Call(TQ_PROC_KENDALL_W, TQ_METHOD_EXACT, data, K);
-      const double* w = kendall.RunCases();
-      EXPECT_NEAR(w[0], ref.chi2 / (N * (K - 1.0)), 1e-12);
-      EXPECT_NEAR(w[16], ref.p, 1e-9 * ref.p);
-      if (levels == 2) {  // Cochran's Q is Friedman's statistic on 0/1 data
-        HostCall cochran = Call(TQ_PROC_COCHRAN_Q, TQ_METHOD_EXACT, data, K);
-        const double* q = cochran.RunCases();
-        EXPECT_NEAR(q[0], ref.chi2, 1e-12 * ref.chi2 + 1e-14);
-        EXPECT_NEAR(q[16], ref.p, 1e-9 * ref.p);
-        EXPECT_NEAR(q[17], ref.point, 1e-9 * ref.point);
+      // Kendall's W is Friedman's statistic over N (K - 1), Cochran's Q
+      // Friedman's statistic on 0/1 data; all three have the same p.
+      std::vector<int64_t> procedures = {TQ_PROC_FRIEDMAN, TQ_PROC_KENDALL_W};
+      if (levels == 2) procedures.push_back(TQ_PROC_COCHRAN_Q);
+      double friedman = 0.0;
+      for (int64_t proc : procedures) {
+        HostCall c = Call(proc, TQ_METHOD_EXACT, data, K);
+        const double* r = c.RunCases();
+        ASSERT_EQ(r[48], 0.0) << proc;
+        if (proc == TQ_PROC_FRIEDMAN) friedman = r[0];
+        const double stat = proc == TQ_PROC_KENDALL_W ? friedman / (N * (K - 1.0)) : friedman;
+        EXPECT_NEAR(r[0], stat, 1e-12 * stat) << proc;
+        EXPECT_NEAR(r[16], ref.p, 1e-9 * ref.p) << proc;
+        EXPECT_NEAR(r[17], ref.point, 1e-9 * ref.point) << proc;
       }
       ++cases;
     }
@@ -162,61 +173,15 @@ TEST(RelatedSamples, ExactMatchesEnumerationOfAllWithinBlockOrders) {
   EXPECT_GE(cases, 200);
 }
 
-// The distribution of the ordered vector of rank sums, block by block,
-// over every order of each block: a map from doubled sums to
-// probabilities, with neither bounds nor the sorting of the engine.
-Enumerated Convolve(const std::vector<double>& values, int K, int N) {
-  std::map<std::vector<int>, long double> dist;
-  std::vector<std::vector<int>> ranks(N);
-  for (int b = 0; b < N; ++b)
-    for (double r : MidRanks(values.data() + b * K, K)) ranks[b].push_back(int(2 * r));
-  dist[ranks[0]] = 1.0L;
-  std::vector<int> sums(ranks[0]);
-  for (int b = 1; b < N; ++b) {
-    for (int i = 0; i < K; ++i) sums[i] += ranks[b][i];
-    std::vector<int> order(ranks[b]);
-    std::sort(order.begin(), order.end());
-    std::vector<std::vector<int>> orders;  // the distinct orders of the block
-    do orders.push_back(order);
-    while (std::next_permutation(order.begin(), order.end()));
-    // Each distinct order stands for the same number of the K! orders.
-    const long double share = 1.0L / orders.size();
-    std::map<std::vector<int>, long double> next;
-    for (const auto& [v, p] : dist)
-      for (const auto& o : orders) {
-        std::vector<int> w(v);
-        for (int i = 0; i < K; ++i) w[i] += o[i];
-        next[w] += p * share;
-      }
-    dist.swap(next);
-  }
-  const double mean2 = N * (K + 1.0);  // doubled
-  auto S = [&](const std::vector<int>& v) {
-    double s = 0;
-    for (int x : v) s += (x - mean2) * (x - mean2) / 4.0;
-    return s;
-  };
-  const double observed = S(sums);
-  Enumerated out;
-  for (const auto& [v, p] : dist) {
-    const double s = S(v);
-    if (s >= observed - 1e-7) out.p += double(p);
-    if (std::fabs(s - observed) <= 1e-7) out.point += double(p);
-  }
-  return out;
-}
-
 // Designs whose sum of squared rank sums stays below 10^4: there the step
 // between two values of the sum (0.5 at least) is wider than the final
 // margin of 5e-5 of the observed sum, so no value above it is missed.
 TEST(RelatedSamples, ExactMatchesTheFullConvolutionOnLargerDesigns) {
   std::mt19937_64 rng(51);
-  const int shapes[][2] = {{3, 14}, {4, 8}, {5, 5}, {3, 25}};
-  for (const auto& shape : shapes) {
+  for (auto [K, N] : {std::pair{3, 14}, {4, 8}, {5, 5}, {3, 25}}) {
     for (int levels : {3, 6}) {
-      const int K = shape[0], N = shape[1];
       const std::vector<double> data = RandomBlocks(rng, K, N, levels);
-      const Enumerated ref = Convolve(data, K, N);
+      const Exact ref = Convolve(data, K, N);
       SCOPED_TRACE("K " + std::to_string(K) + " N " + std::to_string(N) + ":" + Show(data, K));
       HostCall c = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, K);
       const double* r = c.RunCases();
@@ -242,40 +207,28 @@ TEST(RelatedSamples, BlocksAllInOneOrderWithoutTies) {
   }
 }
 
+// One line of related_refs.csv (see gen_related_refs.R); NA reads as NaN.
 struct RelatedRef {
   std::string id;
   int k = 0, n = 0;
   bool binary = false;
   std::vector<double> values;
-  double friedman = 0, friedman_p = 0, coin = 0, coin_p = 0, cochran = 0, symmetry = 0,
-         symmetry_p = 0;
+  double friedman, friedman_p, coin, coin_p, cochran, symmetry, symmetry_p;
 };
 
 std::vector<RelatedRef> LoadRelatedRefs() {
   std::ifstream in(anvl::support::TestDataDir() + "/related_refs.csv");
   std::vector<RelatedRef> out;
   std::string line;
-  std::getline(in, line);
-  while (std::getline(in, line)) {
+  for (std::getline(in, line); std::getline(in, line);) {
     std::vector<std::string> f;
     std::stringstream ss(line);
     for (std::string cell; std::getline(ss, cell, ',');) f.push_back(cell);
-    if (f.size() != 12) continue;
-    RelatedRef r;
-    r.id = f[0];
-    r.k = std::stoi(f[1]);
-    r.n = std::stoi(f[2]);
-    r.binary = f[3] == "1";
+    auto num = [&](int i) { return f[i] == "NA" ? NAN : std::stod(f[i]); };
+    RelatedRef r{f[0],   std::stoi(f[1]), std::stoi(f[2]), f[3] == "1", {},      num(5),
+                 num(6), num(7),          num(8),          num(9),      num(10), num(11)};
     std::stringstream vs(f[4]);
     for (double x; vs >> x;) r.values.push_back(x);
-    auto num = [](const std::string& s) { return s == "NA" ? NAN : std::stod(s); };
-    r.friedman = num(f[5]);
-    r.friedman_p = num(f[6]);
-    r.coin = num(f[7]);
-    r.coin_p = num(f[8]);
-    r.cochran = num(f[9]);
-    r.symmetry = num(f[10]);
-    r.symmetry_p = num(f[11]);
     out.push_back(r);
   }
   return out;

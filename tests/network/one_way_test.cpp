@@ -124,32 +124,27 @@ TEST(OneWay, ExactMatchesEnumerationOfAllTablesWithTheTotal) {
   EXPECT_LE(unclear, 5);
 }
 
+// One line of oneway_refs.csv (see gen_related_refs.R).
 struct OneWayRef {
   std::string id;
   std::vector<int64_t> counts;
   std::vector<double> expected;
-  double x2 = 0, p = 0;
-  int df = 0;
+  double x2, p;
+  int df;
 };
 
 std::vector<OneWayRef> LoadOneWayRefs() {
   std::ifstream in(anvl::support::TestDataDir() + "/oneway_refs.csv");
   std::vector<OneWayRef> out;
   std::string line;
-  std::getline(in, line);
-  while (std::getline(in, line)) {
+  for (std::getline(in, line); std::getline(in, line);) {
     std::vector<std::string> f;
     std::stringstream ss(line);
     for (std::string cell; std::getline(ss, cell, ',');) f.push_back(cell);
-    if (f.size() != 7) continue;
-    OneWayRef r;
-    r.id = f[0];
+    OneWayRef r{f[0], {}, {}, std::stod(f[4]), std::stod(f[6]), std::stoi(f[5])};
     std::stringstream cs(f[2]), es(f[3]);
     for (int64_t x; cs >> x;) r.counts.push_back(x);
     for (double x; es >> x;) r.expected.push_back(x);
-    r.x2 = std::stod(f[4]);
-    r.df = std::stoi(f[5]);
-    r.p = std::stod(f[6]);
     out.push_back(r);
   }
   return out;
