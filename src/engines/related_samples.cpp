@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <memory>
 #include <new>
 #include <numeric>
 
@@ -14,7 +13,6 @@
 #include "kernel/log_sum.h"
 #include "kernel/random.h"
 #include "network/monte_carlo.h"
-#include "network/node_store.h"
 
 namespace anvl::eng {
 namespace {
@@ -31,6 +29,8 @@ constexpr double kLogPathLimit = 690.7755278982138;
 // next), the slots kept back, and the fewest nodes worth a run.
 constexpr int64_t kNodeBytesPerRow = 16, kNodeBytesFixed = 16;
 constexpr int64_t kNodeReserve = 1000, kFewestNodes = 5000;
+// Slots of the node index at the start of a block; it doubles as needed.
+constexpr size_t kFirstIndexSlots = 1024;
 // Two vectors are the same node when every entry agrees to this.
 constexpr double kSameNodeWidth = 1e-5;
 // A partial vector whose sum of squares already passes the observed sum
@@ -123,78 +123,74 @@ int MonteCarloRoute(const BlockRanking& r, net::McResult& out) {
   return 0;
 }
 
-// The tables of one exact run: the nodes of the current block, packed,
-// and the hashed table of the next.  A slot of the next table is taken
-// when its stamp is the number of the block being added; the list of
-// taken slots lets a block clear and pack the table without a sweep over
-// all of it.
+// The tables of one exact run: the nodes of the current block and those of
+// the next, each stored densely in the order in which it was made, and an
+// open-addressing index of the next block's nodes.  The index and the
+// stores grow with the nodes actually made, up to `capacity` nodes, so a
+// large memory budget costs nothing until a design needs it.  Which slot a
+// node takes never changes a result: nodes merge only when their sums are
+// equal, and the current block is read in the order the nodes were made.
 struct NodeTables {
-  int64_t K = 0, capacity = 0, prime = 0;
-  std::unique_ptr<double[]> cur, next;          // K sums per node
-  std::unique_ptr<double[]> cur_log, next_log;  // log of the paths to the node
-  std::unique_ptr<int64_t[]> stamp;             // block that took the slot
-  std::unique_ptr<int64_t[]> taken;             // slots taken, in order
-  int64_t count = 0;                            // nodes in `cur`
-  int64_t taken_count = 0, block = 0;
+  int64_t K = 0, capacity = 0;
+  std::vector<double> cur, next;          // K sums per node
+  std::vector<double> cur_log, next_log;  // log of the paths to the node
+  std::vector<int64_t> index;             // node of each slot, -1 free; size a power of 2
+  int64_t count = 0;                      // nodes in `cur`
 
-  int Allocate(int64_t k, int64_t cap) {
-    K = k;
-    capacity = cap;
-    const size_t n = static_cast<size_t>(cap);
-    cur.reset(new (std::nothrow) double[n * k]);
-    next.reset(new (std::nothrow) double[n * k]);
-    cur_log.reset(new (std::nothrow) double[n]);
-    next_log.reset(new (std::nothrow) double[n]);
-    stamp.reset(new (std::nothrow) int64_t[n]());
-    taken.reset(new (std::nothrow) int64_t[n]);
-    if (!cur || !next || !cur_log || !next_log || !stamp || !taken) return fail::kNoMemory;
-    return 0;
+  void ClearNext() {
+    next.clear();
+    next_log.clear();
+    std::fill(index.begin(), index.end(), int64_t{-1});
   }
-  // Every slot of the next table free: the stamps of block b mark it.
-  void ClearNext(int64_t b) {
-    block = b;
-    taken_count = 0;
+  static uint64_t Hash(const double* v, int64_t k) {
+    uint64_t h = 1469598103934665603ull;
+    for (int64_t i = 0; i < k; ++i) h = (h ^ static_cast<uint64_t>(2.0 * v[i])) * 1099511628211ull;
+    return h ^ (h >> 29);
   }
-  // Adds the sorted vector v with log count lc to the next table: a new
-  // node, or the LogSum with the node it equals.  Slot 1 + hash, probing
-  // upward and round; false when the table is full.
-  bool Insert(const double* v, double lc) {
-    const int64_t M = block * K + 1;
-    int64_t h = static_cast<int64_t>(2.0 * v[0]);
-    for (int64_t i = 1; i < K; ++i) {
-      // |h 2M + trunc(2 v_i)| mod P: exact in 64 bits, as in doubles.
-      const int64_t x = h * 2 * M + static_cast<int64_t>(2.0 * v[i]);
-      h = (x < 0 ? -x : x) % prime;
+  // Doubles the index and places every node of the next block again.
+  void Grow() {
+    index.assign(index.size() * 2, -1);
+    const uint64_t mask = index.size() - 1;
+    const int64_t nodes = static_cast<int64_t>(next_log.size());
+    for (int64_t n = 0; n < nodes; ++n) {
+      uint64_t s = Hash(next.data() + n * K, K) & mask;
+      while (index[s] >= 0) s = (s + 1) & mask;
+      index[s] = n;
     }
-    const int64_t start = (h <= 0 ? prime : h) - 1;  // 0-based slot
-    for (int64_t j = 0; j < capacity; ++j) {
-      int64_t s = start + j;
-      if (s >= capacity) s -= capacity;
-      double* e = next.get() + s * K;
-      if (stamp[s] != block) {
-        stamp[s] = block;
-        taken[taken_count++] = s;
-        std::copy(v, v + K, e);
-        next_log[s] = lc;
-        return true;
-      }
+  }
+  // Adds the sorted vector v with log count lc to the next block: a new
+  // node, or the LogSum with the node whose sums agree with v to 1e-5.
+  // 0, or -1 when the capacity is reached or memory is refused.
+  int Insert(const double* v, double lc) {
+    const uint64_t mask = index.size() - 1;
+    uint64_t s = Hash(v, K) & mask;
+    for (; index[s] >= 0; s = (s + 1) & mask) {
+      const int64_t n = index[s];
+      const double* e = next.data() + n * K;
       bool same = true;
       for (int64_t i = 0; i < K && same; ++i) same = std::fabs(e[i] - v[i]) <= kSameNodeWidth;
       if (same) {
-        next_log[s] = LogSum(next_log[s], lc);
-        return true;
+        next_log[n] = LogSum(next_log[n], lc);
+        return 0;
       }
     }
-    return false;
-  }
-  // Moves the next table's nodes into the current one, closing the gaps.
-  void Advance() {
-    for (int64_t n = 0; n < taken_count; ++n) {
-      const int64_t s = taken[n];
-      std::copy(next.get() + s * K, next.get() + (s + 1) * K, cur.get() + n * K);
-      cur_log[n] = next_log[s];
+    const int64_t n = static_cast<int64_t>(next_log.size());
+    if (n >= capacity) return fail::kNoMemory;
+    try {
+      next.insert(next.end(), v, v + K);
+      next_log.push_back(lc);
+      index[s] = n;
+      if (2 * (n + 1) > static_cast<int64_t>(index.size())) Grow();
+    } catch (const std::bad_alloc&) {
+      return fail::kNoMemory;
     }
-    count = taken_count;
+    return 0;
+  }
+  // The next block's nodes become the current ones.
+  void Advance() {
+    cur.swap(next);
+    cur_log.swap(next_log);
+    count = static_cast<int64_t>(cur_log.size());
   }
 };
 
@@ -316,21 +312,23 @@ int RelatedExactRoute(const BlockRanking& r, RelatedExact& out) {
   const int64_t capacity = MemoryBudget() / (kNodeBytesPerRow * K + kNodeBytesFixed) - kNodeReserve;
   if (capacity <= kFewestNodes) return fail::kTooFewNodes;
   NodeTables t;
-  if (t.Allocate(K, capacity) != 0) return fail::kNoMemory;
-  t.prime = net::LargestPrimeBelow(capacity);
+  t.K = K;
+  t.capacity = capacity;
 
   std::vector<double> left, arrangement, v;
   try {
     left.assign(static_cast<size_t>(K), 0.0);
     arrangement.resize(static_cast<size_t>(K));
     v.resize(static_cast<size_t>(K));
+    t.index.assign(kFirstIndexSlots, -1);
+    t.cur.resize(static_cast<size_t>(K));
+    t.cur_log.assign(1, 0.0);
   } catch (const std::bad_alloc&) {
     return fail::kNoMemory;
   }
   // The first block stands as it is: one node, its mid-ranks by row.
   for (int64_t p = 0; p < K; ++p) t.cur[r.rows[p]] = r.ranks[p];
-  SortShort(t.cur.get(), K);
-  t.cur_log[0] = 0.0;
+  SortShort(t.cur.data(), K);
   t.count = 1;
   const double mean = static_cast<double>(N) * static_cast<double>(K + 1) / 2.0;
   for (int64_t p = 0; p < K; ++p) {
@@ -344,7 +342,7 @@ int RelatedExactRoute(const BlockRanking& r, RelatedExact& out) {
   for (int64_t b = 1; b < N; ++b) {
     const double* block = r.ranks.data() + b * K;
     for (int64_t p = 0; p < K; ++p) left[p] -= block[p];
-    t.ClearNext(b + 1);
+    t.ClearNext();
     // Each distinct order of the block's mid-ranks stands for the orders
     // that differ only within its tie groups: log of their number.
     double log_ties = 0.0;
@@ -356,7 +354,7 @@ int RelatedExactRoute(const BlockRanking& r, RelatedExact& out) {
     }
     const double log_paths = static_cast<double>(b) * L;  // orders of blocks 2 .. b+1
     for (int64_t n = 0; n < t.count; ++n) {
-      const double* node = t.cur.get() + n * K;
+      const double* node = t.cur.data() + n * K;
       const double lc = t.cur_log[n] + log_ties;
       std::copy(block, block + K, arrangement.begin());
       do {
@@ -381,7 +379,7 @@ int RelatedExactRoute(const BlockRanking& r, RelatedExact& out) {
           tail += std::exp(lc - log_paths);
         } else if (u < resolved_bound) {
           resolved += std::exp(lc - log_paths);
-        } else if (!t.Insert(v.data(), lc)) {
+        } else if (t.Insert(v.data(), lc) != 0) {
           return fail::kNoMemory;
         }
       } while (std::next_permutation(arrangement.begin(), arrangement.end()));
@@ -392,7 +390,7 @@ int RelatedExactRoute(const BlockRanking& r, RelatedExact& out) {
   const double log_paths = static_cast<double>(N - 1) * L;
   double beyond = 0.0, point = 0.0;
   for (int64_t n = 0; n < t.count; ++n) {
-    const double* node = t.cur.get() + n * K;
+    const double* node = t.cur.data() + n * K;
     double q = 0.0;
     for (int64_t i = 0; i < K; ++i) q += node[i] * node[i];
     const double prob = std::exp(t.cur_log[n] - log_paths);

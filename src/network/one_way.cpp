@@ -33,7 +33,6 @@ constexpr double kMergeWidth = 9.999999974752427e-07;
 constexpr int64_t kSlotBytes = 20, kSlotReserve = 4000, kGridRows = 15000;
 constexpr double kHashShift = 4294967296.0;  // 2^32
 constexpr double kHashLimit = 2147483648.0;  // 2^31
-constexpr int64_t kFreeKey = -1;
 // A Monte Carlo sample counts when its X^2 reaches this fraction of obs.
 constexpr double kMcHitFactor = 0.99995;
 // Beyond these expected counts in both directions a binomial draw takes
@@ -150,12 +149,19 @@ struct OneWayNetwork {
   }
 };
 
-// The nodes of two adjacent stages in R rows of S slots, each row packed
-// from the left; a key is 2 t + the parity of the stage.
+// The nodes of two adjacent stages in R rows of at most S slots each, a
+// key being 2 t + the parity of the stage.  A row holds its nodes packed
+// from the left in the order they came, and a node whose row is full goes
+// on to the next row (round the grid), as in one flat array of R x S
+// slots; but a row takes memory only for the nodes it holds, so a large
+// memory budget costs nothing until a table needs it.
 struct SlotGrid {
+  struct Slot {
+    int64_t key;
+    double past, log_weight;
+  };
   int64_t rows = 0, width = 0, prime = 0;
-  std::vector<int64_t> key;
-  std::unique_ptr<double[]> past, log_weight;  // read only where a key is set
+  std::vector<std::vector<Slot>> row;
 
   int Allocate() {
     const int64_t q = MemoryBudget() / kSlotBytes - kSlotReserve;
@@ -169,17 +175,15 @@ struct SlotGrid {
     if (rows < 3) return fail::kTooFewNodes;
     prime = LargestPrimeBelow(rows);
     try {
-      key.assign(static_cast<size_t>(rows * width), kFreeKey);
+      row.resize(static_cast<size_t>(rows));
     } catch (const std::bad_alloc&) {
       return fail::kNoMemory;
     }
-    past.reset(new (std::nothrow) double[static_cast<size_t>(rows * width)]);
-    log_weight.reset(new (std::nothrow) double[static_cast<size_t>(rows * width)]);
-    return past && log_weight ? 0 : fail::kNoMemory;
+    return 0;
   }
 
-  // First position (0-based) for total y with past value stat, or -1 when
-  // the hash leaves its range.
+  // First row (0-based) for total y with past value stat, or -1 when the
+  // hash leaves its range.
   int64_t Hash(int64_t y, double stat, int64_t parity) const {
     const double p = static_cast<double>(prime);
     const double t = std::fmod(std::fabs(stat), p);
@@ -188,50 +192,39 @@ struct SlotGrid {
     double w = std::fmod(h + static_cast<double>(parity), p);
     if (w < 1.0) w = p;
     if (w >= kHashLimit) return -1;
-    const int64_t pos = (static_cast<int64_t>(w) - 1) * width;
-    return pos < 0 ? -1 : pos;
+    return static_cast<int64_t>(w) - 1;
   }
 
-  // Takes a free slot from q on (round the grid) or merges with the node
-  // of the same key and nearly the same past value.  1 new, 0 merged,
-  // -1 full.
-  int Insert(int64_t q, int64_t k, double stat, double lw) {
-    const int64_t size = rows * width;
-    for (int64_t j = 0; j < size; ++j) {
-      int64_t s = q + j;
-      if (s >= size) s -= size;
-      if (key[s] == kFreeKey) {
-        key[s] = k;
-        past[s] = stat;
-        log_weight[s] = lw;
+  // From row r on (round the grid): merges with the node of the same key
+  // and nearly the same past value, or takes the first free slot.  1 new,
+  // 0 merged, -1 grid full or memory refused.
+  int Insert(int64_t r, int64_t k, double stat, double lw) {
+    for (int64_t j = 0; j < rows; ++j) {
+      std::vector<Slot>& slots = row[static_cast<size_t>(r)];
+      for (Slot& s : slots)
+        if (s.key == k && std::fabs(s.past - stat) < kMergeWidth * stat) {
+          s.log_weight = LogSum(s.log_weight, lw);
+          return 0;
+        }
+      if (static_cast<int64_t>(slots.size()) < width) {
+        try {
+          slots.push_back({k, stat, lw});
+        } catch (const std::bad_alloc&) {
+          return -1;
+        }
         return 1;
       }
-      if (key[s] == k && std::fabs(past[s] - stat) < kMergeWidth * stat) {
-        log_weight[s] = LogSum(log_weight[s], lw);
-        return 0;
-      }
+      if (++r == rows) r = 0;
     }
     return -1;
   }
 
-  // Frees the slots of the old parity and packs each row to the left.
+  // Frees the slots of the old parity; the others close up to the left.
   void Purge(int64_t old_parity) {
-    for (int64_t r = 0; r < rows; ++r) {
-      int64_t* k = key.data() + r * width;
-      double* ps = past.get() + r * width;
-      double* lw = log_weight.get() + r * width;
-      int64_t to = 0;
-      for (int64_t c = 0; c < width && k[c] != kFreeKey; ++c) {
-        if (k[c] % 2 == old_parity) continue;
-        if (to != c) {
-          k[to] = k[c];
-          ps[to] = ps[c];
-          lw[to] = lw[c];
-        }
-        ++to;
-      }
-      for (int64_t c = to; c < width && k[c] != kFreeKey; ++c) k[c] = kFreeKey;
-    }
+    for (std::vector<Slot>& slots : row)
+      slots.erase(std::remove_if(slots.begin(), slots.end(),
+                                 [&](const Slot& s) { return s.key % 2 == old_parity; }),
+                  slots.end());
   }
 };
 
@@ -313,9 +306,7 @@ int OneWayExactRoute(const std::vector<double>& expected, int64_t N, double obs,
   if (code != 0) return code;
 
   const int64_t K = net.K;
-  grid.key[0] = 0;
-  grid.past[0] = 0.0;
-  grid.log_weight[0] = -net.rest[net.nodes];
+  grid.row[0].push_back({0, 0.0, -net.rest[net.nodes]});
   int64_t stage_nodes = 1;
   const double high = kHighFactor * obs, low = kLowFactor * obs;
   double tail_high = 0.0, tail_low = 0.0;
@@ -324,21 +315,21 @@ int OneWayExactRoute(const std::vector<double>& expected, int64_t N, double obs,
     const int64_t parity = i % 2, new_parity = 1 - parity;
     int64_t seen = 0, new_nodes = 0;
     for (int64_t r = 0; r < grid.rows && seen < stage_nodes; ++r) {
-      for (int64_t c = 0; c < grid.width; ++c) {
-        const int64_t s = r * grid.width + c;
-        if (grid.key[s] == kFreeKey) break;
-        if (grid.key[s] % 2 != parity) continue;
+      // Nodes of the new stage may join this row while it is read; they
+      // have the other parity and are passed over.
+      for (size_t c = 0; c < grid.row[static_cast<size_t>(r)].size(); ++c) {
+        const SlotGrid::Slot node = grid.row[static_cast<size_t>(r)][c];
+        if (node.key % 2 != parity) continue;
         ++seen;
-        const int64_t t = grid.key[s] / 2;
-        const double past = grid.past[s], lw = grid.log_weight[s];
+        const int64_t t = node.key / 2;
         for (int64_t y = (i == K - 1 ? N : t); y <= N; ++y) {
           if (Tick()) SendExactEstimateLine(tail_high, 1.0 - tail_low);
           // A stop from the host or the clock stands in the store: the
           // record shows it whatever follows, so the run ends here.
           if (FailureCode() != 0) return static_cast<int>(FailureCode());
           const int64_t succ = net.Number(i + 1, y);
-          const double stat = past + net.Increment(i, y - t);
-          const double logw = lw + net.LogWeight(i, t, y - t);
+          const double stat = node.past + net.Increment(i, y - t);
+          const double logw = node.log_weight + net.LogWeight(i, t, y - t);
           if (net.shortest[succ] + stat > high) {
             tail_high += std::exp(logw + net.rest[succ]);
           } else if (low > stat + net.longest[succ]) {
@@ -357,8 +348,8 @@ int OneWayExactRoute(const std::vector<double>& expected, int64_t N, double obs,
     stage_nodes = new_nodes;
   }
   double point = 0.0;
-  for (size_t s = 0; s < grid.key.size(); ++s)
-    if (grid.key[s] != kFreeKey) point += std::exp(grid.log_weight[s]);
+  for (const auto& slots : grid.row)
+    for (const SlotGrid::Slot& s : slots) point += std::exp(s.log_weight);
   out.tail = tail_high;
   out.low = tail_low;
   out.point = point;
