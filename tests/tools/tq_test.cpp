@@ -35,8 +35,9 @@ std::string Slurp(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+// Per process: ctest runs the tests of this file as parallel processes.
 std::string Temp(const std::string& name, const std::string& content = "") {
-  const std::string path = ::testing::TempDir() + name;
+  const std::string path = ::testing::TempDir() + std::to_string(getpid()) + "_" + name;
   std::ofstream(path) << content;
   return path;
 }
