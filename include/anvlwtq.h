@@ -179,8 +179,14 @@ enum {
  *   scores         Cols doubles (1, 2, 502, 31, 41, 47, 48) or Rows
  *                  doubles (10, 510)
  *   caseData       CaseRows x CaseCols doubles, row index fastest; read,
- *                  except by procedures 24, 26 and 51 that compact it
- *   caseWeights    one weight per column of caseData
+ *                  except by procedures 24, 26 and 51 that compact it:
+ *                  their CaseRows treatments by CaseCols blocks lose, in
+ *                  place, every block whose values are all equal, the later
+ *                  blocks moving forward.  Procedures 7 and 507 on case data
+ *                  (one-way goodness of fit, CaseRows 1): the K = CaseCols
+ *                  expected counts, positive, adding up to the observed total
+ *   caseWeights    one weight per column of caseData; for 7 and 507 on case
+ *                  data the K observed counts
  *   resultRecord   50 doubles, written
  *   spillPath      path of the spill file of the network runs, at most 255
  *                  characters; NULL or "" means a private temporary file.

@@ -168,7 +168,7 @@ Prepare RunsOptions(CLI::App& app) {
 // clang-format off
 std::vector<Test> BuildCatalog() {
   const unsigned T = kTable, C = kCases, E = kTable | kCases, N = kNetwork;
-  const unsigned cs = kColumnScores, rs = kRowScores;
+  const unsigned cs = kColumnScores, rs = kRowScores, B = kBlocks, F = kOneWay;
   std::vector<Test> t = {
       {"scores", 1, "Equally spaced scores test / sign test", "equally spaced scores (2 rows); sign test (1 row)",
        T | cs, Scores("statistic", "score statistic")},
@@ -179,9 +179,9 @@ std::vector<Test> BuildCatalog() {
        {Statistic("d", "largest absolute difference D"), {6, "z", "Kolmogorov-Smirnov Z", Kind::kValue}, kTotal,
         kExactTwo, kPoint, kMcTwo},
        KolmogorovOptions},
-      {"chisq", 7, "Pearson chi-square test", "Pearson chi-square; goodness of fit on case values", E | cs | N,
+      {"chisq", 7, "Pearson chi-square test", "Pearson chi-square; one-way goodness of fit on counts", E | F | cs | N,
        TwoWay("chi_square", "chi-square statistic")},
-      {"chisq-short", 507, "Pearson chi-square test (short record)", "as chisq, a shorter report", E | cs | N,
+      {"chisq-short", 507, "Pearson chi-square test (short record)", "as chisq, a shorter report", E | F | cs | N,
        Short("chi_square", "chi-square statistic")},
       {"median", 31, "Median test", "median test (rows samples, columns ordered levels)", T | cs | N,
        Short("chi_square", "chi-square statistic"), MedianOptions},
@@ -228,10 +228,10 @@ std::vector<Test> BuildCatalog() {
         kMcTwo}},
       {"kruskal-wallis", 21, "Kruskal-Wallis test", "Kruskal-Wallis (rows groups, columns ordered levels)", E | N,
        Short("statistic", "Kruskal-Wallis statistic")},
-      {"friedman", 24, "Friedman test", "Friedman (rows treatments, columns blocks)", C,
+      {"friedman", 24, "Friedman test", "Friedman (a block a row, a treatment a column)", B,
        Short("chi_square", "Friedman chi-square")},
-      {"cochran", 26, "Cochran's Q test", "Cochran's Q (as friedman, values 0 and 1)", C, Short("q", "Cochran's Q")},
-      {"kendall-w", 51, "Kendall's coefficient of concordance", "Kendall's W (rows objects, columns judges)", C,
+      {"cochran", 26, "Cochran's Q test", "Cochran's Q (as friedman, values 0 and 1)", B, Short("q", "Cochran's Q")},
+      {"kendall-w", 51, "Kendall's coefficient of concordance", "Kendall's W (a judge a row, an object a column)", B,
        Short("w", "Kendall's W")},
       {"fisher", 32, "Fisher's exact test", "Fisher's exact test on an r x c table", T | N,
        {Statistic("statistic", "Fisher-Freeman-Halton statistic"), kExactTwo, kMcTwo}},

@@ -6,7 +6,8 @@
 // options of its own, one function that declares them on its subcommand and
 // returns what they write into the call (see BinomialOptions).  The data
 // options of the flags (--table, --table-file, --data with --value-column and
-// --group-column, --values, --weights, --case-rows, --scores, --row-scores)
+// --group-column, --values, --weights, --case-rows, --values-file, --fit-file,
+// --scores, --row-scores)
 // and the shared options (method, Monte Carlo, --time-limit, --memory,
 // --spill, output) exist already; a test's own options read its other
 // inputs, and Tabulate() (tq_data.h) turns grouped raw values into a table
@@ -33,6 +34,8 @@ enum Reads : unsigned {
   kNetwork = 1u << 5,          // a network run: --spill, and the memory budget can run out
   kExactOnly = 1u << 6,        // no Monte Carlo or asymptotic method
   kOwnData = 1u << 7,          // the test's own options may give the data instead
+  kBlocks = 1u << 8,           // blocks by treatments: --values (a block a row), --case-rows, --values-file
+  kOneWay = 1u << 9,           // observed and expected counts of one-way goodness of fit: --fit-file
 };
 
 // Fills the test's own parameters into the call once the data are read.

@@ -339,6 +339,66 @@ void ReadCaseValues(const DataOptions& d, Call& c) {
   }
 }
 
+// True when the rows of a sheet start with a name: a header whose first
+// cell is empty, or a first cell that isn't a number in every row.
+bool NamedRows(const Sheet& sheet) {
+  if (!sheet.header.empty() && sheet.header[0].empty()) return true;
+  return std::none_of(sheet.rows.begin(), sheet.rows.end(),
+                      [](const Row& r) { return !r.cells.empty() && IsNumber(r.cells[0]); });
+}
+
+// Blocks by treatments: a block a row (or one list cut into `blocks`
+// rows), every block as long as the first.  The engine reads the values
+// block after block, which is the order of the rows.
+void ReadBlocks(const Sheet& sheet, std::optional<int64_t> blocks, Call& c) {
+  if (sheet.rows.empty()) Fail(sheet.name + ": no values given");
+  const size_t first = NamedRows(sheet) ? 1 : 0;
+  std::vector<double> values;
+  int64_t rows = static_cast<int64_t>(sheet.rows.size());
+  const size_t width = sheet.rows[0].cells.size();
+  if (width <= first) Fail(sheet.rows[0].where + ": no values");
+  if (rows > 1 && blocks && *blocks != rows)
+    Fail(sheet.name + " has " + std::to_string(rows) + " blocks, --case-rows says " + std::to_string(*blocks));
+  for (const Row& row : sheet.rows) {
+    if (row.cells.size() != width)
+      Fail(row.where + ": " + std::to_string(row.cells.size()) + " cells, the first block has " +
+           std::to_string(width));
+    for (size_t j = first; j < row.cells.size(); ++j) values.push_back(ParseReal(row.cells[j], sheet.Where(row, j)));
+  }
+  if (rows == 1) {
+    rows = blocks.value_or(1);
+    if (static_cast<int64_t>(values.size()) % rows != 0)
+      Fail(sheet.name + ": " + std::to_string(values.size()) + " values don't fill " + std::to_string(rows) +
+           " blocks evenly");
+  }
+  c.case_cols = rows;
+  c.case_rows = static_cast<int64_t>(values.size()) / rows;
+  c.case_data = values;
+  c.weights.assign(static_cast<size_t>(rows), 1);
+  c.settings.push_back({"blocks", "blocks x treatments",
+                        std::to_string(c.case_cols) + " x " + std::to_string(c.case_rows), std::nullopt});
+}
+
+// One-way goodness of fit: a category a line, its observed count (whole,
+// not negative) and its expected count.
+void ReadFit(const Sheet& sheet, Call& c) {
+  if (sheet.rows.empty()) Fail(sheet.name + ": no categories given");
+  const size_t first = NamedRows(sheet) ? 1 : 0;
+  c.weights.clear();
+  c.case_data.clear();
+  for (const Row& row : sheet.rows) {
+    if (row.cells.size() != first + 2)
+      Fail(row.where + ": " + std::to_string(row.cells.size()) + " cells; a category has " +
+           (first ? "a name, " : "") + "an observed and an expected count");
+    const int64_t n = ParseInteger(row.cells[first], sheet.Where(row, first));
+    if (n < 0) Fail(sheet.Where(row, first) + ": a count can't be negative");
+    c.weights.push_back(n);
+    c.case_data.push_back(ParseReal(row.cells[first + 1], sheet.Where(row, first + 1)));
+  }
+  c.case_rows = 1;
+  c.case_cols = static_cast<int64_t>(c.weights.size());
+}
+
 // A list of reals of the given length.
 std::vector<double> ReadList(const std::string& text, const char* option, int64_t want, const char* of) {
   const Sheet sheet = SheetOfOption(text, option);
@@ -413,7 +473,32 @@ void AddDataOptions(CLI::App& app, unsigned reads, DataOptions& d) {
         ->group(kGroup)
         ->needs(sources.back());
   }
-  auto* data =
+  if (reads & kBlocks) {
+    sources.push_back(app.add_option("--values", d.values,
+                                     "blocks by treatments: a block a row, rows separated by ';', or one list "
+                                     "cut into --case-rows blocks")
+                          ->type_name("\"3 1 2; 2 3 1\"")
+                          ->group(kGroup));
+    app.add_option("--case-rows", d.case_rows, "blocks of the values given as one list (block after block)")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber.description(""))
+        ->group(kGroup)
+        ->needs(sources.back());
+    sources.push_back(app.add_option("--values-file", d.values_file,
+                                     "blocks by treatments, a block a line: blanks, CSV (.csv) or TSV (.tsv); an "
+                                     "optional header row and column of block names; # starts a comment")
+                          ->type_name("FILE")
+                          ->group(kGroup));
+  }
+  if (reads & kOneWay)
+    sources.push_back(app.add_option("--fit-file", d.fit_file,
+                                     "one-way goodness of fit, a category a line: observed count, expected count "
+                                     "(blanks, CSV or TSV; an optional header row and column of names)")
+                          ->type_name("FILE")
+                          ->group(kGroup));
+  CLI::Option* data = nullptr;
+  if (!(reads & kBlocks)) {
+  data =
       app.add_option("--data", d.data_file,
                      std::string("raw observations, one a row of a CSV or TSV file with a header row") +
                          ((reads & kTable) ? "; with --group-column the groups form the rows of the table" : ""))
@@ -425,7 +510,8 @@ void AddDataOptions(CLI::App& app, unsigned reads, DataOptions& d) {
                     ->group(kGroup)
                     ->needs(data);
   data->needs(value);
-  if (reads & kTable)
+  }
+  if (data != nullptr && (reads & kTable))
     app.add_option("--group-column", d.group_column, "column of the groups: its name or number from 1")
         ->type_name("COLUMN")
         ->group(kGroup)
@@ -472,6 +558,12 @@ void ReadData(const Test& test, const DataOptions& d, Call& c) {
     ReadCounts(SheetOfOption(*d.table, "--table"), c);
   } else if (d.table_file) {
     ReadCounts(ReadSheet(*d.table_file), c);
+  } else if (d.values && (test.reads & kBlocks)) {
+    ReadBlocks(SheetOfOption(*d.values, "--values"), d.case_rows, c);
+  } else if (d.values_file) {
+    ReadBlocks(ReadSheet(*d.values_file), std::nullopt, c);
+  } else if (d.fit_file) {
+    ReadFit(ReadSheet(*d.fit_file), c);
   } else if (d.values) {
     ReadCaseValues(d, c);
   } else if (d.data_file) {
@@ -479,8 +571,11 @@ void ReadData(const Test& test, const DataOptions& d, Call& c) {
       Fail(std::string(test.name) + " reads a table: give --group-column, whose groups become its rows");
     ReadObservations(test, d, c);
   } else if (!(test.reads & kOwnData)) {
-    Fail(std::string(test.name) + " needs data: " + ((test.reads & kTable) ? "--table, --table-file" : "--values") +
-         " or --data (see tq " + test.name + " --help)");
+    Fail(std::string(test.name) + " needs data: " +
+         ((test.reads & kBlocks) ? "--values or --values-file"
+          : (test.reads & kTable) ? "--table, --table-file, --data" + std::string((test.reads & kOneWay) ? ", --fit-file" : "")
+                                  : "--values or --data") +
+         " (see tq " + test.name + " --help)");
   }
 }
 

@@ -23,7 +23,7 @@ struct Test;
 // What the data options said, before it is read.
 struct DataOptions {
   std::optional<std::string> table, table_file, values, weights, data_file, value_column, group_column;
-  std::optional<std::string> scores, row_scores;
+  std::optional<std::string> scores, row_scores, values_file, fit_file;
   std::optional<int64_t> case_rows;
 };
 

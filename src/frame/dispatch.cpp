@@ -1,5 +1,6 @@
 #include "frame/dispatch.h"
 
+#include "engines/related_samples.h"
 #include "kernel/binomial.h"
 #include "network/contingency.h"
 #include "network/fisher.h"
@@ -25,8 +26,8 @@ constexpr Route kRoutes[] = {
     {42, 4, net::ContingencyDriver},        {9, 1, BinomialDriver},
     {10, 9, nullptr},   {510, 9, nullptr},  {11, 2, nullptr},
     {19, 1, nullptr},   {18, 1, nullptr},   {20, 9, nullptr},
-    {21, 8, nullptr},   {24, 1, nullptr},   {26, 2, nullptr},
-    {51, 3, nullptr},   {32, 1, net::FisherDriver},
+    {21, 8, nullptr},   {24, 1, eng::RelatedSamplesDriver},
+    {26, 2, eng::RelatedSamplesDriver},     {51, 3, eng::RelatedSamplesDriver},   {32, 1, net::FisherDriver},
     {40, 2, nullptr},   {45, 1, nullptr},   {41, 3, nullptr},
     {47, 1, nullptr},   {48, 2, nullptr},   {43, 1, nullptr},
     {46, 1, nullptr},   {49, 1, nullptr},   {50, 1, nullptr},

@@ -8,6 +8,7 @@
 #include "frame/spill.h"
 #include "kernel/log_factorial.h"
 #include "network/monte_carlo.h"
+#include "network/one_way.h"
 #include "network/passes.h"
 #include "network/pearson.h"
 #include "network/two_by_two.h"
@@ -83,7 +84,7 @@ void ContingencyDriver(const CallArgs& args) {
         code = ContingencyRun(work, st.row_count, st.column_count, selector, st.run_method,
                               args.scores);
     } else if (selector == kPearsonChiSquare && args.case_rows == 1) {
-      code = fail::kOutsideModel;  // the one-way goodness-of-fit test isn't available yet
+      code = GoodnessOfFitRun(st.run_method, args.case_data, args.case_weights, args.case_cols);
     } else {
       code = fail::kOneRowOrColumn;
     }

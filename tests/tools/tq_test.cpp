@@ -35,8 +35,8 @@ std::string Slurp(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+// Per process: ctest runs the tests of this file as parallel processes.
 std::string Temp(const std::string& name, const std::string& content = "") {
-  // Names of this process alone: ctest runs other test processes at once.
   const std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-" + name;
   std::ofstream(path) << content;
   return path;
@@ -382,6 +382,43 @@ TEST(TqData, FilesAndRawObservationsGiveTheTableTheyHold) {
     const Json j = RunJson({p.test, "--table-file", std::string(ANVL_EXAMPLES) + "/" + p.file});
     EXPECT_NEAR(j["results"][p.key].get<double>(), p.expected, 1e-9 * p.expected) << p.test << " " << p.file;
   }
+}
+
+TEST(TqData, BlocksAndOneWayCountsReadFromOptionsAndFiles) {
+  // Blocks by treatments, three ways: a block a row, one list cut by
+  // --case-rows, a CSV file with treatment names and block names.
+  const Args rows = {"friedman", "--values", "3 1 2 2; 2 3 1 2; 2 2 1 2; 1 1 1 3; 1 1 1 2"};
+  const std::string csv = Temp("blocks.csv", "block,a,b,c,d\nb1,3,1,2,2\nb2,2,3,1,2\nb3,2,2,1,2\n"
+                                             "b4,1,1,1,3\nb5,1,1,1,2\n");
+  const Json want = RunJson(rows);
+  ASSERT_EQ(want["status"], "ok") << want;
+  // friedman.test(matrix(c(3,1,2,2, 2,3,1,2, 2,2,1,2, 1,1,1,3, 1,1,1,2), 5, byrow = TRUE))
+  EXPECT_NEAR(want["results"]["chi_square"].get<double>(), 4.91666666666667, 1e-12);
+  EXPECT_EQ(want["data"]["rows"], 4);  // treatments
+  EXPECT_EQ(want["data"]["cols"], 5);  // blocks
+  for (const Args& args : std::vector<Args>{
+           {"friedman", "--values", "3 1 2 2 2 3 1 2 2 2 1 2 1 1 1 3 1 1 1 2", "--case-rows", "5"},
+           {"friedman", "--values-file", csv}}) {
+    SCOPED_TRACE(Joined(args));
+    const Json j = RunJson(args);
+    EXPECT_EQ(j["data"], want["data"]);
+    EXPECT_EQ(j["results"], want["results"]);
+  }
+  // Observed and expected counts: --weights and --values, or a file of
+  // two columns (and names).
+  const std::string fit = Temp("fit.tsv", "category\tobserved\texpected\nA\t12\t10\nB\t7\t8\nC\t9\t8\nD\t2\t4\n");
+  const Json a = RunJson({"chisq", "--weights", "12 7 9 2", "--values", "10 8 8 4"});
+  const Json b = RunJson({"chisq", "--fit-file", fit});
+  ASSERT_EQ(a["status"], "ok") << a;
+  EXPECT_EQ(a["results"], b["results"]);
+  // chisq.test(c(12, 7, 9, 2), p = c(10, 8, 8, 4) / 30)$statistic
+  EXPECT_NEAR(a["results"]["chi_square"].get<double>(), 1.65, 1e-12);
+  // The failures of these data in words.
+  EXPECT_EQ(RunJson({"cochran", "--values", "1 0 2; 0 1 1"}, 1)["failure"]["code"], -35);
+  EXPECT_EQ(RunJson({"chisq", "--weights", "12 7 9 2", "--values", "10 8 8 5"}, 1)["failure"]["code"], -302);
+  EXPECT_EQ(RunJson({"kendall-w", "--values", "1 2 3; 4 4 4"}, 1)["failure"]["code"], 151);
+  EXPECT_EQ(RunTq({"friedman", "--values", "1 2 3; 4 5"}).status, 2);
+  EXPECT_EQ(RunTq({"chisq", "--fit-file", Temp("bad_fit.txt", "3 4 5\n")}).status, 2);
 }
 
 TEST(TqData, MedianCutDefaultsToThePooledMedian) {

@@ -1,0 +1,375 @@
+// Procedures 24, 26 and 51 from the host's side: exact p-values against
+// enumeration of every within-block permutation, statistics and asymptotic
+// p-values against R, the Monte Carlo route against the exact value, the
+// compaction of the caller's data and the failure codes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <map>
+#include <numeric>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "anvlwtq.h"
+#include "frame/run_store.h"
+#include "support/host_call.h"
+#include "support/ref_data.h"
+
+namespace {
+
+using anvl::support::HostCall;
+
+// Doubled mid-ranks of the N blocks by counting: 2 rank = 2 #smaller +
+// #equal + 1.
+std::vector<std::vector<int>> Ranks2(const std::vector<double>& v, int K, int N) {
+  std::vector<std::vector<int>> r(N, std::vector<int>(K));
+  for (int b = 0; b < N; ++b)
+    for (int i = 0; i < K; ++i)
+      for (int j = 0; j < K; ++j)
+        r[b][i] += v[b * K + j] < v[b * K + i] ? 2 : v[b * K + j] == v[b * K + i] ? 1 : 0;
+  for (auto& block : r)
+    for (int& x : block) x += 1;
+  return r;
+}
+
+// S = sum (R_i - N (K + 1) / 2)^2 from doubled rank sums.
+double S(const std::vector<int>& sums2, int K, int N) {
+  double s = 0.0;
+  for (int x : sums2) s += (x - N * (K + 1.0)) * (x - N * (K + 1.0)) / 4.0;
+  return s;
+}
+
+struct Exact {
+  double p = 0.0;      // P(S >= S_obs), every block after the first in every order
+  double point = 0.0;  // P(S = S_obs)
+};
+
+// Brute force: all K!^(N-1) orders of the blocks after the first.
+Exact Enumerate(const std::vector<double>& values, int K, int N) {
+  const auto ranks = Ranks2(values, K, N);
+  std::vector<int> sums(K, 0), perm(K);
+  for (const auto& block : ranks)
+    for (int i = 0; i < K; ++i) sums[i] += block[i];
+  const double observed = S(sums, K, N);
+  std::vector<std::vector<int>> orders;
+  std::iota(perm.begin(), perm.end(), 0);
+  do orders.push_back(perm);
+  while (std::next_permutation(perm.begin(), perm.end()));
+  uint64_t total = 0, above = 0, equal = 0;
+  sums = ranks[0];
+  auto walk = [&](auto&& self, int b) -> void {
+    if (b == N) {
+      const double s = S(sums, K, N);
+      ++total;
+      above += s >= observed - 1e-7;
+      equal += std::fabs(s - observed) <= 1e-7;
+      return;
+    }
+    for (const std::vector<int>& o : orders) {
+      for (int i = 0; i < K; ++i) sums[i] += ranks[b][o[i]];
+      self(self, b + 1);
+      for (int i = 0; i < K; ++i) sums[i] -= ranks[b][o[i]];
+    }
+  };
+  walk(walk, 1);
+  return {double(above) / double(total), double(equal) / double(total)};
+}
+
+// The distribution of the ordered vector of rank sums, block by block, over
+// the distinct orders of each block (each stands for the same number of
+// the K! orders): neither bounds nor the sorting of the engine.
+Exact Convolve(const std::vector<double>& values, int K, int N) {
+  const auto ranks = Ranks2(values, K, N);
+  std::map<std::vector<int>, long double> dist{{ranks[0], 1.0L}};
+  std::vector<int> sums(ranks[0]);
+  for (int b = 1; b < N; ++b) {
+    for (int i = 0; i < K; ++i) sums[i] += ranks[b][i];
+    std::vector<int> order(ranks[b]);
+    std::sort(order.begin(), order.end());
+    std::vector<std::vector<int>> orders;
+    do orders.push_back(order);
+    while (std::next_permutation(order.begin(), order.end()));
+    std::map<std::vector<int>, long double> next;
+    for (const auto& [v, p] : dist)
+      for (const auto& o : orders) {
+        std::vector<int> w(v);
+        for (int i = 0; i < K; ++i) w[i] += o[i];
+        next[w] += p / orders.size();
+      }
+    dist.swap(next);
+  }
+  const double observed = S(sums, K, N);
+  Exact out;
+  for (const auto& [v, p] : dist) {
+    const double s = S(v, K, N);
+    if (s >= observed - 1e-7) out.p += double(p);
+    if (std::fabs(s - observed) <= 1e-7) out.point += double(p);
+  }
+  return out;
+}
+
+HostCall Call(int64_t procedure, int64_t method, std::vector<double> values, int64_t k) {
+  HostCall c(procedure, method);
+  c.values = std::move(values);
+  c.case_rows = k;
+  return c;
+}
+
+std::string Show(const std::vector<double>& v, int k) {
+  std::ostringstream s;
+  for (size_t i = 0; i < v.size(); ++i) s << (i % k == 0 && i ? " | " : " ") << v[i];
+  return s.str();
+}
+
+// A random data set without constant blocks; values 0/1 for levels 2,
+// else 1..levels.
+std::vector<double> RandomBlocks(std::mt19937_64& rng, int K, int N, int levels) {
+  std::uniform_int_distribution<int> value(levels == 2 ? 0 : 1, levels == 2 ? 1 : levels);
+  std::vector<double> v;
+  while (v.size() < size_t(K * N)) {
+    std::vector<double> block(K);
+    for (double& x : block) x = value(rng);
+    if (std::count(block.begin(), block.end(), block[0]) < K)
+      v.insert(v.end(), block.begin(), block.end());
+  }
+  return v;
+}
+
+TEST(RelatedSamples, ExactMatchesEnumerationOfAllWithinBlockOrders) {
+  std::mt19937_64 rng(24);
+  // (K, largest N): K!^(N-1) stays at or below about 2 x 10^4.
+  const int shapes[][2] = {{2, 13}, {3, 6}, {4, 4}, {5, 3}, {6, 2}};
+  int cases = 0;
+  for (int round = 0; round < 44; ++round) {
+    for (const auto& shape : shapes) {
+      const int K = shape[0];
+      const int N = std::uniform_int_distribution<int>(2, shape[1])(rng);
+      const int levels = round % 3 == 0 ? 2 : round % 3 == 1 ? 3 : K + 2;
+      const std::vector<double> data = RandomBlocks(rng, K, N, levels);
+      const Exact ref = Enumerate(data, K, N);
+      SCOPED_TRACE("K " + std::to_string(K) + " N " + std::to_string(N) + ":" + Show(data, K));
+      // Kendall's W is Friedman's statistic over N (K - 1), Cochran's Q
+      // Friedman's statistic on 0/1 data; all three have the same p.
+      std::vector<int64_t> procedures = {TQ_PROC_FRIEDMAN, TQ_PROC_KENDALL_W};
+      if (levels == 2) procedures.push_back(TQ_PROC_COCHRAN_Q);
+      double friedman = 0.0;
+      for (int64_t proc : procedures) {
+        HostCall c = Call(proc, TQ_METHOD_EXACT, data, K);
+        const double* r = c.RunCases();
+        ASSERT_EQ(r[48], 0.0) << proc;
+        if (proc == TQ_PROC_FRIEDMAN) friedman = r[0];
+        const double stat = proc == TQ_PROC_KENDALL_W ? friedman / (N * (K - 1.0)) : friedman;
+        EXPECT_NEAR(r[0], stat, 1e-12 * stat) << proc;
+        EXPECT_NEAR(r[16], ref.p, 1e-9 * ref.p) << proc;
+        EXPECT_NEAR(r[17], ref.point, 1e-9 * ref.point) << proc;
+      }
+      ++cases;
+    }
+  }
+  EXPECT_GE(cases, 200);
+}
+
+// Designs whose sum of squared rank sums stays below 10^4: there the step
+// between two values of the sum (0.5 at least) is wider than the final
+// margin of 5e-5 of the observed sum, so no value above it is missed.
+TEST(RelatedSamples, ExactMatchesTheFullConvolutionOnLargerDesigns) {
+  std::mt19937_64 rng(51);
+  for (auto [K, N] : {std::pair{3, 14}, {4, 8}, {5, 5}, {3, 25}}) {
+    for (int levels : {3, 6}) {
+      const std::vector<double> data = RandomBlocks(rng, K, N, levels);
+      const Exact ref = Convolve(data, K, N);
+      SCOPED_TRACE("K " + std::to_string(K) + " N " + std::to_string(N) + ":" + Show(data, K));
+      HostCall c = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, K);
+      const double* r = c.RunCases();
+      ASSERT_EQ(r[48], 0.0);
+      EXPECT_NEAR(r[16], ref.p, 1e-9 * ref.p);
+      EXPECT_NEAR(r[17], ref.point, 1e-9 * ref.point);
+    }
+  }
+}
+
+TEST(RelatedSamples, BlocksAllInOneOrderWithoutTies) {
+  // The observed order is the most extreme of the K!^(N-1) equally likely
+  // ones that keep the first block: p = point = (1 / K!)^(N - 1).
+  for (auto [K, N, fact] : {std::tuple{3, 5, 6.0}, {4, 4, 24.0}, {5, 3, 120.0}, {4, 9, 24.0}}) {
+    std::vector<double> data;
+    for (int b = 0; b < N; ++b)
+      for (int i = 0; i < K; ++i) data.push_back(10.0 * i + b);
+    HostCall c = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, K);
+    const double* r = c.RunCases();
+    const double p = std::pow(1.0 / fact, N - 1);
+    EXPECT_NEAR(r[16], p, 1e-12 * p) << K << " x " << N;
+    EXPECT_NEAR(r[17], p, 1e-12 * p) << K << " x " << N;
+  }
+}
+
+// One line of related_refs.csv (see gen_related_refs.R); NA reads as NaN.
+struct RelatedRef {
+  std::string id;
+  int k = 0, n = 0;
+  bool binary = false;
+  std::vector<double> values;
+  double friedman, friedman_p, coin, coin_p, cochran, symmetry, symmetry_p;
+};
+
+std::vector<RelatedRef> LoadRelatedRefs() {
+  std::ifstream in(anvl::support::TestDataDir() + "/related_refs.csv");
+  std::vector<RelatedRef> out;
+  std::string line;
+  for (std::getline(in, line); std::getline(in, line);) {
+    std::vector<std::string> f;
+    std::stringstream ss(line);
+    for (std::string cell; std::getline(ss, cell, ',');) f.push_back(cell);
+    auto num = [&](int i) { return f[i] == "NA" ? NAN : std::stod(f[i]); };
+    RelatedRef r{f[0],   std::stoi(f[1]), std::stoi(f[2]), f[3] == "1", {},      num(5),
+                 num(6), num(7),          num(8),          num(9),      num(10), num(11)};
+    std::stringstream vs(f[4]);
+    for (double x; vs >> x;) r.values.push_back(x);
+    out.push_back(r);
+  }
+  return out;
+}
+
+TEST(RelatedSamples, AsymptoticMatchesR) {
+  const std::vector<RelatedRef> refs = LoadRelatedRefs();
+  ASSERT_EQ(refs.size(), 36u);
+  for (const RelatedRef& ref : refs) {
+    SCOPED_TRACE(ref.id);
+    ASSERT_EQ(ref.values.size(), size_t(ref.k * ref.n));
+    const int64_t proc = ref.binary ? TQ_PROC_COCHRAN_Q : TQ_PROC_FRIEDMAN;
+    HostCall c = Call(proc, TQ_METHOD_ASYMPTOTIC, ref.values, ref.k);
+    const double* r = c.RunCases();
+    ASSERT_EQ(r[48], 0.0);
+    EXPECT_EQ(c.Published(), std::vector<int>{0});
+    const double p = anvl::Slot(anvl::slot::kAsymTwoSided).value;
+    for (auto [stat, pv] : {std::pair{ref.friedman, ref.friedman_p}, {ref.coin, ref.coin_p}}) {
+      EXPECT_NEAR(r[0], stat, 1e-12 * stat);
+      EXPECT_NEAR(p, pv, 1e-12 * pv);
+    }
+    if (ref.binary) {
+      EXPECT_NEAR(r[0], ref.cochran, 1e-12 * ref.cochran);
+      EXPECT_NEAR(r[0], ref.symmetry, 1e-12 * ref.symmetry);
+      EXPECT_NEAR(p, ref.symmetry_p, 1e-12 * ref.symmetry_p);
+    }
+    EXPECT_EQ(anvl::Word(anvl::word::kDegreesOfFreedom), ref.k - 1);
+    HostCall w = Call(TQ_PROC_KENDALL_W, TQ_METHOD_ASYMPTOTIC, ref.values, ref.k);
+    const double W = w.RunCases()[0];
+    EXPECT_NEAR(W, ref.friedman / (ref.n * (ref.k - 1.0)), 1e-12 * W);
+  }
+}
+
+TEST(RelatedSamples, MonteCarloEstimatesTheExactValue) {
+  std::mt19937_64 rng(7);
+  const std::vector<double> data = RandomBlocks(rng, 4, 4, 3);
+  HostCall exact = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, 4);
+  const double p = exact.RunCases()[16];
+  ASSERT_GT(p, 0.02);
+  ASSERT_LT(p, 0.98);
+  constexpr int64_t M = 20000;
+  // A false alarm at 4 standard errors: about 6e-5 per seed.
+  for (int64_t seed : {1, 2024, 99991}) {
+    HostCall mc = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, 4);
+    mc.MonteCarlo(M, seed, 0.99);
+    const double* r = mc.RunCases();
+    ASSERT_EQ(r[48], 0.0);
+    EXPECT_EQ(mc.Published(), (std::vector<int>{0, 21, 22, 23}));
+    EXPECT_NEAR(r[21], p, 4.0 * std::sqrt(p * (1 - p) / M)) << "seed " << seed;
+    EXPECT_LT(r[22], r[21]);
+    EXPECT_GT(r[23], r[21]);
+    HostCall again = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, 4);
+    again.MonteCarlo(M, seed, 0.99);
+    EXPECT_EQ(again.RunCases()[21], r[21]) << "same seed, same estimate";
+  }
+  // S = 0: every sample reaches it.
+  HostCall all = Call(TQ_PROC_KENDALL_W, TQ_METHOD_EXACT, {1, 2, 2, 1}, 2);
+  all.MonteCarlo(500, 3, 0.99);
+  const double* r = all.RunCases();
+  EXPECT_EQ(r[21], 1.0);
+  EXPECT_NEAR(r[22], std::pow(0.01, 1.0 / 500), 1e-15);
+  EXPECT_EQ(r[23], 1.0);
+}
+
+TEST(RelatedSamples, ConstantBlocksLeaveTheCallersData) {
+  // Three blocks, one constant: the test on the other two, which move
+  // forward in the caller's array; the slot behind them keeps its values.
+  const std::vector<double> two = {1, 3, 2, 2, 1, 3};
+  HostCall plain = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, two, 3);
+  const double* a = plain.RunCases();
+  HostCall with_constant = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, {4, 4, 4, 1, 3, 2, 2, 1, 3}, 3);
+  const double* b = with_constant.RunCases();
+  for (int f : {0, 16, 17}) EXPECT_EQ(a[f], b[f]) << "field " << f;
+  EXPECT_EQ(with_constant.values, (std::vector<double>{1, 3, 2, 2, 1, 3, 2, 1, 3}));
+  EXPECT_EQ(plain.values, two);
+}
+
+TEST(RelatedSamples, FailuresShowTheCodeAndLeaveDataAsPrescribed) {
+  struct Case {
+    const char* what;
+    int64_t procedure;
+    std::vector<double> data;
+    int64_t k;
+    double field48;
+    std::vector<double> data_after;
+  };
+  const std::vector<Case> cases = {
+      {"one block left",
+       TQ_PROC_FRIEDMAN,
+       {4, 4, 4, 1, 2, 3, 7, 7, 7},
+       3,
+       -849.0,
+       {1, 2, 3, 1, 2, 3, 7, 7, 7}},
+      {"one row", TQ_PROC_KENDALL_W, {1, 2, 3}, 1, -849.0, {1, 2, 3}},
+      {"no blocks", TQ_PROC_FRIEDMAN, {}, 3, -849.0, {}},
+      {"a 2 under Cochran's Q",
+       TQ_PROC_COCHRAN_Q,
+       {1, 1, 1, 0, 1, 2, 1, 0, 0},
+       3,
+       -1035.0,
+       {0, 1, 2, 1, 0, 0, 1, 0, 0}},
+      {"NaN",
+       TQ_PROC_FRIEDMAN,
+       {5, 5, 5, 1, NAN, 3, 2, 1, 3},
+       3,
+       -1003.0,
+       {5, 5, 5, 1, NAN, 3, 2, 1, 3}},
+      {"infinity",
+       TQ_PROC_COCHRAN_Q,
+       {1, 1, 0, 1, 0, INFINITY},
+       3,
+       -1003.0,
+       {1, 1, 0, 1, 0, INFINITY}},
+  };
+  for (const Case& c : cases) {
+    for (int64_t method : {TQ_METHOD_EXACT, TQ_METHOD_MONTE_CARLO, TQ_METHOD_ASYMPTOTIC}) {
+      HostCall call = Call(c.procedure, method, c.data, c.k);
+      if (method == TQ_METHOD_MONTE_CARLO) call.MonteCarlo(100, 5, 0.99);
+      const double* r = call.RunCases();
+      SCOPED_TRACE(std::string(c.what) + ", method " + std::to_string(method));
+      EXPECT_EQ(r[48], c.field48);
+      EXPECT_TRUE(call.Published().empty());
+      ASSERT_EQ(call.values.size(), c.data_after.size());
+      for (size_t i = 0; i < c.data_after.size(); ++i)
+        EXPECT_TRUE(call.values[i] == c.data_after[i] ||
+                    (std::isnan(call.values[i]) && std::isnan(c.data_after[i])))
+            << "value " << i;
+    }
+  }
+  // A stop asked by the host ends the exact run with its code.
+  HostCall stopped = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, {1, 2, 3, 3, 1, 2, 2, 2, 1}, 3);
+  stopped.poll = [](int64_t* flag) { *flag = *flag == -1 ? -1 : 1; };
+  EXPECT_EQ(stopped.RunCases()[48], -1006.0);
+  // Exact limits: K!^(N-1) beyond 1e300 paths, and a budget of 2 MiB
+  // that leaves no more than 5000 nodes of 22 rank sums.
+  std::mt19937_64 rng(26);
+  HostCall paths = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, RandomBlocks(rng, 5, 146, 4), 5);
+  EXPECT_EQ(paths.RunCases()[48], -1001.0);
+  HostCall nodes = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, RandomBlocks(rng, 22, 2, 30), 22);
+  nodes.ip[TQ_INT_MEMORY] = 100;
+  EXPECT_EQ(nodes.RunCases()[48], -994.0);
+}
+
+}  // namespace
