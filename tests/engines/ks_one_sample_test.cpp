@@ -122,4 +122,34 @@ TEST(KsOneSample, ContinuousModelsAgreeWithR) {
   }
 }
 
+std::vector<int64_t> Counts(const std::string& s) {
+  std::vector<int64_t> out;
+  for (double x : Reals(s)) out.push_back(static_cast<int64_t>(x));
+  return out;
+}
+
+TEST(KsOneSample, PoissonAgreesWithExactRationalSums) {
+  const auto refs = ReadRefs("ks1_poisson_refs.csv");
+  ASSERT_GE(refs.size(), 40u);
+  for (const auto& r : refs) {
+    SCOPED_TRACE(r[0]);
+    HostCall c = KsCall(3, std::stod(r[1]), 0.0, Reals(r[3]), Counts(r[4]));
+    const double* f = c.RunCases();
+    ASSERT_EQ(f[48], 0.0);
+    EXPECT_EQ(f[47], std::stod(r[2]));
+    EXPECT_LE(Rel(f[0], std::stod(r[5])), 1e-13);
+    EXPECT_LE(Rel(f[16], std::stod(r[10])), 1e-12) << f[16] << " vs " << r[10];
+    const double point = std::stod(r[11]);
+    EXPECT_LE(std::fabs(f[17] - point), 1e-12 * point) << f[17] << " vs " << r[11];
+    EXPECT_EQ(anvl::Word(anvl::word::kPublishedVariant), 3);
+    // The one-sided tails; at d = 0 the recursion leaves out its last term.
+    if (std::stod(r[6]) > 0.0) {
+      EXPECT_LE(Rel(anvl::Slot(86).value, std::stod(r[8])), 1e-12);
+    }
+    if (std::stod(r[7]) > 0.0) {
+      EXPECT_LE(Rel(anvl::Slot(93).value, std::stod(r[9])), 1e-12);
+    }
+  }
+}
+
 }  // namespace
