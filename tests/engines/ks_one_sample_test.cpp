@@ -152,4 +152,135 @@ TEST(KsOneSample, PoissonAgreesWithExactRationalSums) {
   }
 }
 
+// Seeded Monte Carlo runs against the exact tails: each estimate within
+// four standard errors (a false alarm about once in 16000 per estimate).
+TEST(KsOneSample, MonteCarloEstimatesTheExactTails) {
+  struct Case { int64_t model; double p1, p2; std::vector<double> x; std::vector<int64_t> w; };
+  const Case cases[] = {
+      {4, 0.0, 1.0, {0.35, -0.04, -1.63, -0.09, 0.98, 1.7, 0.2, -0.6, 2.1, 0.05, 1.1, 0.44}, {}},
+      {6, 2.5, 0.0, {0.3, 1.1, 4.2, 0.7, 2.2, 6.9, 0.05, 1.6}, {}},
+      {3, 2.5, 0.0, {0, 1, 2, 3, 5, 7}, {1, 4, 3, 2, 2, 1}},
+  };
+  constexpr int64_t kSamples = 20000;
+  for (const Case& c : cases) {
+    HostCall exact = KsCall(c.model, c.p1, c.p2, c.x, c.w);
+    const double* f = exact.RunCases();
+    ASSERT_EQ(f[48], 0.0);
+    const double two = f[16], plus = anvl::Slot(86).value, minus = anvl::Slot(93).value;
+    for (int64_t seed : {11, 12345}) {
+      SCOPED_TRACE(testing::Message() << "model " << c.model << " seed " << seed);
+      HostCall mc = KsCall(c.model, c.p1, c.p2, c.x, c.w);
+      mc.MonteCarlo(kSamples, seed, 0.99);
+      f = mc.RunCases();
+      ASSERT_EQ(f[48], 0.0);
+      EXPECT_EQ(f[16], kMissing);
+      EXPECT_EQ(anvl::Slot(anvl::slot::kMcCount).value, static_cast<double>(kSamples));
+      EXPECT_LE(f[22], f[21]);
+      EXPECT_LE(f[21], f[23]);
+      auto near = [](double estimate, double p) {
+        return std::fabs(estimate - p) <= 4.0 * std::sqrt(p * (1.0 - p) / kSamples);
+      };
+      // The Poisson's exact two-sided value adds both tails: it bounds the
+      // estimate from above.
+      if (c.model == 3) {
+        EXPECT_LE(f[21], two + 4.0 * std::sqrt(two * (1.0 - std::min(two, 1.0)) / kSamples));
+      } else {
+        EXPECT_TRUE(near(f[21], two)) << f[21] << " vs " << two;
+      }
+      EXPECT_TRUE(near(anvl::Slot(88).value, plus)) << anvl::Slot(88).value << " vs " << plus;
+      EXPECT_TRUE(near(anvl::Slot(95).value, minus)) << anvl::Slot(95).value << " vs " << minus;
+    }
+  }
+}
+
+TEST(KsOneSample, ModelsAndSamplesAsTheUserGivesThem) {
+  // Weights count repeated values; values within 1e-5 of the kept one are it.
+  HostCall spread = KsCall(4, 0.5, 2.0, {0.3, 0.3, -1.0, 2.0, 2.0, 2.0});
+  const double d_spread = spread.RunCases()[0], p_spread = spread.f[16];
+  HostCall weighted = KsCall(4, 0.5, 2.0, {2.0, 0.3, -1.0, 2.000001}, {2, 2, 1, 1});
+  weighted.RunCases();
+  EXPECT_EQ(weighted.f[48], 0.0);
+  EXPECT_EQ(weighted.f[47], 6.0);
+  EXPECT_EQ(weighted.f[0], d_spread);
+  EXPECT_EQ(weighted.f[16], p_spread);
+
+  // Parameters below 1e-5 take their defaults: uniform [0, 1], Poisson mean 1.
+  HostCall defaults = KsCall(1, 0.0, 0.0, {0.1, 0.5, 0.9});
+  HostCall explicit_ab = KsCall(1, 0.0, 1.0, {0.1, 0.5, 0.9});
+  EXPECT_EQ(defaults.RunCases()[0], explicit_ab.RunCases()[0]);
+  EXPECT_EQ(defaults.f[16], explicit_ab.f[16]);
+  HostCall zeros = KsCall(3, 0.0, 0.0, {0.0}, {7});
+  zeros.RunCases();
+  EXPECT_EQ(zeros.f[48], 0.0);
+  EXPECT_DOUBLE_EQ(anvl::Slot(84).value, 1.0 - std::exp(-1.0));  // D+ at s = 0
+  EXPECT_EQ(anvl::Slot(91).value, 0.0);
+  EXPECT_DOUBLE_EQ(anvl::Slot(86).value, std::pow(std::exp(-1.0), 7));  // all 7 at 0
+
+  // Data at exactly a and b pass; D+ = 0 has the one-sided p-value 1.
+  HostCall edges = KsCall(1, -1.0, 3.0, {-1.0, 3.0});
+  edges.RunCases();
+  EXPECT_EQ(edges.f[48], 0.0);
+  HostCall low = KsCall(4, 0.0, 1.0, {9.0, 10.0, 11.0});
+  low.RunCases();
+  EXPECT_EQ(anvl::Slot(84).value, 0.0);
+  EXPECT_EQ(anvl::Slot(86).value, 1.0);
+
+  // A MethodCode outside 1..3 runs exact; a ModelSelector outside the four
+  // tests against the uniform on [0, 1].
+  HostCall other = KsCall(1, 0.0, 1.0, {0.1, 0.5, 0.9}, {}, 7);
+  other.ip[TQ_INT_MODEL] = 5;
+  other.RunCases();
+  EXPECT_EQ(other.f[16], explicit_ab.f[16]);
+
+  // The Poisson's two tails can add up past 1: the record shows the sum,
+  // the clamped copy 1.
+  HostCall past_one = KsCall(3, 0.7, 0.0, {0, 1, 2}, {3, 1, 1});
+  past_one.RunCases();
+  EXPECT_GT(past_one.f[16], 1.0);
+  EXPECT_EQ(anvl::Slot(100).value, 1.0);
+}
+
+TEST(KsOneSample, BadInputGivesItsFailureCodeAndNothingElse) {
+  const double nan = std::nan("");
+  struct Case { const char* what; HostCall call; double field48; };
+  std::vector<Case> cases;
+  auto add = [&](const char* what, HostCall c, double field48) { cases.push_back({what, c, field48}); };
+  HostCall two_rows = KsCall(4, 0.0, 1.0, {0.1, 0.2, 0.3, 0.4});
+  two_rows.case_rows = 2;
+  add("two case rows", two_rows, -884.0);
+  add("uniform a > b", KsCall(1, 2.0, 1.0, {1.5}), -1003.0);
+  add("uniform a = b", KsCall(1, 2.0, 2.0, {2.0}), -1003.0);
+  add("Poisson mean < 0", KsCall(3, -1.5, 0.0, {1.0}), -1003.0);
+  add("normal sd < 0", KsCall(4, 0.0, -2.0, {1.0}), -1003.0);
+  add("exponential scale < 0", KsCall(6, -1.0, 0.0, {1.0}), -1003.0);
+  add("parameter not a number", KsCall(4, nan, 1.0, {1.0}), -1003.0);
+  add("value above b", KsCall(1, 0.0, 1.0, {0.2, 1.5}), -1003.0);
+  add("value below a", KsCall(1, 0.5, 1.0, {0.2, 0.7}), -1003.0);
+  add("value not a number", KsCall(4, 0.0, 1.0, {0.2, nan}), -1003.0);
+  add("infinite value", KsCall(4, 0.0, 1.0, {0.2, INFINITY}), -1003.0);
+  add("negative under the Poisson", KsCall(3, 2.0, 0.0, {-1.0, 2.0}), -1014.0);
+  add("negative under the exponential", KsCall(6, 2.0, 0.0, {-0.5, 2.0}), -1014.0);
+  add("not whole under the Poisson", KsCall(3, 2.0, 0.0, {1.0, 2.5}), -1015.0);
+  add("Poisson mean beyond the table", KsCall(3, 60000.0, 0.0, {60000.0}), -1001.0);
+  add("empty sample", KsCall(4, 0.0, 1.0, {}), -1001.0);
+  add("weights all 0", KsCall(4, 0.0, 1.0, {0.1, 0.2}, {0, 0}), -1001.0);
+  add("negative weight", KsCall(4, 0.0, 1.0, {0.1, 0.2}, {3, -1}), -1001.0);
+  add("Durbin matrix too large", KsCall(1, 0.0, 1.0, {0.5}, {50000}), -1001.0);
+  HostCall no_samples = KsCall(4, 0.0, 1.0, {0.1, 0.2});
+  no_samples.MonteCarlo(0, 1, 0.99);
+  add("Monte Carlo without samples", no_samples, -1003.0);
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const double* f = c.call.RunCases();
+    EXPECT_EQ(f[48], c.field48);
+    for (int i = 0; i <= 41; ++i) EXPECT_EQ(f[i], kMissing) << "field " << i;
+    for (int i = 45; i <= 47; ++i) EXPECT_EQ(f[i], kMissing) << "field " << i;
+  }
+  // The large sample that the exact route refuses has its limiting answer.
+  HostCall limit = KsCall(1, 0.0, 1.0, {0.5}, {50000}, TQ_METHOD_ASYMPTOTIC);
+  limit.RunCases();
+  EXPECT_EQ(limit.f[48], 0.0);
+  EXPECT_EQ(limit.f[0], 0.5);
+}
+
 }  // namespace
