@@ -39,14 +39,27 @@ double KsTwoSidedExact(int64_t n, double d, double one_plus, double one_minus, i
 // Conover's tail of a discrete null.  `cdf` holds F(0), F(1), ... of the
 // null, ascending, its last entry within 5e-14 of 1.  The upper side goes
 // with D+ and the lower side with D-: each gives P(D >= d) (`tail`) and
-// its last term (`last`).  The recursion of the c_k alternates and
-// cancels, so it runs in quadruple precision; costs O(n^2) at most.
+// its last term (`last`).  The recursion of the c_k alternates and cancels, so it runs in quadruple
+// precision; costs O(n^2).  At d = 0 the sums leave out their term j = n.
 struct ConoverTail {
   double tail = 0.0;
   double last = 0.0;
+  bool by_paths = false;  // DiscreteTail: the tail came from the path sum
 };
 ConoverTail ConoverUpper(int64_t n, double d, const std::vector<double>& cdf);
 ConoverTail ConoverLower(int64_t n, double d, const std::vector<double>& cdf);
+
+// The tail that procedure 6 publishes: Conover's, when the sum of positive
+// path probabilities below (the same probability) confirms it to 1e-12.
+// Otherwise the path sum, and the last term the no-result mark: Conover's
+// terms cancel beyond quadruple precision from about n = 100 on (n = 200
+// gives tails of 1e3 and more), and at d = 0 they leave out their term
+// j = n.
+ConoverTail DiscreteTail(int64_t n, double d, const std::vector<double>& cdf, bool upper);
+// P(D+ >= d) (upper) or P(D- >= d) (lower) as the mass of the paths of
+// the cumulative counts that cross the bound that Conover's f_j stand for:
+// positive terms only, in double precision; costs M n^2 / 2.
+double PathTail(int64_t n, double d, const std::vector<double>& cdf, bool upper);
 
 // Limiting two-sided tail 2 sum_{k >= 1} (-1)^(k-1) exp(-2 k^2 z^2),
 // summed until a term is at most 1e-12; 1.0 for z <= 0.

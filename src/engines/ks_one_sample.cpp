@@ -404,10 +404,10 @@ int64_t ExactContinuous(const KsStats& st, double N) {
 
 int64_t ExactPoisson(const KsStats& st, double N, const std::vector<double>& cdf) {
   const int64_t n = static_cast<int64_t>(N);
-  const ConoverTail up_plus = ConoverUpper(n, st.plus, cdf);
-  const ConoverTail low_minus = ConoverLower(n, st.minus, cdf);
-  const ConoverTail up_abs = ConoverUpper(n, st.abs, cdf);
-  const ConoverTail low_abs = ConoverLower(n, st.abs, cdf);
+  const ConoverTail up_plus = DiscreteTail(n, st.plus, cdf, true);
+  const ConoverTail low_minus = DiscreteTail(n, st.minus, cdf, false);
+  const ConoverTail up_abs = DiscreteTail(n, st.abs, cdf, true);
+  const ConoverTail low_abs = DiscreteTail(n, st.abs, cdf, false);
   const double two = up_abs.tail + low_abs.tail;
   PublishClamped(86, up_plus.tail);
   PublishClamped(87, up_plus.last);

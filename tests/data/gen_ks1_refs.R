@@ -45,5 +45,11 @@ for (n in ns) {
   add(sprintf("norm_wide_%d", n), 4, 0, 1, rnorm(n, 0, 1.3))
 }
 
+# Larger samples, for the matrix powers and the one-sided sums at size.
+for (n in c(200, 500, 1000)) {
+  add(sprintf("norm_null_%d", n), 4, 0, 1, rnorm(n))
+  add(sprintf("unif_beta_%d", n), 1, 0, 1, rbeta(n, 1.1, 1))
+}
+
 header <- "id,model,param1,param2,n,values,d,d_plus,d_minus,exact_two,exact_plus,exact_minus,asym_two,asym_plus,asym_minus"
 writeLines(c(header, rows), "ks1_refs.csv")

@@ -142,13 +142,9 @@ TEST(KsOneSample, PoissonAgreesWithExactRationalSums) {
     const double point = std::stod(r[11]);
     EXPECT_LE(std::fabs(f[17] - point), 1e-12 * point) << f[17] << " vs " << r[11];
     EXPECT_EQ(anvl::Word(anvl::word::kPublishedVariant), 3);
-    // The one-sided tails; at d = 0 the recursion leaves out its last term.
-    if (std::stod(r[6]) > 0.0) {
-      EXPECT_LE(Rel(anvl::Slot(86).value, std::stod(r[8])), 1e-12);
-    }
-    if (std::stod(r[7]) > 0.0) {
-      EXPECT_LE(Rel(anvl::Slot(93).value, std::stod(r[9])), 1e-12);
-    }
+    // The one-sided tails, also at d = 0 where Conover's sums leave out a term.
+    EXPECT_LE(Rel(anvl::Slot(86).value, std::stod(r[8])), 1e-12);
+    EXPECT_LE(Rel(anvl::Slot(93).value, std::stod(r[9])), 1e-12);
   }
 }
 
