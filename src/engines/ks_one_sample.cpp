@@ -8,6 +8,7 @@
 
 #include "engines/ks_exact.h"
 #include "frame/failure_codes.h"
+#include "frame/progress.h"
 #include "frame/run_store.h"
 #include "frame/spill.h"
 #include "kernel/host_library.h"
@@ -349,6 +350,8 @@ int64_t MonteCarlo(const KsStats& obs, const Model& m, double N, const std::vect
     if (st.plus >= kMcHitFactor * obs.plus) ++plus.hits;
     if (st.minus >= kMcHitFactor * obs.minus) ++minus.hits;
     drawn = sample;
+    Tick();  // the host's stop and the time limit
+    if (FailureCode() != 0) return 0;  // stopped: the stop's code stands
     if (sample - last_report >= setup.report_every) {
       net::detail::McReport(two.hits, sample, setup);
       last_report = sample;

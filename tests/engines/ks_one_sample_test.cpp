@@ -189,6 +189,16 @@ TEST(KsOneSample, MonteCarloEstimatesTheExactTails) {
   }
 }
 
+// A host that asks to stop at once ends a long Monte Carlo run.
+TEST(KsOneSample, MonteCarloStopsWhenTheHostAsks) {
+  HostCall c = KsCall(4, 0.0, 1.0, {0.1, -0.4, 1.3, 0.8, -2.0});
+  c.MonteCarlo(100000000, 5, 0.99);
+  c.poll = [](int64_t* flag) { *flag = 1; };
+  c.RunCases();
+  EXPECT_EQ(c.f[48], -1006.0);
+  EXPECT_EQ(c.f[21], kMissing);
+}
+
 TEST(KsOneSample, ModelsAndSamplesAsTheUserGivesThem) {
   // Weights count repeated values; values within 1e-5 of the kept one are it.
   HostCall spread = KsCall(4, 0.5, 2.0, {0.3, 0.3, -1.0, 2.0, 2.0, 2.0});
