@@ -114,7 +114,8 @@ int64_t CheckCases(const CallArgs& a, const Model& m, std::vector<std::pair<doub
     }
     v[j] = {x, a.case_weights ? a.case_weights[j] : int64_t{1}};
   }
-  std::stable_sort(v.begin(), v.end(), [](const auto& l, const auto& r) { return l.first < r.first; });
+  std::stable_sort(v.begin(), v.end(),
+                   [](const auto& l, const auto& r) { return l.first < r.first; });
   if (v.empty()) return 0;
   const double lo = v.front().first, hi = v.back().first;
   if (m.kind == kUniform && (hi > m.p2 || m.p1 > lo)) return fail::kOutsideModel;
@@ -128,7 +129,8 @@ int64_t Merge(const std::vector<std::pair<double, int64_t>>& v, Sample& s) {
   double running = 0.0;
   for (const auto& [x, w] : v) {
     if (w < 0) return fail::kNoMemory;
-    if (s.values.empty() || std::fabs(x - s.values.back()) > std::fabs(s.values.back()) * kMergeRelative) {
+    if (s.values.empty() ||
+        std::fabs(x - s.values.back()) > std::fabs(s.values.back()) * kMergeRelative) {
       s.values.push_back(x);
       s.counts.push_back(w);
     } else if (__builtin_add_overflow(s.counts.back(), w, &s.counts.back())) {
@@ -168,7 +170,8 @@ KsStats ContinuousStats(const Sample& s, const Model& m) {
     const int64_t c = s.counts[i];
     if (c == 0) continue;
     const double f = ModelCdf(m, s.values[i]);
-    const double e_first = (before + 1.0) / s.total, e_last = (before + static_cast<double>(c)) / s.total;
+    const double e_first = (before + 1.0) / s.total;
+    const double e_last = (before + static_cast<double>(c)) / s.total;
     const double e_prev_first = before / s.total;
     const double e_prev_last = (before + static_cast<double>(c) - 1.0) / s.total;
     st.plus = std::max(st.plus, e_last - f);
@@ -337,7 +340,9 @@ int64_t MonteCarlo(const KsStats& obs, const Model& m, double N, const std::vect
       for (int64_t i = 0; i < n; ++i) {
         while (s < M && u[i] >= kMcStepFactor * cdf[s]) ++s;
         const double x = static_cast<double>(s);
-        if (entries == 0 || std::fabs(x - values[entries - 1]) > std::fabs(values[entries - 1]) * kMcMergeRelative) {
+        const bool fresh = entries == 0 || std::fabs(x - values[entries - 1]) >
+                                               std::fabs(values[entries - 1]) * kMcMergeRelative;
+        if (fresh) {
           values[entries] = x;
           counts[entries++] = 1;
         } else {

@@ -250,7 +250,9 @@ TEST(KsOneSample, BadInputGivesItsFailureCodeAndNothingElse) {
   const double nan = std::nan("");
   struct Case { const char* what; HostCall call; double field48; };
   std::vector<Case> cases;
-  auto add = [&](const char* what, HostCall c, double field48) { cases.push_back({what, c, field48}); };
+  auto add = [&](const char* what, HostCall c, double field48) {
+    cases.push_back({what, c, field48});
+  };
   HostCall two_rows = KsCall(4, 0.0, 1.0, {0.1, 0.2, 0.3, 0.4});
   two_rows.case_rows = 2;
   add("two case rows", two_rows, -884.0);
