@@ -35,8 +35,10 @@ std::string Slurp(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+// A file of this test process: ctest runs the tests of this program as
+// separate processes side by side, which must not share their files.
 std::string Temp(const std::string& name, const std::string& content = "") {
-  const std::string path = ::testing::TempDir() + name;
+  const std::string path = ::testing::TempDir() + std::to_string(getpid()) + "_" + name;
   std::ofstream(path) << content;
   return path;
 }
@@ -87,6 +89,8 @@ Result RunTq(const Args& args, bool terminal = false, double interrupt_after = 0
     r.err = Slurp(err);
   }
   r.out = Slurp(out);
+  unlink(out.c_str());
+  if (!terminal) unlink(err.c_str());
   return r;
 }
 
