@@ -130,7 +130,7 @@ std::vector<int64_t> Counts(const std::string& s) {
 
 TEST(KsOneSample, PoissonAgreesWithExactRationalSums) {
   const auto refs = ReadRefs("ks1_poisson_refs.csv");
-  ASSERT_GE(refs.size(), 40u);
+  ASSERT_GE(refs.size(), 48u);
   for (const auto& r : refs) {
     SCOPED_TRACE(r[0]);
     HostCall c = KsCall(3, std::stod(r[1]), 0.0, Reals(r[3]), Counts(r[4]));
@@ -139,8 +139,10 @@ TEST(KsOneSample, PoissonAgreesWithExactRationalSums) {
     EXPECT_EQ(f[47], std::stod(r[2]));
     EXPECT_LE(Rel(f[0], std::stod(r[5])), 1e-13);
     EXPECT_LE(Rel(f[16], std::stod(r[10])), 1e-12) << f[16] << " vs " << r[10];
-    const double point = std::stod(r[11]);
-    EXPECT_LE(std::fabs(f[17] - point), 1e-12 * point) << f[17] << " vs " << r[11];
+    const double point = std::stod(r[11]);  // nan: not formed for samples above 30
+    if (!std::isnan(point)) {
+      EXPECT_LE(std::fabs(f[17] - point), 1e-12 * point) << f[17] << " vs " << r[11];
+    }
     EXPECT_EQ(anvl::Word(anvl::word::kPublishedVariant), 3);
     // The one-sided tails, also at d = 0 where Conover's sums leave out a term.
     EXPECT_LE(Rel(anvl::Slot(86).value, std::stod(r[8])), 1e-12);
