@@ -52,7 +52,7 @@ ConoverTail ConoverLower(int64_t n, double d, const std::vector<double>& cdf);
 // The tail that procedure 6 publishes: Conover's, when the sum of positive
 // path probabilities below (the same probability) confirms it to 1e-12.
 // Otherwise the path sum, and the last term the no-result mark: Conover's
-// terms cancel beyond quadruple precision from about n = 100 on (n = 200
+// terms cancel beyond quadruple precision from about n = 150 on (n = 200
 // gives tails of 1e3 and more), and at d = 0 they leave out their term
 // j = n.
 ConoverTail DiscreteTail(int64_t n, double d, const std::vector<double>& cdf, bool upper);
