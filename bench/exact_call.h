@@ -38,12 +38,12 @@ inline int64_t Total(const Table& t) {
   return n;
 }
 
-// Runs `procedure` with the exact method on the column-major `cells` and
+// Runs `procedure` with the exact method (MemoryField `memory_kb`) on the column-major `cells` and
 // fills `record` (50 doubles).  No time limit, no host routines, a private
 // spill file.  Field 48 of the record tells success (0.0) or the failure.
 inline void RunExact(int64_t procedure, const std::vector<int64_t>& cells, int64_t rows,
-                     int64_t cols, double* record) {
-  const int64_t ip[TQ_INT_COUNT] = {procedure, TQ_METHOD_EXACT, 1, 0, 0, 0, 0, 0, 0, kFreeMemory};
+                     int64_t cols, double* record, int64_t memory_kb = kFreeMemory) {
+  const int64_t ip[TQ_INT_COUNT] = {procedure, TQ_METHOD_EXACT, 1, 0, 0, 0, 0, 0, 0, memory_kb};
   double rp[TQ_REAL_COUNT] = {};
   rp[TQ_REAL_MISSING] = kMissing;
   TQCALLER(nullptr, nullptr, ip, rp, cells.data(), rows, cols, nullptr, nullptr, nullptr, 0, 0,

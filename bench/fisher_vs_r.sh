@@ -39,6 +39,8 @@ command -v Rscript > /dev/null || { echo "Rscript not found" >&2; exit 2; }
 # once by make_tables.R (multinomial draws, uneven margins, mild association).
 tables=(
   "job satisfaction 4x4|1 2 1 0 / 3 3 6 1 / 10 10 14 9 / 6 7 12 11"
+  "pearson5x5 5x5|1 3 2 4 2 / 2 0 3 3 2 / 2 3 9 6 4 / 1 0 2 1 2 / 1 1 3 1 2"
+  "pearson3x10 3x10|0 0 1 1 4 2 4 2 2 1 / 6 3 1 8 8 1 4 2 1 6 / 6 2 4 4 8 3 6 3 3 4"
   "small1 5x5|6 1 3 6 2 / 1 0 2 0 2 / 6 1 2 3 2 / 4 2 4 4 3 / 6 4 1 4 4"
   "small2 5x5|4 2 2 1 5 / 2 4 2 4 3 / 3 4 3 3 1 / 1 7 1 0 1 / 2 8 2 2 2"
   "small3 5x5|0 2 1 1 2 / 3 10 2 3 6 / 5 2 0 5 3 / 5 3 1 6 0 / 1 4 3 5 3"
@@ -54,7 +56,9 @@ tables=(
 )
 hard_tables=(
   "hard3 5x5|0 6 2 4 1 / 4 3 2 2 2 / 3 15 3 3 9 / 8 12 1 9 4 / 2 13 4 3 6"
+  "hard5 5x5|10 3 12 5 6 / 12 3 11 4 3 / 5 7 9 1 1 / 2 5 10 4 4 / 4 4 14 4 5"
   "hard6 5x5|6 2 8 3 2 / 1 7 9 6 4 / 3 3 7 4 4 / 4 3 4 5 3 / 1 3 10 7 4"
+  "hard7 5x5|7 2 4 2 5 / 2 5 3 5 6 / 6 5 5 0 5 / 9 5 4 6 7 / 6 2 5 3 9"
 )
 ((quick)) || tables+=("${hard_tables[@]}")
 

@@ -35,10 +35,9 @@ std::string Slurp(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-// A file of this test process: ctest runs the tests of this program as
-// separate processes side by side, which must not share their files.
 std::string Temp(const std::string& name, const std::string& content = "") {
-  const std::string path = ::testing::TempDir() + std::to_string(getpid()) + "_" + name;
+  // Names of this process alone: ctest runs other test processes at once.
+  const std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-" + name;
   std::ofstream(path) << content;
   return path;
 }
@@ -90,7 +89,7 @@ Result RunTq(const Args& args, bool terminal = false, double interrupt_after = 0
   }
   r.out = Slurp(out);
   unlink(out.c_str());
-  if (!terminal) unlink(err.c_str());
+  unlink(err.c_str());
   return r;
 }
 
