@@ -1,6 +1,7 @@
 #include "frame/dispatch.h"
 
 #include "engines/related_samples.h"
+#include "engines/ks_one_sample.h"
 #include "kernel/binomial.h"
 #include "network/contingency.h"
 #include "network/fisher.h"
@@ -21,7 +22,7 @@ struct Route {
 
 constexpr Route kRoutes[] = {
     {1, 2, nullptr},    {2, 1, nullptr},    {502, 1, nullptr},
-    {6, 1, nullptr},    {7, 2, net::ContingencyDriver},
+    {6, 1, eng::KsOneSampleDriver},        {7, 2, net::ContingencyDriver},
     {507, 2, net::ContingencyDriver},       {31, 3, net::ContingencyDriver},
     {42, 4, net::ContingencyDriver},        {9, 1, BinomialDriver},
     {10, 9, nullptr},   {510, 9, nullptr},  {11, 2, nullptr},

@@ -189,6 +189,49 @@ TEST(TqResults, BinomialJsonMatchesDirectSums) {
   EXPECT_EQ(report.out.find("mean under the null"), std::string::npos) << report.out;
 }
 
+// ks1 passes its distribution and parameters as the engine expects them:
+// its p-values are R's (continuous) and the rational sums' (Poisson) of
+// the committed reference files, on samples written as --values.
+TEST(TqResults, KolmogorovOneSampleMatchesItsReferences) {
+  auto lines = [](const std::string& name) {
+    std::vector<std::vector<std::string>> rows;
+    std::istringstream in(Slurp(std::string(ANVL_SOURCE) + "/tests/data/" + name));
+    std::string line;
+    std::getline(in, line);
+    while (std::getline(in, line)) {
+      std::vector<std::string> fields;
+      std::istringstream cells(line);
+      for (std::string f; std::getline(cells, f, ',');) fields.push_back(f);
+      rows.push_back(fields);
+    }
+    return rows;
+  };
+  const char* names[] = {"", "uniform", "", "", "normal", "", "exponential"};
+  int checked = 0;
+  for (const auto& r : lines("ks1_refs.csv")) {
+    if (r[0].find("_10") == std::string::npos) continue;  // samples of 10 and 100
+    const int model = std::stoi(r[1]);
+    Args args = {"ks1", "--values", r[5], "--distribution", names[model], "--param1", r[2]};
+    if (model != 6) args.insert(args.end(), {"--param2", r[3]});
+    SCOPED_TRACE(Joined(args));
+    const Json res = RunJson(args)["results"];
+    EXPECT_NEAR(res["d"].get<double>(), std::stod(r[6]), 1e-13 * std::stod(r[6]));
+    EXPECT_NEAR(res["exact_two_sided"].get<double>(), std::stod(r[9]), 1e-9 * std::stod(r[9]));
+    ++checked;
+  }
+  for (const auto& r : lines("ks1_poisson_refs.csv")) {
+    if (r[0].find("_30_") == std::string::npos) continue;
+    const Args args = {"ks1", "--values", r[3], "--weights", r[4], "--distribution", "poisson",
+                       "--param1", r[1]};
+    SCOPED_TRACE(Joined(args));
+    const Json res = RunJson(args)["results"];
+    EXPECT_EQ(res["total"], std::stoi(r[2]));
+    EXPECT_NEAR(res["exact_two_sided"].get<double>(), std::stod(r[10]), 1e-12 * std::stod(r[10]));
+    ++checked;
+  }
+  EXPECT_GE(checked, 20);
+}
+
 TEST(TqResults, FailuresInWordsWithExitOne) {
   struct Case {
     Args args;
@@ -199,6 +242,9 @@ TEST(TqResults, FailuresInWordsWithExitOne) {
       {{"binomial", "--values", "1 0 2"}, -35, "more distinct values"},
       {{"binomial", "--values", "1 0; 1 0"}, -43, "one row"},
       {{"fisher", "--table", kTightTable, "--memory", "2M"}, -1, "--memory"},
+      {{"ks1", "--values", "0.2 1.4", "--param1", "0", "--param2", "1"}, -3, "outside the hypothesised"},
+      {{"ks1", "--values", "-1 2", "--distribution", "exponential"}, -14, "below the support"},
+      {{"ks1", "--values", "1 2.5", "--distribution", "poisson"}, -15, "whole number"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(Joined(c.args));

@@ -1,0 +1,296 @@
+// The one-sample Kolmogorov-Smirnov test (procedure 6) from the host's
+// side: continuous models against R's ks.test (tests/data/gen_ks1_refs.R),
+// the Poisson against exact rational sums (tests/data/gen_ks1_poisson.py),
+// the Monte Carlo route against the exact values, and the failure codes.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "anvlwtq.h"
+#include "engines/ks_exact.h"
+#include "frame/run_store.h"
+#include "support/host_call.h"
+#include "support/ref_data.h"
+
+namespace {
+
+using anvl::support::HostCall;
+constexpr double kMissing = anvl::support::kTestFiller;
+
+double Rel(double a, double b) { return std::fabs(a - b) / std::max(std::fabs(b), 1e-300); }
+
+std::vector<std::string> Split(const std::string& s, char sep) {
+  std::vector<std::string> out;
+  std::stringstream in(s);
+  std::string item;
+  while (std::getline(in, item, sep)) out.push_back(item);
+  return out;
+}
+
+std::vector<double> Reals(const std::string& s) {
+  std::vector<double> out;
+  for (const std::string& x : Split(s, ' '))
+    if (!x.empty()) out.push_back(std::stod(x));
+  return out;
+}
+
+// Lines of a committed reference file, split at commas, header dropped.
+std::vector<std::vector<std::string>> ReadRefs(const std::string& name) {
+  std::ifstream in(anvl::support::TestDataDir() + "/" + name);
+  EXPECT_TRUE(in.good()) << name;
+  std::vector<std::vector<std::string>> rows;
+  std::string line;
+  std::getline(in, line);
+  while (std::getline(in, line))
+    if (!line.empty()) rows.push_back(Split(line, ','));
+  return rows;
+}
+
+// 1 - sqrt(2 pi) / z sum_{k >= 1} exp(-(2k - 1)^2 pi^2 / (8 z^2)): the
+// limiting two-sided tail in the form that converges fast for small z.
+double ThetaTail(double z) {
+  long double s = 0.0L;
+  for (int k = 1; k < 60; ++k) {
+    const long double j = 2 * k - 1;
+    s += std::exp(-j * j * static_cast<long double>(M_PI) * M_PI / (8.0L * z * z));
+  }
+  return static_cast<double>(1.0L - std::sqrt(2.0L * static_cast<long double>(M_PI)) / z * s);
+}
+
+// A call of procedure 6 with its model in the parameter blocks.
+HostCall KsCall(int64_t model, double p1, double p2, std::vector<double> values,
+                std::vector<int64_t> weights = {}, int64_t method = TQ_METHOD_EXACT) {
+  HostCall c(TQ_PROC_KS_ONE_SAMPLE, method);
+  c.ip[TQ_INT_MODEL] = model;
+  if (model == 1) {
+    c.rp[TQ_REAL_PARAM1] = p1;
+    c.rp[TQ_REAL_PARAM2] = p2;
+  } else {
+    c.rp[TQ_REAL_PARAM3] = p1;
+    c.rp[TQ_REAL_PARAM4] = p2;
+  }
+  c.values = std::move(values);
+  c.weights = std::move(weights);
+  return c;
+}
+
+TEST(KsOneSample, ContinuousModelsAgreeWithR) {
+  const auto refs = ReadRefs("ks1_refs.csv");
+  ASSERT_GE(refs.size(), 100u);
+  for (const auto& r : refs) {
+    SCOPED_TRACE(r[0]);
+    const int64_t model = std::stoll(r[1]);
+    const double p1 = std::stod(r[2]), p2 = std::stod(r[3]);
+    const std::vector<double> x = Reals(r[5]);
+    ASSERT_EQ(x.size(), std::stoul(r[4]));
+    const double d = std::stod(r[6]), dplus = std::stod(r[7]), dminus = std::stod(r[8]);
+
+    HostCall exact = KsCall(model, p1, p2, x);
+    const double* f = exact.RunCases();
+    ASSERT_EQ(f[48], 0.0);
+    EXPECT_LE(Rel(f[0], d), 1e-13);
+    EXPECT_LE(Rel(f[6], std::sqrt(static_cast<double>(x.size())) * d), 1e-13);
+    EXPECT_EQ(f[47], static_cast<double>(x.size()));
+    EXPECT_LE(Rel(f[16], std::stod(r[9])), 1e-9) << f[16] << " vs " << r[9];
+    EXPECT_EQ(f[17], 0.0);
+    EXPECT_LE(Rel(anvl::Slot(84).value, dplus), 1e-13);
+    EXPECT_LE(Rel(anvl::Slot(91).value, dminus), 1e-13);
+    EXPECT_LE(Rel(anvl::Slot(86).value, std::stod(r[10])), 1e-9) << "P(D+ >= d+)";
+    EXPECT_LE(Rel(anvl::Slot(93).value, std::stod(r[11])), 1e-9) << "P(D- >= d-)";
+    EXPECT_EQ(anvl::Word(anvl::word::kPublishedVariant), model == 1 ? 4 : (model == 4 ? 6 : 5));
+
+    HostCall limit = KsCall(model, p1, p2, x, {}, TQ_METHOD_ASYMPTOTIC);
+    f = limit.RunCases();
+    ASSERT_EQ(f[48], 0.0);
+    EXPECT_EQ(f[16], kMissing);
+    // R sums the theta form of the limit with its first term only (below
+    // z = 1), so it misses the second term; the limit itself must agree
+    // with the full theta form, the same function by Jacobi's identity, to
+    // within the first term left out of the series (at most 2e-12).
+    const double z = std::sqrt(static_cast<double>(x.size())) * d;
+    const double asym = anvl::Slot(anvl::slot::kAsymTwoSided).value;
+    const double r_missed =
+        z < 1.0 ? std::sqrt(2.0 * M_PI) / z * std::exp(-9.0 * M_PI * M_PI / (8.0 * z * z)) : 0.0;
+    EXPECT_LE(std::fabs(asym - std::stod(r[12])), 1.000001 * r_missed + 2e-12);
+    EXPECT_LE(std::fabs(asym - ThetaTail(z)), 2e-12);
+    EXPECT_LE(Rel(anvl::Slot(85).value, std::stod(r[13])), 1e-12);
+    EXPECT_LE(Rel(anvl::Slot(92).value, std::stod(r[14])), 1e-12);
+  }
+}
+
+std::vector<int64_t> Counts(const std::string& s) {
+  std::vector<int64_t> out;
+  for (double x : Reals(s)) out.push_back(static_cast<int64_t>(x));
+  return out;
+}
+
+TEST(KsOneSample, PoissonAgreesWithExactRationalSums) {
+  const auto refs = ReadRefs("ks1_poisson_refs.csv");
+  ASSERT_GE(refs.size(), 48u);
+  for (const auto& r : refs) {
+    SCOPED_TRACE(r[0]);
+    HostCall c = KsCall(3, std::stod(r[1]), 0.0, Reals(r[3]), Counts(r[4]));
+    const double* f = c.RunCases();
+    ASSERT_EQ(f[48], 0.0);
+    EXPECT_EQ(f[47], std::stod(r[2]));
+    EXPECT_LE(Rel(f[0], std::stod(r[5])), 1e-13);
+    EXPECT_LE(Rel(f[16], std::stod(r[10])), 1e-12) << f[16] << " vs " << r[10];
+    const double point = std::stod(r[11]);  // nan: not formed for samples above 30
+    if (!std::isnan(point)) {
+      EXPECT_LE(std::fabs(f[17] - point), 1e-12 * point) << f[17] << " vs " << r[11];
+    }
+    EXPECT_EQ(anvl::Word(anvl::word::kPublishedVariant), 3);
+    // The one-sided tails, also at d = 0 where Conover's sums leave out a term.
+    EXPECT_LE(Rel(anvl::Slot(86).value, std::stod(r[8])), 1e-12);
+    EXPECT_LE(Rel(anvl::Slot(93).value, std::stod(r[9])), 1e-12);
+  }
+}
+
+// Seeded Monte Carlo runs against the exact tails: each estimate within
+// four standard errors (a false alarm about once in 16000 per estimate).
+TEST(KsOneSample, MonteCarloEstimatesTheExactTails) {
+  struct Case { int64_t model; double p1, p2; std::vector<double> x; std::vector<int64_t> w; };
+  const Case cases[] = {
+      {4, 0.0, 1.0, {0.35, -0.04, -1.63, -0.09, 0.98, 1.7, 0.2, -0.6, 2.1, 0.05, 1.1, 0.44}, {}},
+      {6, 2.5, 0.0, {0.3, 1.1, 4.2, 0.7, 2.2, 6.9, 0.05, 1.6}, {}},
+      {3, 2.5, 0.0, {0, 1, 2, 3, 5, 7}, {1, 4, 3, 2, 2, 1}},
+  };
+  constexpr int64_t kSamples = 20000;
+  for (const Case& c : cases) {
+    HostCall exact = KsCall(c.model, c.p1, c.p2, c.x, c.w);
+    const double* f = exact.RunCases();
+    ASSERT_EQ(f[48], 0.0);
+    const double two = f[16], plus = anvl::Slot(86).value, minus = anvl::Slot(93).value;
+    for (int64_t seed : {11, 12345}) {
+      SCOPED_TRACE(testing::Message() << "model " << c.model << " seed " << seed);
+      HostCall mc = KsCall(c.model, c.p1, c.p2, c.x, c.w);
+      mc.MonteCarlo(kSamples, seed, 0.99);
+      f = mc.RunCases();
+      ASSERT_EQ(f[48], 0.0);
+      EXPECT_EQ(f[16], kMissing);
+      EXPECT_EQ(anvl::Slot(anvl::slot::kMcCount).value, static_cast<double>(kSamples));
+      EXPECT_LE(f[22], f[21]);
+      EXPECT_LE(f[21], f[23]);
+      auto near = [](double estimate, double p) {
+        return std::fabs(estimate - p) <= 4.0 * std::sqrt(p * (1.0 - p) / kSamples);
+      };
+      // The Poisson's exact two-sided value adds both tails: it bounds the
+      // estimate from above.
+      if (c.model == 3) {
+        EXPECT_LE(f[21], two + 4.0 * std::sqrt(two * (1.0 - std::min(two, 1.0)) / kSamples));
+      } else {
+        EXPECT_TRUE(near(f[21], two)) << f[21] << " vs " << two;
+      }
+      EXPECT_TRUE(near(anvl::Slot(88).value, plus)) << anvl::Slot(88).value << " vs " << plus;
+      EXPECT_TRUE(near(anvl::Slot(95).value, minus)) << anvl::Slot(95).value << " vs " << minus;
+    }
+  }
+}
+
+// A host that asks to stop at once ends a long Monte Carlo run.
+TEST(KsOneSample, MonteCarloStopsWhenTheHostAsks) {
+  HostCall c = KsCall(4, 0.0, 1.0, {0.1, -0.4, 1.3, 0.8, -2.0});
+  c.MonteCarlo(100000000, 5, 0.99);
+  c.poll = [](int64_t* flag) { *flag = 1; };
+  c.RunCases();
+  EXPECT_EQ(c.f[48], -1006.0);
+  EXPECT_EQ(c.f[21], kMissing);
+}
+
+TEST(KsOneSample, ModelsAndSamplesAsTheUserGivesThem) {
+  // Weights count repeated values; values within 1e-5 of the kept one are it.
+  HostCall spread = KsCall(4, 0.5, 2.0, {0.3, 0.3, -1.0, 2.0, 2.0, 2.0});
+  const double d_spread = spread.RunCases()[0], p_spread = spread.f[16];
+  HostCall weighted = KsCall(4, 0.5, 2.0, {2.0, 0.3, -1.0, 2.000001}, {2, 2, 1, 1});
+  weighted.RunCases();
+  EXPECT_EQ(weighted.f[48], 0.0);
+  EXPECT_EQ(weighted.f[47], 6.0);
+  EXPECT_EQ(weighted.f[0], d_spread);
+  EXPECT_EQ(weighted.f[16], p_spread);
+
+  // Parameters below 1e-5 take their defaults: uniform [0, 1], Poisson mean 1.
+  HostCall defaults = KsCall(1, 0.0, 0.0, {0.1, 0.5, 0.9});
+  HostCall explicit_ab = KsCall(1, 0.0, 1.0, {0.1, 0.5, 0.9});
+  EXPECT_EQ(defaults.RunCases()[0], explicit_ab.RunCases()[0]);
+  EXPECT_EQ(defaults.f[16], explicit_ab.f[16]);
+  HostCall zeros = KsCall(3, 0.0, 0.0, {0.0}, {7});
+  zeros.RunCases();
+  EXPECT_EQ(zeros.f[48], 0.0);
+  EXPECT_DOUBLE_EQ(anvl::Slot(84).value, 1.0 - std::exp(-1.0));  // D+ at s = 0
+  EXPECT_EQ(anvl::Slot(91).value, 0.0);
+  EXPECT_DOUBLE_EQ(anvl::Slot(86).value, std::pow(std::exp(-1.0), 7));  // all 7 at 0
+
+  // Data at exactly a and b pass; D+ = 0 has the one-sided p-value 1.
+  HostCall edges = KsCall(1, -1.0, 3.0, {-1.0, 3.0});
+  edges.RunCases();
+  EXPECT_EQ(edges.f[48], 0.0);
+  HostCall low = KsCall(4, 0.0, 1.0, {9.0, 10.0, 11.0});
+  low.RunCases();
+  EXPECT_EQ(anvl::Slot(84).value, 0.0);
+  EXPECT_EQ(anvl::Slot(86).value, 1.0);
+
+  // A MethodCode outside 1..3 runs exact; a ModelSelector outside the four
+  // tests against the uniform on [0, 1].
+  HostCall other = KsCall(1, 0.0, 1.0, {0.1, 0.5, 0.9}, {}, 7);
+  other.ip[TQ_INT_MODEL] = 5;
+  other.RunCases();
+  EXPECT_EQ(other.f[16], explicit_ab.f[16]);
+
+  // The Poisson's two tails can add up past 1: the record shows the sum,
+  // the clamped copy 1.
+  HostCall past_one = KsCall(3, 0.7, 0.0, {0, 1, 2}, {3, 1, 1});
+  past_one.RunCases();
+  EXPECT_GT(past_one.f[16], 1.0);
+  EXPECT_EQ(anvl::Slot(100).value, 1.0);
+}
+
+TEST(KsOneSample, BadInputGivesItsFailureCodeAndNothingElse) {
+  const double nan = std::nan("");
+  struct Case { const char* what; HostCall call; double field48; };
+  std::vector<Case> cases;
+  auto add = [&](const char* what, HostCall c, double field48) {
+    cases.push_back({what, c, field48});
+  };
+  HostCall two_rows = KsCall(4, 0.0, 1.0, {0.1, 0.2, 0.3, 0.4});
+  two_rows.case_rows = 2;
+  add("two case rows", two_rows, -884.0);
+  add("uniform a > b", KsCall(1, 2.0, 1.0, {1.5}), -1003.0);
+  add("uniform a = b", KsCall(1, 2.0, 2.0, {2.0}), -1003.0);
+  add("Poisson mean < 0", KsCall(3, -1.5, 0.0, {1.0}), -1003.0);
+  add("normal sd < 0", KsCall(4, 0.0, -2.0, {1.0}), -1003.0);
+  add("exponential scale < 0", KsCall(6, -1.0, 0.0, {1.0}), -1003.0);
+  add("parameter not a number", KsCall(4, nan, 1.0, {1.0}), -1003.0);
+  add("value above b", KsCall(1, 0.0, 1.0, {0.2, 1.5}), -1003.0);
+  add("value below a", KsCall(1, 0.5, 1.0, {0.2, 0.7}), -1003.0);
+  add("value not a number", KsCall(4, 0.0, 1.0, {0.2, nan}), -1003.0);
+  add("infinite value", KsCall(4, 0.0, 1.0, {0.2, INFINITY}), -1003.0);
+  add("negative under the Poisson", KsCall(3, 2.0, 0.0, {-1.0, 2.0}), -1014.0);
+  add("negative under the exponential", KsCall(6, 2.0, 0.0, {-0.5, 2.0}), -1014.0);
+  add("not whole under the Poisson", KsCall(3, 2.0, 0.0, {1.0, 2.5}), -1015.0);
+  add("Poisson mean beyond the table", KsCall(3, 60000.0, 0.0, {60000.0}), -1001.0);
+  add("empty sample", KsCall(4, 0.0, 1.0, {}), -1001.0);
+  add("weights all 0", KsCall(4, 0.0, 1.0, {0.1, 0.2}, {0, 0}), -1001.0);
+  add("negative weight", KsCall(4, 0.0, 1.0, {0.1, 0.2}, {3, -1}), -1001.0);
+  add("Durbin matrix too large", KsCall(1, 0.0, 1.0, {0.5}, {50000}), -1001.0);
+  HostCall no_samples = KsCall(4, 0.0, 1.0, {0.1, 0.2});
+  no_samples.MonteCarlo(0, 1, 0.99);
+  add("Monte Carlo without samples", no_samples, -1003.0);
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const double* f = c.call.RunCases();
+    EXPECT_EQ(f[48], c.field48);
+    for (int i = 0; i <= 41; ++i) EXPECT_EQ(f[i], kMissing) << "field " << i;
+    for (int i = 45; i <= 47; ++i) EXPECT_EQ(f[i], kMissing) << "field " << i;
+  }
+  // The large sample that the exact route refuses has its limiting answer.
+  HostCall limit = KsCall(1, 0.0, 1.0, {0.5}, {50000}, TQ_METHOD_ASYMPTOTIC);
+  limit.RunCases();
+  EXPECT_EQ(limit.f[48], 0.0);
+  EXPECT_EQ(limit.f[0], 0.5);
+}
+
+}  // namespace
