@@ -1,5 +1,6 @@
 #include "frame/dispatch.h"
 
+#include "association/linear.h"
 #include "kernel/binomial.h"
 #include "network/contingency.h"
 #include "network/fisher.h"
@@ -27,8 +28,9 @@ constexpr Route kRoutes[] = {
     {19, 1, nullptr},   {18, 1, nullptr},   {20, 9, nullptr},
     {21, 8, nullptr},   {24, 1, nullptr},   {26, 2, nullptr},
     {51, 3, nullptr},   {32, 1, net::FisherDriver},
-    {40, 2, nullptr},   {45, 1, nullptr},   {41, 3, nullptr},
-    {47, 1, nullptr},   {48, 2, nullptr},   {43, 1, nullptr},
+    {40, 2, nullptr},   {45, 1, nullptr},   {41, 3, assoc::LinearDriver},
+    {47, 1, assoc::LinearDriver},
+    {48, 2, assoc::LinearDriver},   {43, 1, nullptr},
     {46, 1, nullptr},   {49, 1, nullptr},   {50, 1, nullptr},
 };
 
