@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "frame/progress.h"
+#include "frame/run_store.h"
 #include "frame/spill.h"
 #include "kernel/log_factorial.h"
 #include "network/enumerators.h"
@@ -411,6 +412,11 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
             }
           }
           if (next == 0) return -1;
+          if constexpr (M::kClosedFormBounds) {
+            // No spill file whose next access would fail: a stop of the
+            // host or the clock ends the pass here, its code standing.
+            if (RunStopped()) return static_cast<int>(FailureCode());
+          }
           if (detail::PastPathUpdate<M>(pool, tick, root, store.tree_root(next), inc, f,
                                         store.first(next), store.second(next), cuts, result,
                                         new_entries) != 0)

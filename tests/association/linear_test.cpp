@@ -389,5 +389,29 @@ TEST(LinearFamily, BadInputGetsItsFailureCode) {
   EXPECT_EQ(cases_form.RunCases()[48], -849.0);  // 151: the family reads Table only
 }
 
+// A stop from the host ends the exact route at once: no spill file is
+// there whose next access would fail, so the pass itself looks.
+int g_polls_after_stop = 0;
+bool g_stop = false;
+void StopAtOnce(int64_t* flag) {
+  if (g_stop) ++g_polls_after_stop;
+  if (*flag == 0) {
+    *flag = 1;
+    g_stop = true;
+  }
+}
+
+TEST(LinearFamily, HostStopEndsTheExactRoute) {
+  HostCall call(41, TQ_METHOD_EXACT);
+  call.poll = StopAtOnce;
+  const double* f = call.Run(support::MakeTable(
+      {{4, 3, 2, 1, 0, 1, 1, 1, 0, 0}, {2, 1, 1, 3, 1, 0, 1, 0, 3, 0}, {0, 1, 1, 2, 0, 1, 0, 1, 1, 0},
+       {2, 1, 2, 1, 1, 0, 2, 1, 0, 3}, {1, 0, 0, 4, 2, 1, 2, 2, 2, 1}}));
+  EXPECT_EQ(f[48], -1006.0);
+  EXPECT_TRUE(call.Published().empty());
+  // The stop's own last poll, and the polls of the walk under way.
+  EXPECT_LT(g_polls_after_stop, 1000);
+}
+
 }  // namespace
 }  // namespace anvl
