@@ -2,9 +2,12 @@
 // of a failure, bad input of every kind (never a crash), and per-thread state.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cmath>
 #include <limits>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -138,8 +141,10 @@ TEST(EntryPoint, TwoThreadsAtOnceGetTheRecordsOfSeparateCalls) {
   const auto job = anvl::support::MakeTable({{1, 2, 1, 0}, {3, 3, 6, 1}, {10, 10, 14, 9}, {6, 7, 12, 11}});
   const auto small = anvl::support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
   HostCall a(TQ_PROC_CHISQ, TQ_METHOD_EXACT), b(TQ_PROC_FISHER, TQ_METHOD_EXACT);
-  a.spill = "/tmp/anvl-entry-test-a.spill";
-  b.spill = "/tmp/anvl-entry-test-b.spill";
+  // Names of this process alone: other test processes may run at once.
+  const std::string dir = ::testing::TempDir() + "anvl-entry-" + std::to_string(getpid());
+  a.spill = dir + "-a.spill";
+  b.spill = dir + "-b.spill";
   ExpectThreadsKeepApart(a, b, [&](HostCall& c) { c.Run(job); }, [&](HostCall& c) { c.Run(small); }, 3, 200, 3);
 }
 
