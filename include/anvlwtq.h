@@ -175,7 +175,9 @@ enum {
  *   realParams     RealParams (above)
  *   table          Rows x Cols signed 64-bit counts, row index fastest
  *                  (column-major): cell (i, j) is table[i + j * rows]
- *   rowScores      Rows doubles (procedures 41, 47, 48)
+ *   rowScores      Rows doubles (procedures 41, 47, 48; NULL scores the
+ *                  rows 1, 2, ...; 48 ranks the margins and reads neither
+ *                  score array; a score that isn't finite gives -1003.0)
  *   scores         Cols doubles (1, 2, 502, 31, 41, 47, 48) or Rows
  *                  doubles (10, 510)
  *   caseData       CaseRows x CaseCols doubles, row index fastest; read,

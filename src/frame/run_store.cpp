@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "frame/clock.h"
+#include "frame/failure_codes.h"
 
 namespace anvl {
 namespace {
@@ -40,6 +41,11 @@ int64_t Word(int w) { return t_store.block.words[w]; }
 const ResultSlot& Slot(int slot) { return t_store.block.slots[slot]; }
 
 int64_t FailureCode() { return t_store.block.words[word::kFailureCode]; }
+
+bool RunStopped() {
+  const int64_t code = t_store.block.words[word::kFailureCode];
+  return code == fail::kStoppedByHost || code == fail::kTimeLimit;
+}
 
 void RecordFailure(int64_t code) {
   UpdateElapsed();

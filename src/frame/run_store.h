@@ -135,6 +135,8 @@ void RecordFailure(int64_t code);
 // The stop of a run (host or time limit): overwrites whatever code stands.
 void ForceFailure(int64_t code);
 int64_t FailureCode();
+// Whether the host or the time limit has stopped the run.
+bool RunStopped();
 
 // Elapsed clock.
 void StartClock();

@@ -19,6 +19,9 @@ struct FisherMember {
   static constexpr bool kInnerStopTests = false;
   static constexpr bool kStopOnNoNewEntry = true;
   static constexpr bool kStageMessages = false;
+  static constexpr bool kTwoCut = false;
+  static constexpr bool kClosedFormBounds = false;
+  static constexpr bool kRelativeMerge = false;
   // Past log probabilities closer than this merge (1e-5 in single precision).
   static constexpr double kMergeTolerance = 9.999999747378752e-06;
   static constexpr double kStopMargin = 0.0;

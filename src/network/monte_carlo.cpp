@@ -201,6 +201,12 @@ void PublishMonteCarlo(const McResult& r, double statistic) {
   SetWord(word::kPublishedMethod, 2);
 }
 
+void PublishMonteCarloOneSided(const McResult& r) {
+  PublishClamped(slot::kMcOneSided, r.estimate);
+  PublishClamped(slot::kMcOneSidedLow, r.low);
+  PublishClamped(slot::kMcOneSidedHigh, r.high);
+}
+
 double TablePearsonX2(const int64_t* table, int64_t rows, int64_t cols, const int64_t* row_totals,
                       const int64_t* col_totals, int64_t N) {
   const double n = static_cast<double>(N);

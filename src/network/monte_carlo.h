@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <type_traits>
 #include <vector>
 
 #include "frame/failure_codes.h"
@@ -85,6 +86,13 @@ void McReport(int64_t hits, int64_t m, const McSetup& setup);
 // no hit gives 0 .. 1 - (1 - conf)^(1/M), all hits (1 - conf)^(1/M) .. 1.
 void McEstimate(int64_t hits, int64_t samples, double z, double confidence, McResult& out);
 
+// What a hit rule of a two-sided test returns for one table: a hit of the
+// one-sided count and of the two-sided count.  A rule that returns bool
+// has the two-sided count alone.
+struct TwoCounts {
+  bool one_sided = false, two_sided = false;
+};
+
 // The Monte Carlo loop: draws the first table into `table`, then for
 // m = 1 .. M counts a hit when hit(table) is true, reports every
 // McReportEvery tables after polling the host (below 1: at every table),
@@ -93,10 +101,15 @@ void McEstimate(int64_t hits, int64_t samples, double z, double confidence, McRe
 // `out`; publishes nothing.  Returns 0, -1 (memory) or kMcNoSamples (no
 // samples, or a level outside (0, 1)).  A
 // stop at a poll doesn't end the loop: its code stands in the store.
+// A rule that returns TwoCounts also fills `one_sided` (when not null);
+// the reports show the two-sided estimate.
 template <class HitRule>
 int McRoute(std::vector<int64_t>& table, int64_t rows, int64_t cols,
             const std::vector<int64_t>& row_totals, const std::vector<int64_t>& col_totals,
-            const double* lf, HitRule&& hit, McResult& out) {
+            const double* lf, HitRule&& hit, McResult& out, McResult* one_sided = nullptr) {
+  constexpr bool kTwoCounts =
+      std::is_same_v<std::decay_t<decltype(hit(static_cast<const int64_t*>(nullptr)))>,
+                     TwoCounts>;
   const detail::McSetup setup = detail::ReadMcSetup();
   if (setup.samples < 1 || !(setup.confidence > 0.0 && setup.confidence < 1.0))
     return kMcNoSamples;
@@ -104,10 +117,16 @@ int McRoute(std::vector<int64_t>& table, int64_t rows, int64_t cols,
   if (sampler.Init(rows, cols, row_totals.data(), col_totals.data(), lf) != 0)
     return fail::kNoMemory;
   RandomStream stream = setup.stream;
-  int64_t hits = 0, last_report = 0;
+  int64_t hits = 0, hits_one = 0, last_report = 0;
   sampler.Draw(stream, table.data());
   for (int64_t m = 1; m <= setup.samples; ++m) {
-    if (hit(static_cast<const int64_t*>(table.data()))) ++hits;
+    if constexpr (kTwoCounts) {
+      const TwoCounts h = hit(static_cast<const int64_t*>(table.data()));
+      hits += h.two_sided ? 1 : 0;
+      hits_one += h.one_sided ? 1 : 0;
+    } else {
+      if (hit(static_cast<const int64_t*>(table.data()))) ++hits;
+    }
     if (m - last_report >= setup.report_every) {
       detail::McReport(hits, m, setup);
       last_report = m;
@@ -118,6 +137,13 @@ int McRoute(std::vector<int64_t>& table, int64_t rows, int64_t cols,
   McEstimate(hits, setup.samples, setup.z, setup.confidence, out);
   out.percent = 100.0 * setup.confidence;
   out.seed = setup.seed;
+  if constexpr (kTwoCounts) {
+    if (one_sided != nullptr) {
+      McEstimate(hits_one, setup.samples, setup.z, setup.confidence, *one_sided);
+      one_sided->percent = out.percent;
+      one_sided->seed = out.seed;
+    }
+  }
   return 0;
 }
 
@@ -125,6 +151,9 @@ int McRoute(std::vector<int64_t>& table, int64_t rows, int64_t cols,
 // Statistic, McTwoSided with its limits (clamped to 0..1), McPercent,
 // McCount, McSeed, and PublishedMethod 2.
 void PublishMonteCarlo(const McResult& r, double statistic);
+// The one-sided estimate of a two-sided test: McOneSided with its limits,
+// clamped to 0..1.
+void PublishMonteCarloOneSided(const McResult& r);
 
 // ---------------------------------------------------------------------------
 // Hit rules.

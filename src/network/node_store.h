@@ -162,7 +162,10 @@ class PastPool {
   // The same insert, started from the deepest entry of the previous
   // insert's path that the new value would reach too (see TreeFinger).
   // Gives the same tree and the same result as AddToTree.
+  // With kRelative the merge tolerance is a factor: a value merges with an
+  // entry whose value differs from it by at most tolerance x |entry|.
   class TreeFinger;
+  template <bool kRelative = false>
   int AddWithFinger(TreeFinger& finger, int64_t& root, double stat, double q,
                     double merge_tolerance);
   // Sets the subtree total of every entry of the tree at `root`.
@@ -229,6 +232,29 @@ class PastPool::TreeFinger {
   double low_[kDepth], high_[kDepth];  // bounds at each depth, from the entries above
 };
 
+namespace detail {
+// Whether a new value merges with an entry's value.
+template <bool kRelative>
+inline bool Merges(double entry, double stat, double tol) {
+  if constexpr (kRelative) return std::fabs(entry - stat) <= tol * std::fabs(entry);
+  else return std::fabs(entry - stat) <= tol;
+}
+// Whether a value lies beyond the merge reach of a finger bound (an
+// infinite bound is no bound).  For the relative tolerance, a value clear
+// of the nearest entry on one side is clear of all entries beyond it.
+template <bool kRelative>
+inline bool ClearAbove(double low, double stat, double tol) {
+  if constexpr (kRelative) return low == -HUGE_VAL || stat - low > tol * std::fabs(low);
+  else return stat - low > tol;
+}
+template <bool kRelative>
+inline bool ClearBelow(double high, double stat, double tol) {
+  if constexpr (kRelative) return high == HUGE_VAL || high - stat > tol * std::fabs(high);
+  else return high - stat > tol;
+}
+}  // namespace detail
+
+template <bool kRelative>
 inline int PastPool::AddWithFinger(TreeFinger& f, int64_t& root, double stat, double q,
                                    double tol) {
   if (root == 0) {
@@ -247,11 +273,13 @@ inline int PastPool::AddWithFinger(TreeFinger& f, int64_t& root, double stat, do
     f.high_[0] = HUGE_VAL;
   }
   int d = f.n_ - 1;
-  while (d > 0 && !(stat - f.low_[d] > tol && f.high_[d] - stat > tol)) --d;
+  while (d > 0 && !(detail::ClearAbove<kRelative>(f.low_[d], stat, tol) &&
+                    detail::ClearBelow<kRelative>(f.high_[d], stat, tol)))
+    --d;
   double low = f.low_[d], high = f.high_[d];
   Entry* x = &entries_[f.entry_[d]];
   for (;;) {
-    if (std::fabs(x->stat - stat) <= tol) {
+    if (detail::Merges<kRelative>(x->stat, stat, tol)) {
       x->q += q;
       f.n_ = std::min(d + 1, TreeFinger::kDepth);
       return 0;

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "frame/progress.h"
+#include "frame/run_store.h"
 #include "frame/spill.h"
 #include "kernel/log_factorial.h"
 #include "network/enumerators.h"
@@ -62,6 +63,14 @@ struct Network {
 };
 
 // What a statistic supplies to the passes.
+//
+// A one-cut member tests one side: its cuts are per node, obs + tol less
+// the node's ShortestPath and obs - tol less its LongestPath.  A two-cut
+// member (kTwoCut) tests against a high and a low bound: a node keeps its
+// ShortestPath and LongestPath, the four cuts are global, and five masses
+// come out (TailHigh, TailLow, MiddleMass, HighPoint, LowPoint).  A member
+// with kClosedFormBounds forms the bounds of a node when the forward pass
+// first meets it (NodeBounds) and needs no backward pass nor spill file.
 template <class M>
 concept NetworkMember = requires(const M& m, int line, const int64_t* d, double w, double x) {
   { M::kCanonical } -> std::convertible_to<bool>;      // nodes named by sorted complements
@@ -69,6 +78,9 @@ concept NetworkMember = requires(const M& m, int line, const int64_t* d, double 
   { M::kInnerStopTests } -> std::convertible_to<bool>; // stop tests inside the stage and the walk
   { M::kStopOnNoNewEntry } -> std::convertible_to<bool>;
   { M::kStageMessages } -> std::convertible_to<bool>;  // " Generating the distribution ..."
+  { M::kTwoCut } -> std::convertible_to<bool>;
+  { M::kClosedFormBounds } -> std::convertible_to<bool>;
+  { M::kRelativeMerge } -> std::convertible_to<bool>;  // merge tolerance is a factor of |value|
   { M::kMergeTolerance } -> std::convertible_to<double>;
   { M::kStopMargin } -> std::convertible_to<double>;
   { m.EdgeStatistic(line, d, w) } -> std::same_as<double>;
@@ -79,7 +91,16 @@ concept NetworkMember = requires(const M& m, int line, const int64_t* d, double 
 // Tails of the forward pass.
 struct PassResult {
   double tail_high = 0.0, tail_low = 0.0, point = 0.0;
+  // Two-cut members: mass strictly between the bounds, and at each bound.
+  double middle = 0.0, high_point = 0.0, low_point = 0.0;
   bool stopped_early = false;
+  // The mass not yet decided.
+  double Undecided() const { return 1.0 - tail_high - tail_low - middle; }
+};
+
+// The global cuts of a two-cut member: each bound -/+ tol.
+struct TwoCuts {
+  double high_hi = 0.0, high_lo = 0.0, low_hi = 0.0, low_lo = 0.0;
 };
 
 // The last component of a node of a stage with total Ts, from the others.
@@ -207,55 +228,85 @@ namespace detail {
 // All entries of the current node's tree against one edge.  An entry's
 // probability q becomes q f through the edge (f = exp(w + R' - R), the
 // probability of the edge given the node); a decided entry adds itself and
-// the subtree on its side, times f, to a tail at once.
+// the subtree on its side, times f, to a tail at once.  `first` and
+// `second` are the successor's cuts (one-cut) or its ShortestPath and
+// LongestPath (two-cut, against `cuts`).
 template <NetworkMember M>
 int PastPathUpdate(PastPool& pool, Ticker& tick, int64_t root, int64_t& succ_root, double inc,
-                   double f, double upper, double lower, PassResult& r, int64_t& new_entries) {
+                   double f, double first, double second, const TwoCuts& cuts, PassResult& r,
+                   int64_t& new_entries) {
   if (root == 0) return 0;
   PastPool::TreeFinger finger;
   int64_t top = 0;
   pool.stack[top++] = root;
   while (top > 0) {
     if constexpr (M::kInnerStopTests)
-      if (1.0 - r.tail_high - r.tail_low < M::kStopMargin) break;
+      if (r.Undecided() < M::kStopMargin) break;
     const int64_t p = pool.stack[--top];
     const PastPool::Entry& x = pool[p];
     const double stat = x.stat + inc;
-    bool decided_high, decided_low;
-    if constexpr (M::kPValueBelow) {
-      decided_high = stat < lower;   // less probable on every way: counts to the p-value
-      decided_low = !decided_high && stat > upper;
-    } else {
-      decided_high = stat > upper;
-      decided_low = !decided_high && stat < lower;
-    }
-    if (decided_high) {
-      if constexpr (M::kPValueBelow) {
-        r.tail_high += f * (x.q + pool.Total(x.left));
-        if (x.right != 0) pool.stack[top++] = x.right;
-      } else {
+    if constexpr (M::kTwoCut) {
+      const double sh = first, lg = second;
+      if (stat + sh > cuts.high_hi) {  // every completion above HighBound + tol
         r.tail_high += f * (x.q + pool.Total(x.right));
         if (x.left != 0) pool.stack[top++] = x.left;
-      }
-    } else if (decided_low) {
-      if constexpr (M::kPValueBelow) {
-        r.tail_low += f * pool.Total(x.right);
-        if (x.left != 0) pool.stack[top++] = x.left;
-      } else {
-        r.tail_low += f * pool.Total(x.left);
+      } else if (stat + lg < cuts.low_lo) {  // every completion below LowBound - tol
+        r.tail_low += f * (x.q + pool.Total(x.left));
         if (x.right != 0) pool.stack[top++] = x.right;
+      } else {
+        const int64_t left = x.left, right = x.right;
+        if (stat + sh > cuts.low_hi && stat + lg < cuts.high_lo) {  // strictly between
+          r.middle += f * x.q;
+        } else {
+          const int added = pool.AddWithFinger<M::kRelativeMerge>(finger, succ_root, stat,
+                                                                  x.q * f, M::kMergeTolerance);
+          if (added < 0) return -1;
+          new_entries += added;
+        }
+        if (right != 0) pool.stack[top++] = right;
+        if (left != 0) pool.stack[top++] = left;
       }
+      if (tick())
+        SendExactEstimateLine(ClampUnit(r.tail_high + r.tail_low), ClampUnit(1.0 - r.middle));
+      continue;
     } else {
-      // Read the children first: the insert goes into another tree, but
-      // keep the walk independent of the pool's layout.
-      const int64_t left = x.left, right = x.right;
-      const int added = pool.AddWithFinger(finger, succ_root, stat, x.q * f, M::kMergeTolerance);
-      if (added < 0) return -1;
-      new_entries += added;
-      if (right != 0) pool.stack[top++] = right;
-      if (left != 0) pool.stack[top++] = left;
+      bool decided_high, decided_low;
+      if constexpr (M::kPValueBelow) {
+        decided_high = stat < second;  // less probable on every way: counts to the p-value
+        decided_low = !decided_high && stat > first;
+      } else {
+        decided_high = stat > first;
+        decided_low = !decided_high && stat < second;
+      }
+      if (decided_high) {
+        if constexpr (M::kPValueBelow) {
+          r.tail_high += f * (x.q + pool.Total(x.left));
+          if (x.right != 0) pool.stack[top++] = x.right;
+        } else {
+          r.tail_high += f * (x.q + pool.Total(x.right));
+          if (x.left != 0) pool.stack[top++] = x.left;
+        }
+      } else if (decided_low) {
+        if constexpr (M::kPValueBelow) {
+          r.tail_low += f * pool.Total(x.right);
+          if (x.left != 0) pool.stack[top++] = x.left;
+        } else {
+          r.tail_low += f * pool.Total(x.left);
+          if (x.right != 0) pool.stack[top++] = x.right;
+        }
+      } else {
+        // Read the children first: the insert goes into another tree, but
+        // keep the walk independent of the pool's layout.
+        const int64_t left = x.left, right = x.right;
+        const int added = pool.AddWithFinger<M::kRelativeMerge>(finger, succ_root, stat, x.q * f,
+                                                                M::kMergeTolerance);
+        if (added < 0) return -1;
+        new_entries += added;
+        if (right != 0) pool.stack[top++] = right;
+        if (left != 0) pool.stack[top++] = left;
+      }
+      if (tick()) SendExactEstimateLine(ClampUnit(r.tail_high), ClampUnit(1.0 - r.tail_low));
     }
-    if (tick()) SendExactEstimateLine(ClampUnit(r.tail_high), ClampUnit(1.0 - r.tail_low));
   }
   return 0;
 }
@@ -263,12 +314,16 @@ int PastPathUpdate(PastPool& pool, Ticker& tick, int64_t root, int64_t& succ_roo
 }  // namespace detail
 
 // The forward pass: tails of the statistic against `obs` from stage 0 to
-// the root.  Returns 0, -1 (a node not found, a full store or pool) or
-// the spill file's code; on a failure the tails are worthless.
+// the root.  A two-cut member passes its HighBound as `obs` and its
+// LowBound as `low_bound`.  Returns 0, -1 (a node not found, a full store
+// or pool, more than 127 stages) or the spill file's code; on a failure
+// the tails are worthless.
 template <NetworkMember M>
-int ForwardPass(const Network& net, const M& member, double obs, PassResult& result) {
+int ForwardPass(const Network& net, const M& member, double obs, PassResult& result,
+                double low_bound = 0.0) {
   const int K = net.K, S = net.S;
   result = PassResult{};
+  if (S > kMaxStages) return -1;
   NodeStore store;
   PastPool pool;
   if (store.Create(net.Z, net.codec.n_words, net.prime) != 0) return -1;
@@ -278,39 +333,54 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
   SuccessorEnumerator succ;
   succ.Reserve(K);
   const double tol = member.Tolerance(obs);
+  TwoCuts cuts;
+  if constexpr (M::kTwoCut)
+    cuts = TwoCuts{obs + tol, obs - tol, low_bound + tol, low_bound - tol};
 
   // Stage 0 by hand in slot 1: the zero node (every complement A_j).
   std::vector<int64_t> zero(K, 0);
   NodeKey<M>(net, zero.data(), 0, scratch.data(), key.data());
-  store.Place(1, 0, key.data(), obs + tol, obs - tol);
+  if constexpr (M::kTwoCut) {
+    double shortest = 0.0, longest = 0.0;
+    if constexpr (M::kClosedFormBounds) member.NodeBounds(0, zero.data(), shortest, longest);
+    store.Place(1, 0, key.data(), shortest, longest);
+  } else {
+    store.Place(1, 0, key.data(), obs + tol, obs - tol);
+  }
   // Its one past value carries all the probability: q = exp(-L0 + R(0)) = 1.
   Ticker tick;
   if (pool.AddToTree(store.tree_root(1), member.StartValue(net.L0), 1.0, M::kMergeTolerance) < 0)
     return -1;
 
+  int64_t stage_nodes = 1;  // nodes of the stage about to be expanded
   for (int s = 0;;) {
-    // Load stage s + 1 from the spill file, with its cuts.
-    const int64_t from = (s + 1 == S) ? 1 : net.stage_end[s + 1] + 1, to = net.stage_end[s];
-    for (int64_t rec = from; rec <= to; ++rec) {
-      double shortest, longest;
-      int err;
-      if constexpr (M::kCanonical) {
-        err = ReadWordsPair(key.data(), net.codec.n_words, &shortest, &longest, rec);
-      } else {
-        int8_t stage_byte;
-        err = ReadStageWordsPair(&stage_byte, key.data(), net.codec.n_words, &shortest, &longest,
-                                 rec);
+    int64_t next_nodes = 0;
+    if constexpr (!M::kClosedFormBounds) {
+      // Load stage s + 1 from the spill file, with its cuts or bounds.
+      const int64_t from = (s + 1 == S) ? 1 : net.stage_end[s + 1] + 1, to = net.stage_end[s];
+      for (int64_t rec = from; rec <= to; ++rec) {
+        double shortest, longest;
+        int err;
+        if constexpr (M::kCanonical) {
+          err = ReadWordsPair(key.data(), net.codec.n_words, &shortest, &longest, rec);
+        } else {
+          int8_t stage_byte;
+          err = ReadStageWordsPair(&stage_byte, key.data(), net.codec.n_words, &shortest,
+                                   &longest, rec);
+        }
+        if (err != 0) return err;
+        const double first = M::kTwoCut ? shortest : obs + tol - shortest;
+        const double second = M::kTwoCut ? longest : obs - tol - longest;
+        if (store.Insert(s + 1, key.data(), first, second, false) == 0) return -1;
       }
-      if (err != 0) return err;
-      if (store.Insert(s + 1, key.data(), obs + tol - shortest, obs - tol - longest, false) == 0)
-        return -1;
+      stage_nodes = s == 0 ? 1 : net.stage_end[s - 1] - net.stage_end[s];
     }
     if (tick() && M::kStageMessages) SendStageLine(s);
 
     // The stage processor: expand every node of stage s.
     int64_t new_entries = 0;
     const int64_t Ts = net.T[s], Tnext = net.T[s + 1];
-    const int64_t nodes = s == 0 ? 1 : net.stage_end[s - 1] - net.stage_end[s];
+    const int64_t nodes = stage_nodes;
     int64_t slot = store.NextSlotOfStage(0, s);
     if (slot == 0) return -1;
     bool settled = false;
@@ -332,14 +402,27 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
           const double inc = member.EdgeStatistic(s, d.data(), w);
           const double f = std::exp(w + net.LogRemainingWeight(Tnext, mn.data()) - R);
           NodeKey<M>(net, mn.data(), Tnext, scratch.data(), key.data());
-          const int64_t next = store.Find(s + 1, key.data());
+          int64_t next = store.Find(s + 1, key.data());
+          if constexpr (M::kClosedFormBounds) {
+            if (next == 0) {  // first met: its bounds now, and into the store
+              double shortest, longest;
+              member.NodeBounds(s + 1, mn.data(), shortest, longest);
+              next = store.Insert(s + 1, key.data(), shortest, longest, false);
+              ++next_nodes;
+            }
+          }
           if (next == 0) return -1;
+          if constexpr (M::kClosedFormBounds) {
+            // No spill file whose next access would fail: a stop of the
+            // host or the clock ends the pass here, its code standing.
+            if (RunStopped()) return static_cast<int>(FailureCode());
+          }
           if (detail::PastPathUpdate<M>(pool, tick, root, store.tree_root(next), inc, f,
-                                        store.first(next), store.second(next), result,
+                                        store.first(next), store.second(next), cuts, result,
                                         new_entries) != 0)
             return -1;
           if constexpr (M::kInnerStopTests) {
-            if (1.0 - result.tail_high - result.tail_low <= M::kStopMargin) {
+            if (result.Undecided() <= M::kStopMargin) {
               settled = true;
               break;
             }
@@ -350,23 +433,30 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
       store.Free(slot);
       pool.FreeTree(root);
     }
-    if ((M::kStopOnNoNewEntry && new_entries == 0) ||
-        1.0 - result.tail_low - result.tail_high <= M::kStopMargin) {
+    if ((M::kStopOnNoNewEntry && new_entries == 0) || result.Undecided() <= M::kStopMargin) {
       result.stopped_early = true;
       return 0;
     }
+    stage_nodes = next_nodes;
     ++s;
     if (s >= S) break;
   }
 
-  // Collect at the root: the entries left lie within obs +- tol.
+  // Collect at the root: the entries left lie within tol of the observed
+  // value (one-cut) or of a bound (two-cut; where the bounds coincide an
+  // entry counts at both).
   for (int64_t slot = store.NextSlotOfStage(0, S); slot != 0;
        slot = store.NextSlotOfStage(slot, S)) {
     int64_t top = 0;
     if (store.tree_root(slot) != 0) pool.stack[top++] = store.tree_root(slot);
     while (top > 0) {
       const PastPool::Entry& x = pool[pool.stack[--top]];
-      result.point += x.q;  // R = 0 at the root
+      if constexpr (M::kTwoCut) {
+        if (std::fabs(x.stat - obs) <= tol) result.high_point += x.q;  // R = 0 at the root
+        if (std::fabs(x.stat - low_bound) <= tol) result.low_point += x.q;
+      } else {
+        result.point += x.q;  // R = 0 at the root
+      }
       if (x.left != 0) pool.stack[top++] = x.left;
       if (x.right != 0) pool.stack[top++] = x.right;
     }

@@ -52,6 +52,9 @@ struct PearsonMember {
   static constexpr bool kInnerStopTests = true;
   static constexpr bool kStopOnNoNewEntry = false;
   static constexpr bool kStageMessages = true;
+  static constexpr bool kTwoCut = false;
+  static constexpr bool kClosedFormBounds = false;
+  static constexpr bool kRelativeMerge = false;
   // Past values closer than this merge in the trees (1e-7 in single precision).
   static constexpr double kMergeTolerance = 1.0000000116860974e-07;
   static constexpr double kStopMargin = 0.0;

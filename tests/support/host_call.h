@@ -17,6 +17,7 @@ struct HostCall {
   int64_t ip[TQ_INT_COUNT] = {};
   double rp[TQ_REAL_COUNT] = {};
   std::vector<double> scores;
+  std::vector<double> row_scores;
   std::vector<double> values;      // case data, row index fastest
   std::vector<int64_t> weights;
   int64_t case_rows = 1;
@@ -57,7 +58,8 @@ struct HostCall {
   const double* Run(const Table& t) {
     ip[TQ_INT_DATA_FORM] = 1;
     const std::vector<int64_t> cells = ColumnMajor(t);
-    TQCALLER(poll, nullptr, ip, rp, cells.data(), t.rows, t.cols, nullptr,
+    TQCALLER(poll, nullptr, ip, rp, cells.data(), t.rows, t.cols,
+             row_scores.empty() ? nullptr : row_scores.data(),
              scores.empty() ? nullptr : scores.data(), nullptr, 0, 0, nullptr, f, spill.c_str());
     return f;
   }

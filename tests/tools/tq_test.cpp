@@ -467,6 +467,24 @@ TEST(TqData, BlocksAndOneWayCountsReadFromOptionsAndFiles) {
   EXPECT_EQ(RunTq({"chisq", "--fit-file", Temp("bad_fit.txt", "3 4 5\n")}).status, 2);
 }
 
+// Scored tables: --row-scores and --scores reach the engine (values of
+// tests/data/linear_refs.csv, case t3x4_uneq: R's cor and coin's z).
+TEST(TqData, ScoredTablesTakeRowAndColumnScores) {
+  const Args data = {"--table", "4 2 1 0; 2 3 3 1; 0 1 3 5", "--row-scores", "-1 0.5 4",
+                     "--scores", "0 1 3 7", "--asymptotic"};
+  auto run = [&](const char* test) {
+    Args args = {test};
+    args.insert(args.end(), data.begin(), data.end());
+    return RunJson(args);
+  };
+  const Json r = run("pearson");
+  EXPECT_NEAR(r["results"]["r"].get<double>(), 0.67308830666087505, 1e-12);
+  const Json z = run("linear-by-linear");
+  EXPECT_NEAR(z["results"]["standardized"].get<double>(), 3.2974458063062242, 1e-9);
+  const Json rs = RunJson({"spearman", "--table", "4 2 1 0; 2 3 3 1; 0 1 3 5", "--asymptotic"});
+  EXPECT_NEAR(rs["results"]["rs"].get<double>(), 0.68591990138143033, 1e-12);
+}
+
 TEST(TqData, MedianCutDefaultsToThePooledMedian) {
   const struct {
     Args more;

@@ -1,0 +1,417 @@
+// Procedures 41, 47 and 48: the exact two-cut masses against enumeration of
+// all tables with the margins, the measures against R, the Monte Carlo
+// route, the degenerate run and the failure codes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "association/linear.h"
+#include "support/enumerate.h"
+#include "support/host_call.h"
+#include "support/ref_data.h"
+
+namespace anvl {
+namespace {
+
+using support::HostCall;
+using support::Table;
+
+// The two-cut masses of the enumeration, on whole-number scores, in exact
+// integer arithmetic: a table's statistic T is compared through N T with
+// U V = N x its mean (U, V the score sums over the margins), and the mirror
+// of the observed value about the mean is 2 U V - N T_obs.
+struct Masses {
+  long double above = 0, high_point = 0, middle = 0, low_point = 0, below = 0;
+  bool high_side = false;
+};
+
+Masses Enumerate(const Table& obs, const std::vector<int64_t>& iu, const std::vector<int64_t>& iv) {
+  const auto R = support::RowTotals(obs), C = support::ColTotals(obs);
+  const __int128 N = support::GrandTotal(obs);
+  __int128 U = 0, V = 0;
+  for (size_t i = 0; i < R.size(); ++i) U += R[i] * iu[i];
+  for (size_t j = 0; j < C.size(); ++j) V += C[j] * iv[j];
+  auto stat = [&](const Table& t) {
+    __int128 s = 0;
+    for (int i = 0; i < t.rows; ++i)
+      for (int j = 0; j < t.cols; ++j) s += t.at(i, j) * iu[i] * iv[j];
+    return N * s;
+  };
+  const __int128 a = stat(obs), mirror = 2 * U * V - a;
+  Masses m;
+  m.high_side = a > U * V;
+  const __int128 hb = m.high_side ? a : mirror, lb = m.high_side ? mirror : a;
+  support::EnumerateTables(R, C, [&](const Table& t, long double p) {
+    const __int128 b = stat(t);
+    if (b > hb) m.above += p;
+    if (b == hb) m.high_point += p;
+    if (b < lb) m.below += p;
+    if (b == lb) m.low_point += p;
+    if (b > lb && b < hb) m.middle += p;
+  });
+  return m;
+}
+
+// Relative agreement at 1e-9; a mass the pass leaves undecided when it
+// ends at its stop margin (1e-12 of probability) may be short by that much.
+void ExpectNear(double engine, long double ref, double slack, const std::string& what) {
+  const double r = static_cast<double>(ref);
+  EXPECT_LE(std::fabs(engine - r), 1e-9 * std::fabs(r) + slack) << what << ": " << engine
+                                                                 << " vs " << r;
+}
+
+// Scores of one side for a case: the engine's (empty: the default 1, 2, ...)
+// and whole numbers on the same lattice for the enumeration.
+struct SideScores {
+  std::vector<double> engine;
+  std::vector<int64_t> whole;
+};
+
+SideScores MakeScores(int kind, int n, std::mt19937_64& rng) {
+  SideScores s;
+  std::uniform_int_distribution<int> small(-3, 3), quarter(-16, 16);
+  for (int i = 0; i < n; ++i) {
+    switch (kind) {
+      case 0: s.whole.push_back(i + 1); break;                                    // default
+      case 1: { const int v = small(rng); s.engine.push_back(v); s.whole.push_back(v); break; }  // ties
+      case 2: { const int q = quarter(rng); s.engine.push_back(q / 4.0); s.whole.push_back(q); break; }
+      case 3: s.engine.push_back(n - i); s.whole.push_back(n - i); break;         // descending
+      default: {  // four decimals: the lattice of 1/1000 rounds them to quarters
+        const int q = quarter(rng);
+        s.engine.push_back(q / 4.0 + (q % 2 ? 0.0001 : -0.0001));
+        s.whole.push_back(q);
+      }
+    }
+  }
+  return s;
+}
+
+std::vector<int64_t> DoubledMidRanks(const std::vector<int64_t>& totals) {
+  std::vector<int64_t> r(totals.size());
+  r[0] = totals[0] + 1;
+  for (size_t i = 1; i < totals.size(); ++i) r[i] = r[i - 1] + totals[i - 1] + totals[i];
+  return r;
+}
+
+TEST(LinearFamily, ExactMassesMatchEnumeration) {
+  std::mt19937_64 rng(20261123);
+  std::vector<Table> fixed = {
+      // The observed value at its mean: the two point masses coincide.
+      support::MakeTable({{1, 2}, {2, 4}}), support::MakeTable({{2, 2}, {3, 3}}),
+      support::MakeTable({{1, 2, 1}, {2, 4, 2}}), support::MakeTable({{1, 0, 1}, {0, 2, 0}, {1, 0, 1}}),
+      support::MakeTable({{2, 1}, {2, 1}, {4, 2}}),
+  };
+  int cases = 0, at_mean = 0, early = 0;
+  for (int k = 0; cases < 230; ++k) {
+    Table t;
+    int proc = 41, kind = 0;
+    if (k < static_cast<int>(fixed.size())) {
+      t = fixed[k];
+    } else {
+      std::uniform_int_distribution<int> rr(2, 4), cc(2, 5);
+      const int r = rr(rng), c = cc(rng);
+      std::uniform_int_distribution<int> nn(std::max(r, c), 25);
+      t = k % 2 ? support::RandomSkewedTable(rng, r, c, nn(rng))
+                : support::RandomTable(rng, r, c, nn(rng));
+      if (support::CountTables(support::RowTotals(t), support::ColTotals(t), 300000) > 300000)
+        continue;
+      proc = k % 5 == 0 ? 48 : (k % 5 == 1 ? 47 : 41);
+      kind = (k / 5) % 5;
+    }
+    SideScores su = MakeScores(kind, t.rows, rng), sv = MakeScores((kind + k) % 5, t.cols, rng);
+    const auto all_equal = [](const std::vector<int64_t>& s) {
+      return std::equal(s.begin() + 1, s.end(), s.begin());
+    };
+    if (all_equal(su.whole) || all_equal(sv.whole)) continue;  // no variance: see below
+    ++cases;
+    if (proc == 48) {
+      su.whole = DoubledMidRanks(support::RowTotals(t));
+      sv.whole = DoubledMidRanks(support::ColTotals(t));
+    }
+    const Masses ref = Enumerate(t, su.whole, sv.whole);
+    const long double two = ref.above + ref.high_point + ref.below + ref.low_point;
+    at_mean += ref.high_side ? 0 : (ref.low_point == ref.high_point && ref.middle == 0);
+    const std::string what = support::Describe(t) + " procedure " + std::to_string(proc);
+
+    HostCall call(proc, TQ_METHOD_EXACT);
+    call.row_scores = su.engine;
+    call.scores = sv.engine;
+    const double* f = call.Run(t);
+    ASSERT_EQ(f[48], 0.0) << what;
+
+    // The pass itself: all four masses.
+    assoc::LinearRun run(proc == 41 ? 3 : (proc == 47 ? 1 : 2),
+                         su.engine.empty() ? nullptr : su.engine.data(),
+                         sv.engine.empty() ? nullptr : sv.engine.data());
+    const auto cells = support::ColumnMajor(t);
+    LogFactorialTable lf;
+    BuildLogFactorials(lf);
+    ASSERT_EQ(run.Observed(cells, t.rows, t.cols, lf.data()), 0);
+    ASSERT_FALSE(run.Degenerate()) << what;
+    net::PassResult pass;
+    ASSERT_EQ(run.Exact(lf.data(), pass), 0) << what;
+    const double slack = pass.stopped_early ? 1e-12 : 0.0;
+    early += pass.stopped_early;
+    ExpectNear(pass.tail_high, ref.above, slack, what + " high tail");
+    ExpectNear(pass.tail_low, ref.below, slack, what + " low tail");
+    ExpectNear(pass.high_point, ref.high_point, slack, what + " high point");
+    ExpectNear(pass.low_point, ref.low_point, slack, what + " low point");
+
+    // The record: two-sided; for 41 also the side, one-sided and point.
+    ExpectNear(f[16], std::min<long double>(two, 1), slack, what + " two-sided");
+    if (proc == 41) {
+      EXPECT_EQ(f[12], ref.high_side ? 2.0 : 1.0) << what;
+      ExpectNear(f[15], ref.high_side ? ref.above + ref.high_point : ref.below + ref.low_point,
+                 slack, what + " one-sided");
+      ExpectNear(f[17], ref.high_side ? ref.high_point : ref.low_point, slack, what + " point");
+    }
+  }
+  EXPECT_GE(at_mean, 5);
+  EXPECT_LT(early, cases / 10);
+}
+
+// ---------------------------------------------------------------------------
+// Measures against R (tests/data/gen_linear_refs.R).
+// ---------------------------------------------------------------------------
+
+struct LinearRef {
+  std::string id;
+  int rows = 0, cols = 0;
+  std::vector<int64_t> cells;
+  std::vector<double> u, v;
+  double T, mean, var, z, r, ase_r, t_r, p_r, rs, ase_s, t_s, p_s;
+};
+
+template <class X>
+std::vector<X> Split(const std::string& s) {
+  std::istringstream in(s);
+  std::vector<X> out;
+  X x;
+  while (in >> x) out.push_back(x);
+  return out;
+}
+
+std::vector<LinearRef> LoadLinearRefs() {
+  std::ifstream in(support::TestDataDir() + "/linear_refs.csv");
+  std::string line;
+  std::vector<LinearRef> refs;
+  std::getline(in, line);
+  while (std::getline(in, line)) {
+    std::vector<std::string> f;
+    std::stringstream ss(line);
+    std::string item;
+    while (std::getline(ss, item, ',')) f.push_back(item);
+    if (f.size() != 18) continue;
+    LinearRef r;
+    r.id = f[0];
+    r.rows = std::stoi(f[1]);
+    r.cols = std::stoi(f[2]);
+    r.cells = Split<int64_t>(f[3]);
+    r.u = Split<double>(f[4]);
+    r.v = Split<double>(f[5]);
+    double* d[] = {&r.T, &r.mean, &r.var, &r.z, &r.r, &r.ase_r, &r.t_r, &r.p_r,
+                   &r.rs, &r.ase_s, &r.t_s, &r.p_s};
+    for (int i = 0; i < 12; ++i) *d[i] = std::stod(f[6 + i]);
+    refs.push_back(r);
+  }
+  return refs;
+}
+
+void ExpectClose(double engine, double ref, double rel, double abs, const std::string& what) {
+  EXPECT_LE(std::fabs(engine - ref), rel * std::fabs(ref) + abs) << what << ": " << engine
+                                                                 << " vs " << ref;
+}
+
+TEST(LinearFamily, MeasuresMatchR) {
+  const auto refs = LoadLinearRefs();
+  ASSERT_GE(refs.size(), 12u);
+  for (const LinearRef& ref : refs) {
+    const Table t = support::FromColumnMajor(ref.rows, ref.cols, ref.cells);
+    for (int proc : {41, 47, 48}) {
+      HostCall call(proc, TQ_METHOD_ASYMPTOTIC);
+      call.row_scores = ref.u;
+      call.scores = ref.v;
+      const double* f = call.Run(t);
+      const std::string what = ref.id + " procedure " + std::to_string(proc);
+      ASSERT_EQ(f[48], 0.0) << what;
+      if (proc == 41) {
+        ExpectClose(f[0], ref.T, 1e-12, 0, what + " T");
+        ExpectClose(f[2], ref.mean, 1e-12, 0, what + " mean");
+        ExpectClose(f[3], std::sqrt(ref.var), 1e-12, 0, what + " sd");
+        ExpectClose(f[1], ref.z, 1e-10, 1e-12, what + " z");
+        const double p = 0.5 * std::erfc(std::fabs(ref.z) / std::sqrt(2.0));
+        ExpectClose(f[13], p, 1e-7, 1e-15, what + " one-sided");
+        ExpectClose(f[14], std::min(1.0, 2 * p), 1e-7, 1e-15, what + " two-sided");
+      } else {
+        const bool pearson = proc == 47;
+        const double r = pearson ? ref.r : ref.rs, t_ref = pearson ? ref.t_r : ref.t_s;
+        const double ase = pearson ? ref.ase_r : ref.ase_s;
+        ExpectClose(f[0], r, 1e-12, 1e-15, what + " r");
+        ExpectClose(f[3], ase, 1e-6, 0, what + " ASE");
+        ExpectClose(f[1], t_ref, 1e-10, 1e-12, what + " t");
+      }
+    }
+  }
+}
+
+// The t test's p-value: the series against R's pt.  The series is defined
+// with 1/pi in single precision, whose error (about 1e-8 of 1/pi) reaches
+// the result as an absolute error of up to 1/pi x 1e-8 x pi/2.
+TEST(LinearFamily, StudentLowerTailMatchesR) {
+  for (const LinearRef& ref : LoadLinearRefs()) {
+    const int64_t n = [&] { int64_t s = 0; for (int64_t c : ref.cells) s += c; return s; }();
+    ExpectClose(assoc::StudentLowerTail(ref.t_r, n - 2), ref.p_r, 1e-9, 2.5e-8, ref.id);
+    ExpectClose(assoc::StudentLowerTail(ref.t_s, n - 2), ref.p_s, 1e-9, 2.5e-8, ref.id);
+  }
+  EXPECT_EQ(assoc::StudentLowerTail(1.0, 0), 0.0);
+  ExpectClose(assoc::StudentLowerTail(1.0, 1), 0.75, 1e-7, 0, "t = 1, f = 1");
+}
+
+// ---------------------------------------------------------------------------
+// Monte Carlo, the degenerate run and failures.
+// ---------------------------------------------------------------------------
+
+TEST(LinearFamily, MonteCarloAgreesWithExactAndRepeats) {
+  const Table t = support::MakeTable({{4, 2, 1, 0}, {2, 3, 3, 1}, {0, 1, 3, 5}});
+  for (int proc : {41, 48}) {
+    HostCall exact(proc, TQ_METHOD_EXACT);
+    exact.row_scores = {-1, 0.5, 4};
+    exact.scores = {0, 1, 3, 7};
+    const std::vector<double> e(exact.Run(t), exact.Run(t) + TQ_RECORD_LENGTH);
+    HostCall mc(proc, TQ_METHOD_MONTE_CARLO);
+    mc.row_scores = exact.row_scores;
+    mc.scores = exact.scores;
+    mc.MonteCarlo(20000, 12345, 0.99);
+    const std::vector<double> a(mc.Run(t), mc.Run(t) + TQ_RECORD_LENGTH);
+    mc.Run(t);
+    for (int i = 0; i < TQ_RECORD_LENGTH; ++i)
+      if (i < 42 || i > 44) {
+        EXPECT_EQ(mc.f[i], a[i]) << "field " << i;
+      }
+    for (auto [est, ex] : {std::pair{18, 15}, std::pair{21, 16}}) {
+      if (proc == 48 && est == 18) continue;  // 48 shows the two-sided values only
+      const double se = std::sqrt(e[ex] * (1 - e[ex]) / 20000.0);
+      EXPECT_LE(std::fabs(a[est] - e[ex]), 4 * se + 1e-12) << "procedure " << proc << " field " << est;
+      EXPECT_LE(a[est + 1], a[est]);
+      EXPECT_GE(a[est + 2], a[est]);
+    }
+    EXPECT_EQ(a[0], e[0]);
+  }
+}
+
+TEST(LinearFamily, MonteCarloIntervalEdges) {
+  // The observed value at its mean: every drawn table is a two-sided hit.
+  HostCall all(41, TQ_METHOD_MONTE_CARLO);
+  all.MonteCarlo(500, 7, 0.99);
+  const double* f = all.Run(support::MakeTable({{1, 2, 1}, {2, 4, 2}}));
+  ASSERT_EQ(f[48], 0.0);
+  EXPECT_EQ(f[21], 1.0);
+  EXPECT_DOUBLE_EQ(f[22], std::pow(0.01, 1.0 / 500));
+  EXPECT_EQ(f[23], 1.0);
+  // The most extreme table of a large sample: no drawn table reaches it.
+  HostCall none(41, TQ_METHOD_MONTE_CARLO);
+  none.MonteCarlo(500, 7, 0.99);
+  f = none.Run(support::MakeTable({{12, 0, 0}, {0, 12, 0}, {0, 0, 12}}));
+  ASSERT_EQ(f[48], 0.0);
+  EXPECT_EQ(f[18], 0.0);
+  EXPECT_EQ(f[19], 0.0);
+  EXPECT_DOUBLE_EQ(f[20], 1.0 - std::pow(0.01, 1.0 / 500));
+  EXPECT_EQ(f[21], 0.0);
+}
+
+TEST(LinearFamily, NoVarianceGivesPValuesOfOne) {
+  const Table t = support::MakeTable({{3, 1, 2}, {1, 4, 2}});
+  struct Case {
+    int proc;
+    std::vector<double> u, v;
+  };
+  for (const Case& c : {Case{41, {2, 2}, {1, 2, 3}}, Case{47, {1, 2}, {5, 5, 5}},
+                        Case{41, {1.0001, 1.0002}, {1, 2, 3}}}) {
+    for (int64_t method : {TQ_METHOD_EXACT, TQ_METHOD_MONTE_CARLO, TQ_METHOD_ASYMPTOTIC}) {
+      HostCall call(c.proc, method);
+      call.row_scores = c.u;
+      call.scores = c.v;
+      if (method == TQ_METHOD_MONTE_CARLO) call.MonteCarlo(100, 1, 0.99);
+      const double* f = call.Run(t);
+      ASSERT_EQ(f[48], 0.0);
+      EXPECT_EQ(f[16], 1.0);
+      if (c.proc == 41) {
+        for (int i : {13, 14, 15, 17}) EXPECT_EQ(f[i], 1.0) << i;
+        EXPECT_EQ(f[1], support::kTestFiller);
+        EXPECT_EQ(f[18], support::kTestFiller);
+      }
+    }
+  }
+}
+
+TEST(LinearFamily, BadInputGetsItsFailureCode) {
+  const std::string spill =
+      (std::filesystem::temp_directory_path() / "anvl_linear_test.spill").string();
+  std::filesystem::remove(spill);
+  struct Case {
+    Table t;
+    std::vector<double> u, v;
+    double field48;
+  };
+  std::vector<int64_t> wide(128, 1);
+  const double inf = HUGE_VAL;
+  const std::vector<Case> cases = {
+      {support::MakeTable({{1, 2, 3}}), {}, {}, -1016.0},
+      {support::MakeTable({{1}, {2}}), {}, {}, -1016.0},
+      {support::MakeTable({{1, 2}, {0, 0}}), {}, {}, -1001.0},
+      {support::MakeTable({{1, 0}, {2, 0}}), {}, {}, -1001.0},
+      {support::MakeTable({{1, 2}, {3, -1}}), {}, {}, -1001.0},
+      {support::MakeTable({{1, 2}, {3, 4}}), {1, NAN}, {}, -1003.0},
+      {support::MakeTable({{1, 2}, {3, 4}}), {}, {0, inf}, -1003.0},
+      {support::MakeTable({{1, 2}, {3, 4}}), {1e300, 2e300}, {1e300, 2e300}, -1003.0},
+      {support::MakeTable({wide, wide}), {}, {}, -1001.0},
+  };
+  for (const Case& c : cases) {
+    for (int proc : {41, 47, 48}) {
+      if (proc == 48 && !(c.u.empty() && c.v.empty())) continue;  // 48 ranks, reads no scores
+      HostCall call(proc, TQ_METHOD_EXACT);
+      call.spill = spill;
+      call.row_scores = c.u;
+      call.scores = c.v;
+      const double* f = call.Run(c.t);
+      EXPECT_EQ(f[48], c.field48) << support::Describe(c.t) << " procedure " << proc;
+      EXPECT_TRUE(call.Published().empty()) << support::Describe(c.t);
+      EXPECT_FALSE(std::filesystem::exists(spill));
+    }
+  }
+  HostCall cases_form(41, TQ_METHOD_EXACT);
+  cases_form.values = {1, 2, 3};
+  EXPECT_EQ(cases_form.RunCases()[48], -849.0);  // 151: the family reads Table only
+}
+
+// A stop from the host ends the exact route at once: no spill file is
+// there whose next access would fail, so the pass itself looks.
+int g_polls_after_stop = 0;
+bool g_stop = false;
+void StopAtOnce(int64_t* flag) {
+  if (g_stop) ++g_polls_after_stop;
+  if (*flag == 0) {
+    *flag = 1;
+    g_stop = true;
+  }
+}
+
+TEST(LinearFamily, HostStopEndsTheExactRoute) {
+  HostCall call(41, TQ_METHOD_EXACT);
+  call.poll = StopAtOnce;
+  const double* f = call.Run(support::MakeTable(
+      {{4, 3, 2, 1, 0, 1, 1, 1, 0, 0}, {2, 1, 1, 3, 1, 0, 1, 0, 3, 0}, {0, 1, 1, 2, 0, 1, 0, 1, 1, 0},
+       {2, 1, 2, 1, 1, 0, 2, 1, 0, 3}, {1, 0, 0, 4, 2, 1, 2, 2, 2, 1}}));
+  EXPECT_EQ(f[48], -1006.0);
+  EXPECT_TRUE(call.Published().empty());
+  // The stop's own last poll, and the polls of the walk under way.
+  EXPECT_LT(g_polls_after_stop, 1000);
+}
+
+}  // namespace
+}  // namespace anvl
