@@ -3,6 +3,7 @@
 #include "kernel/binomial.h"
 #include "network/contingency.h"
 #include "network/fisher.h"
+#include "scores/two_sample.h"
 
 namespace anvl {
 namespace {
@@ -19,7 +20,8 @@ struct Route {
 };
 
 constexpr Route kRoutes[] = {
-    {1, 2, nullptr},    {2, 1, nullptr},    {502, 1, nullptr},
+    {1, 2, scores::ScoreDriver},          {2, 1, scores::ScoreDriver},
+    {502, 1, scores::ScoreDriver},
     {6, 1, nullptr},    {7, 2, net::ContingencyDriver},
     {507, 2, net::ContingencyDriver},       {31, 3, net::ContingencyDriver},
     {42, 4, net::ContingencyDriver},        {9, 1, BinomialDriver},
