@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -24,9 +25,10 @@ constexpr double kBoundTolerance = 0x1p-23;
 constexpr double kCrowdedShare = 0.6;
 // The running best of the stage order starts here (1e37 in single precision).
 constexpr double kNoSpread = 9.999989792611011e36;
-// 2^32 in the hash.
-constexpr double kTwoTo32 = 4294967296.0;
-constexpr double kLargestHash = 2147483648.0;
+// Past values are bucketed on a grid of 2^-12 for the hash; beyond 2^52
+// buckets their bits are hashed instead.
+constexpr double kPastGrid = 4096.0;
+constexpr double kExactBucketLimit = 4503599627370496.0;
 
 thread_local int64_t t_peak_nodes = 0;
 
@@ -71,17 +73,6 @@ void SortByScoreAscending(std::vector<TwoRowColumn>& c, size_t n) {
   for (size_t i = 0; i + 1 < n; ++i)
     for (size_t j = i + 1; j < n; ++j)
       if (c[j].score < c[i].score) std::swap(c[i], c[j]);
-}
-
-int64_t Hash(int64_t x, double past, int64_t parity, int64_t prime, double two32_mod) {
-  const double P = static_cast<double>(prime);
-  const double h = static_cast<double>(x % prime);
-  const double t = std::fmod(std::fabs(past), P);
-  const double u = std::fmod(std::fmod(two32_mod * t, P) + h, P);
-  double w = std::fmod(std::fmod(u + u, P) + static_cast<double>(parity), P);
-  if (w < 1.0) w = P;
-  if (w >= kLargestHash) return -1;
-  return static_cast<int64_t>(w);
 }
 
 bool StoppedByHostOrClock() {
@@ -167,6 +158,92 @@ std::vector<TwoRowColumn> StageOrder(const std::vector<TwoRowColumn>& columns, b
 
 int64_t LastNetworkPeakNodes() { return t_peak_nodes; }
 
+namespace {
+
+// The nodes of one first-row sum in the stage being built: an
+// open-addressed table over the past value (a NaN past marks a free slot),
+// at most half full.  A stage's successors of one first-row sum fall into
+// the few tables of the sums just above it, which stay in cache.
+class KeyTable {
+ public:
+  int64_t size() const { return used_; }
+  // Merges into a node within `tol` of `p`, or takes a new one; false when
+  // a new node is needed and `room` is false.
+  bool Add(double p, double l, double tol, bool room, bool& fresh) {
+    fresh = false;
+    if (2 * (used_ + 1) > static_cast<int64_t>(past_.size())) Grow();
+    const uint64_t mask = past_.size() - 1;
+    for (uint64_t q = Slot(p) & mask;; q = (q + 1) & mask) {
+      const double pq = past_[q];
+      if (std::isnan(pq)) {
+        if (!room) return false;
+        past_[q] = p;
+        logw_[q] = l;
+        ++used_;
+        fresh = true;
+        return true;
+      }
+      if (std::fabs(pq - p) <= tol) {
+        logw_[q] = LogSum(logw_[q], l);
+        return true;
+      }
+    }
+  }
+  template <class Visit>
+  void ForEach(Visit&& visit) const {
+    for (size_t q = 0; q < past_.size(); ++q)
+      if (!std::isnan(past_[q])) visit(past_[q], logw_[q]);
+  }
+  void Clear() {
+    past_.clear();
+    logw_.clear();
+    used_ = 0;
+  }
+
+ private:
+  static uint64_t Slot(double p) {
+    const double scaled = p * kPastGrid;
+    uint64_t b;
+    if (std::fabs(scaled) < kExactBucketLimit) {
+      b = static_cast<uint64_t>(std::llround(scaled));
+    } else {
+      std::memcpy(&b, &p, sizeof b);
+    }
+    b *= 0x9E3779B97F4A7C15ull;
+    return b ^ (b >> 31);
+  }
+  void Grow() {
+    const size_t cap = past_.empty() ? 16 : 2 * past_.size();
+    std::vector<double> old_past(cap, std::nan("")), old_logw(cap);
+    old_past.swap(past_);
+    old_logw.swap(logw_);
+    const uint64_t mask = cap - 1;
+    for (size_t i = 0; i < old_past.size(); ++i) {
+      if (std::isnan(old_past[i])) continue;
+      uint64_t q = Slot(old_past[i]) & mask;
+      while (!std::isnan(past_[q])) q = (q + 1) & mask;
+      past_[q] = old_past[i];
+      logw_[q] = old_logw[i];
+    }
+  }
+
+  std::vector<double> past_, logw_;
+  int64_t used_ = 0;
+};
+
+// The nodes of a finished stage, grouped by first-row sum.
+struct StageNodes {
+  std::vector<int64_t> x;
+  std::vector<double> past, logw;
+  void Clear() {
+    x.clear();
+    past.clear();
+    logw.clear();
+  }
+};
+
+}  // namespace
+
 template <class Form>
 int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, double low_bound,
                   int64_t budget_bytes, TwoRowTails& out) {
@@ -193,63 +270,48 @@ int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, d
   }
   const int64_t N = C[K];
 
-  // Per-stage caches: by take and by the new first-row sum.  They must fit
-  // the budget beside the grid.
+  // Per-stage caches, by take and by the new first-row sum, must fit the
+  // budget beside the nodes.
   int64_t xspan = 0;
   for (int64_t k = 0; k <= K; ++k)
     xspan = std::max(xspan, std::min(m, C[k]) - std::max<int64_t>(m - N + C[k], 0) + 1);
   const int64_t take_len = std::min(m, cmax) + 1;
   if ((3 * xspan + 2 * take_len) * static_cast<int64_t>(sizeof(double)) > budget_bytes)
     return -1;
-
+  // The grid: the nodes of two adjacent stages, R x S of them at most.
   const GridShape g = GridFor(budget_bytes);
   if (g.prime == 0) return -1;
-  const int64_t R = g.rows, S = g.slots_per_row, slots = R * S;
+  const int64_t capacity = g.rows * g.slots_per_row;
 
-  // The grid: rows are packed from the left, so fill[r], the slots in use
-  // in row r, tells the free slots, and the slot arrays need no clearing.
-  std::vector<double> take_value, take_log, rest_min, rest_max, rest_log;
-  std::vector<int64_t> fill;
-  std::unique_ptr<int64_t[]> key;
-  std::unique_ptr<double[]> past, logw;
+  std::vector<double> take_value(static_cast<size_t>(take_len)),
+      take_log(static_cast<size_t>(take_len)), rest_min(static_cast<size_t>(xspan)),
+      rest_max(static_cast<size_t>(xspan)), rest_log(static_cast<size_t>(xspan));
+  std::vector<KeyTable> tables(static_cast<size_t>(xspan));
   LogFactorialTable lf;
   BuildLogFactorials(lf);
-  try {
-    take_value.resize(static_cast<size_t>(take_len));
-    take_log.resize(static_cast<size_t>(take_len));
-    rest_min.resize(static_cast<size_t>(xspan));
-    rest_max.resize(static_cast<size_t>(xspan));
-    rest_log.resize(static_cast<size_t>(xspan));
-    fill.assign(static_cast<size_t>(R), 0);
-    key = std::make_unique_for_overwrite<int64_t[]>(static_cast<size_t>(slots));
-    past = std::make_unique_for_overwrite<double[]>(static_cast<size_t>(slots));
-    logw = std::make_unique_for_overwrite<double[]>(static_cast<size_t>(slots));
-  } catch (const std::bad_alloc&) {
-    return -1;
-  }
 
-  key[0] = 0;
-  past[0] = 0.0;
-  logw[0] = kBalanced ? -static_cast<double>(m) * kLog2 : -LogBinomial(N, m, lf.data(), kRoute);
-  fill[0] = 1;
+  StageNodes old;
+  old.x.push_back(0);
+  old.past.push_back(0.0);
+  old.logw.push_back(kBalanced ? -static_cast<double>(m) * kLog2
+                               : -LogBinomial(N, m, lf.data(), kRoute));
   int64_t count = 1;
 
   const double e = std::fabs(high_bound) * kBoundTolerance;
   const double high_up = high_bound + e, high_down = high_bound - e;
   const double low_up = low_bound + e, low_down = low_bound - e;
-  const double two32_mod = std::fmod(kTwoTo32, static_cast<double>(g.prime));
-  const double crowded = kCrowdedShare * static_cast<double>(slots);
+  const double crowded = kCrowdedShare * static_cast<double>(capacity);
 
   std::vector<int64_t> rest_c;
   std::vector<double> rest_s;
   GreedyFill from_high, from_low;
   double hi_tail = 0.0, lo_tail = 0.0, middle = 0.0;
+  int64_t x_lo = 0, x_hi = 0;
 
   for (int64_t s = 0; s < K; ++s) {
     const int64_t cs = c[s], Cn = C[s + 1];
     const double ss = sc[s];
     const bool weightless = kBalanced && s == K - 1;  // the balancing column
-    const int64_t parity = s & 1, new_parity = (s + 1) & 1;
 
     // Caches of the stage.
     const int64_t max_take = std::min(cs, m);
@@ -281,7 +343,8 @@ int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, d
       else
         from_low.Build(hc.data(), hs.data(), 0, 1);
     }
-    const int64_t x_lo = std::max<int64_t>(Cn - N + m, 0), x_hi = std::min(m, Cn);
+    x_lo = std::max<int64_t>(Cn - N + m, 0);
+    x_hi = std::min(m, Cn);
     for (int64_t xp = x_lo; xp <= x_hi; ++xp) {
       const int64_t v = m - xp;
       double a = from_low.Fill(v), b = from_high.Fill(v);
@@ -294,86 +357,58 @@ int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, d
 
     SendLongRunNote(0);
     bool crowded_note = false;
-    int64_t done = 0, fresh = 0;
-    for (int64_t r = 0; r < R && done < count; ++r) {
-      for (int64_t p = r * S; p < r * S + fill[r]; ++p) {
-        const int64_t k = key[p];
-        if ((k & 1) != parity) continue;
-        ++done;
-        const int64_t x = k >> 1;
-        const double node_past = past[p], node_log = logw[p];
-        const int64_t lo = std::max(x, x_lo), hi = std::min(x_hi, x + cs);
-        for (int64_t xp = lo; xp <= hi; ++xp) {
-          const int64_t take = xp - x;
-          const double np = node_past + take_value[take];
-          const double nl = node_log + take_log[take];
-          const int64_t ix = xp - x_lo;
-          const double reach_min = np + rest_min[ix], reach_max = np + rest_max[ix];
-          bool settled = true;
-          if (reach_min > high_up)
-            hi_tail += std::exp(rest_log[ix] + nl);
-          else if (reach_max < low_down)
-            lo_tail += std::exp(rest_log[ix] + nl);
-          else if (reach_max < high_down && reach_min > low_up)
-            middle += std::exp(rest_log[ix] + nl);
-          else
-            settled = false;
-          if (Tick()) SendExactEstimateLine(hi_tail + lo_tail, 1.0 - middle);
-          if (settled) continue;
+    int64_t fresh = 0;
+    for (size_t i = 0; i < old.x.size(); ++i) {
+      const int64_t x = old.x[i];
+      const double node_past = old.past[i], node_log = old.logw[i];
+      const int64_t lo = std::max(x, x_lo), hi = std::min(x_hi, x + cs);
+      for (int64_t xp = lo; xp <= hi; ++xp) {
+        const int64_t take = xp - x;
+        const double np = node_past + take_value[take];
+        const double nl = node_log + take_log[take];
+        const int64_t ix = xp - x_lo;
+        const double reach_min = np + rest_min[ix], reach_max = np + rest_max[ix];
+        bool settled = true;
+        if (reach_min > high_up)
+          hi_tail += std::exp(rest_log[ix] + nl);
+        else if (reach_max < low_down)
+          lo_tail += std::exp(rest_log[ix] + nl);
+        else if (reach_max < high_down && reach_min > low_up)
+          middle += std::exp(rest_log[ix] + nl);
+        else
+          settled = false;
+        if (Tick()) SendExactEstimateLine(hi_tail + lo_tail, 1.0 - middle);
+        if (settled) continue;
 
-          const int64_t w = Hash(xp, np, new_parity, g.prime, two32_mod);
-          if (w < 0) return -8;
-          const int64_t new_key = 2 * xp + new_parity;
-          const double f = std::fabs(np) * Form::kMergeTolerance;
-          // From the first slot of row w, upwards through the grid and round.
-          bool placed = false;
-          for (int64_t n = 0, r = w - 1; n < R && !placed; ++n, r = (r + 1 == R) ? 0 : r + 1) {
-            const int64_t base = r * S, used = fill[r];
-            for (int64_t q = base; q < base + used; ++q)
-              if (key[q] == new_key && std::fabs(past[q] - np) <= f) {
-                logw[q] = LogSum(logw[q], nl);
-                placed = true;
-                break;
-              }
-            if (!placed && used < S) {
-              const int64_t q = base + used;
-              key[q] = new_key;
-              past[q] = np;
-              logw[q] = nl;
-              fill[r] = used + 1;
-              ++fresh;
-              placed = true;
-            }
-          }
-          if (!placed) return -1;
-          const double held = static_cast<double>(static_cast<float>(fresh + count));
-          if (!crowded_note && held >= crowded) {
-            SendLongRunNote(1);
-            crowded_note = true;
-          } else if (crowded_note && held < crowded) {
-            SendLongRunNote(0);
-            crowded_note = false;
-          }
+        bool added = false;
+        if (!tables[ix].Add(np, nl, std::fabs(np) * Form::kMergeTolerance,
+                            fresh + count < capacity, added))
+          return -1;  // the grid is full
+        if (!added) continue;
+        ++fresh;
+        const double held = static_cast<double>(static_cast<float>(fresh + count));
+        if (!crowded_note && held >= crowded) {
+          SendLongRunNote(1);
+          crowded_note = true;
+        } else if (crowded_note && held < crowded) {
+          SendLongRunNote(0);
+          crowded_note = false;
         }
-        if (StoppedByHostOrClock()) return static_cast<int>(FailureCode());
       }
+      if (StoppedByHostOrClock()) return static_cast<int>(FailureCode());
     }
     t_peak_nodes = std::max(t_peak_nodes, fresh + count);
 
-    // Purge the finished stage, packing each row from the left.
-    for (int64_t r = 0; r < R; ++r) {
-      int64_t to = r * S;
-      for (int64_t p = r * S, end = p + fill[r]; p < end; ++p) {
-        const int64_t k = key[p];
-        if ((k & 1) == parity) continue;
-        if (to != p) {
-          key[to] = k;
-          past[to] = past[p];
-          logw[to] = logw[p];
-        }
-        ++to;
-      }
-      fill[r] = to - r * S;
+    // The new stage becomes the old one, grouped by first-row sum.
+    old.Clear();
+    for (int64_t xp = x_lo; xp <= x_hi; ++xp) {
+      KeyTable& t = tables[xp - x_lo];
+      t.ForEach([&](double p, double l) {
+        old.x.push_back(xp);
+        old.past.push_back(p);
+        old.logw.push_back(l);
+      });
+      t.Clear();
     }
     count = fresh;
     if (count == 0) break;
@@ -383,11 +418,10 @@ int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, d
   out.low_tail = lo_tail;
   out.middle = middle;
   if (count > 0) {
-    for (int64_t p = 0; p < slots; ++p) {
-      if (p % S >= fill[p / S]) continue;
-      const double w = std::exp(logw[p]);
-      if (std::fabs(past[p] - high_bound) <= e) out.high_point += w;
-      if (std::fabs(past[p] - low_bound) <= e) out.low_point += w;
+    for (size_t i = 0; i < old.x.size(); ++i) {
+      const double w = std::exp(old.logw[i]);
+      if (std::fabs(old.past[i] - high_bound) <= e) out.high_point += w;
+      if (std::fabs(old.past[i] - low_bound) <= e) out.low_point += w;
     }
   }
   return 0;
