@@ -18,8 +18,9 @@ constexpr double kFiller = -5.5;
 bool IsFailureValue(double v) { return v == 0.0 || (v == std::floor(v) && v != -1000.0); }
 
 TEST(Robustness, NullArraysAndOddSizesFailCleanly) {
-  const int64_t procedures[] = {TQ_PROC_BINOMIAL, TQ_PROC_CHISQ,  TQ_PROC_CHISQ_SHORT,
-                                TQ_PROC_MEDIAN,   TQ_PROC_NOMINAL, TQ_PROC_FISHER};
+  const int64_t procedures[] = {TQ_PROC_BINOMIAL, TQ_PROC_CHISQ,         TQ_PROC_CHISQ_SHORT,
+                                TQ_PROC_MEDIAN,   TQ_PROC_NOMINAL,       TQ_PROC_FISHER,
+                                TQ_PROC_WILCOXON, TQ_PROC_MANN_WHITNEY, TQ_PROC_SCORES_EQUAL};
   for (int64_t procedure : procedures)
     for (int64_t form : {1, 2})
       for (int64_t rows : {-3, 0, 1, 2, 3})
@@ -41,8 +42,9 @@ TEST(Robustness, NullArraysAndOddSizesFailCleanly) {
 
 TEST(Robustness, RandomParametersNeverCrashOrPublishOnFailure) {
   std::mt19937_64 rng(4242);
-  const int64_t procedures[] = {TQ_PROC_BINOMIAL, TQ_PROC_CHISQ,  TQ_PROC_CHISQ_SHORT,
-                                TQ_PROC_MEDIAN,   TQ_PROC_NOMINAL, TQ_PROC_FISHER};
+  const int64_t procedures[] = {TQ_PROC_BINOMIAL, TQ_PROC_CHISQ,         TQ_PROC_CHISQ_SHORT,
+                                TQ_PROC_MEDIAN,   TQ_PROC_NOMINAL,       TQ_PROC_FISHER,
+                                TQ_PROC_WILCOXON, TQ_PROC_MANN_WHITNEY, TQ_PROC_SCORES_EQUAL};
   for (int trial = 0; trial < 400; ++trial) {
     const int64_t rows = 1 + static_cast<int64_t>(rng() % 4), cols = 1 + static_cast<int64_t>(rng() % 4);
     std::vector<int64_t> cells(static_cast<size_t>(rows * cols));
@@ -55,7 +57,7 @@ TEST(Robustness, RandomParametersNeverCrashOrPublishOnFailure) {
       weights[j] = static_cast<int64_t>(rng() % 9) - 2;
       scores[j] = static_cast<double>(rng() % 5);
     }
-    int64_t ip[TQ_INT_COUNT] = {procedures[rng() % 6],
+    int64_t ip[TQ_INT_COUNT] = {procedures[rng() % 9],
                                 static_cast<int64_t>(rng() % 6) - 1,
                                 static_cast<int64_t>(1 + rng() % 2),
                                 static_cast<int64_t>(rng() % 100000) - 50000,
