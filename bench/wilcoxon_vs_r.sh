@@ -33,24 +33,25 @@ tables=(
 
 field() { awk -v k="$1" '{for (i = 1; i < NF; i++) if ($i == k) {print $(i + 1); exit}}'; }
 
-echo "| data | engine s | engine p | engine field 48 | coin s | coin p |"
-echo "|---|---|---|---|---|---|"
+echo "| data | engine wall s | engine cpu s | engine p | field 48 | coin wall s | coin cpu s | coin p |"
+echo "|---|---|---|---|---|---|---|---|"
 for entry in "${tables[@]}"; do
   name="${entry%%|*}"
   cells="${entry#*|}"
   echo "running $name" >&2
   # shellcheck disable=SC2086
   engine="$(timeout "$run_limit" "$timer" $cells || true)"
-  e_s="$(field seconds <<< "$engine")"; e_p="$(field p2 <<< "$engine")"; e_f="$(field field48 <<< "$engine")"
-  [[ -z "$engine" ]] && e_s=">$run_limit" && e_p="-" && e_f="-"
+  e_s="$(field seconds <<< "$engine")"; e_c="$(field cpu <<< "$engine")"
+  e_p="$(field p2 <<< "$engine")"; e_f="$(field field48 <<< "$engine")"
+  [[ -z "$engine" ]] && e_s=">$run_limit" && e_c="-" && e_p="-" && e_f="-"
   # shellcheck disable=SC2086
   r="$(timeout "$run_limit" Rscript "$rhelper" $cells 2>/dev/null || true)"
   if [[ "$r" == p* ]]; then
-    r_s="$(field seconds <<< "$r")"; r_p="$(field p <<< "$r")"
+    r_s="$(field seconds <<< "$r")"; r_c="$(field cpu <<< "$r")"; r_p="$(field p <<< "$r")"
   elif [[ "$r" == error* ]]; then
-    r_s="failed"; r_p="${r#error }"
+    r_s="failed"; r_c="-"; r_p="${r#error }"
   else
-    r_s=">$run_limit"; r_p="-"
+    r_s=">$run_limit"; r_c="-"; r_p="-"
   fi
-  echo "| $name | $e_s | $e_p | $e_f | $r_s | $r_p |"
+  echo "| $name | $e_s | $e_c | $e_p | $e_f | $r_s | $r_c | $r_p |"
 done

@@ -8,6 +8,7 @@
 #include "frame/run_store.h"
 #include "frame/spill.h"
 #include "kernel/host_library.h"
+#include "scores/paired.h"
 #include "scores/score_monte_carlo.h"
 
 namespace anvl::scores {
@@ -18,8 +19,6 @@ constexpr DriverTraits kScoreTraits{true, false, true, 0};
 constexpr double kDegenerateRange = 0.00001;
 // A score holds d decimals when it is within this of a whole number at 10^d.
 constexpr double kLatticeTolerance = 0.00000001;
-// The one-sample form of the family is not built in this release.
-constexpr int64_t kOneSampleNotBuilt = fail::kOutsideModel;
 
 struct Asymptotic {
   TableStats t;
@@ -234,7 +233,7 @@ void ScoreDriver(const CallArgs& args) {
     if (!IsScoreSelector(selector) || !HasTwoSampleRule(selector)) {
       code = fail::kBadSelector;
     } else if (st.row_count == 1) {
-      code = kOneSampleNotBuilt;
+      code = PairedRun(work.data(), args.scores, st.column_count, selector, st.run_method);
     } else if (st.row_count != 2) {
       code = fail::kBadShape;
     } else {

@@ -138,7 +138,7 @@ TEST(ScoreFailures, BadInputGivesTheCodeAndNothingElse) {
       {"negative count", MakeTable({{1, -2, 3}, {3, 4, 5}}), -1, -1001.0},
       {"empty second sample", MakeTable({{1, 2, 3}, {0, 0, 0}}), -1, -1001.0},
       {"no levels", Table{2, 0, {}}, -1, 216 - 1000.0},
-      {"one row, not built yet", MakeTable({{1, 2, 3}}), -1, -1003.0},
+      {"one row without differences", MakeTable({{1, 2, 3}}), -1, -1003.0},
       {"grid too small", big, 2048, -1001.0},
   };
   for (const Case& c : cases)
