@@ -3,6 +3,7 @@
 #include "kernel/binomial.h"
 #include "network/contingency.h"
 #include "network/fisher.h"
+#include "scores/marginal.h"
 #include "scores/two_sample.h"
 
 namespace anvl {
@@ -25,7 +26,7 @@ constexpr Route kRoutes[] = {
     {6, 1, nullptr},    {7, 2, net::ContingencyDriver},
     {507, 2, net::ContingencyDriver},       {31, 3, net::ContingencyDriver},
     {42, 4, net::ContingencyDriver},        {9, 1, BinomialDriver},
-    {10, 9, nullptr},   {510, 9, nullptr},  {11, 2, nullptr},
+    {10, 9, scores::SquareTableDriver},   {510, 9, scores::SquareTableDriver},  {11, 2, nullptr},
     {19, 1, nullptr},   {18, 1, nullptr},   {20, 9, nullptr},
     {21, 8, nullptr},   {24, 1, nullptr},   {26, 2, nullptr},
     {51, 3, nullptr},   {32, 1, net::FisherDriver},

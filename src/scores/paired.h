@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kernel/random.h"
+#include "scores/score_monte_carlo.h"
 #include "scores/two_row_network.h"
 
 namespace anvl::scores {
@@ -40,6 +41,14 @@ int OneSampleScores(std::vector<DifferenceLevel>& levels, int64_t selector, doub
 // (balancing) column takes what remains of m.
 void SignFlipSampler(int64_t K, int64_t m, const int64_t* c, int64_t* x, RandomStream& stream,
                      const double* lf);
+
+// Monte Carlo of the balanced tables: draws McSamples sign assignments
+// (at least one) of the working columns (the last one balancing) and
+// counts T = sum x[j] s[j] at or beyond `obs` on its side (relative 1e-7)
+// and at least as far from `mean`.  `snap` reads an estimate within 1e-7
+// of 0 or 1 as that end.  0, or -3 for a level outside (0, 1).
+int SignFlipMonteCarlo(const std::vector<TwoRowColumn>& work, double obs, double mean,
+                       bool low_side, bool snap, ScoreMcResult& out);
 
 // The run on a one-row table.  Publishes the asymptotic results and then,
 // by `method`, the Monte Carlo or exact ones.  Returns 0 or a failure
