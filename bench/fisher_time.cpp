@@ -1,9 +1,12 @@
-// fisher_time - one timed exact Fisher run on a table from the command line.
+// fisher_time - one timed exact run of a two-way test on a table from the
+// command line (Fisher's, or with --pearson Pearson's chi-square).
 //
-//   fisher_time 1 2 1 0 / 3 3 6 1 / 10 10 14 9 / 6 7 12 11
+//   fisher_time [--pearson] 1 2 1 0 / 3 3 6 1 / 10 10 14 9 / 6 7 12 11
 //
-// Rows are separated by "/".  Makes one TQCALLER call (procedure 32, exact
-// method, free memory, no time limit) and prints one line:
+// Rows are separated by "/".  Makes one TQCALLER call (procedure 32 or 7,
+// exact method, free memory up to the library's ceiling, which the
+// environment variable ANVLWTQ_MEMORY_CEILING lifts, no time limit) and
+// prints one line:
 //
 //   p <two-sided p> seconds <wall time of the call> failure <field 48>
 //
@@ -23,10 +26,10 @@ constexpr int kExitUsage = 2;
 
 // Reads the rows of counts from argv; false on a ragged, empty or
 // non-numeric table.
-bool ParseTable(int argc, char** argv, anvl::bench::Table& t) {
+bool ParseTable(int argc, char** argv, int first, anvl::bench::Table& t) {
   t.name = "argv";
   t.rows.assign(1, {});
-  for (int a = 1; a < argc; ++a) {
+  for (int a = first; a < argc; ++a) {
     if (std::strcmp(argv[a], "/") == 0) {
       t.rows.emplace_back();
       continue;
@@ -46,14 +49,15 @@ bool ParseTable(int argc, char** argv, anvl::bench::Table& t) {
 
 int main(int argc, char** argv) {
   anvl::bench::Table t;
-  if (!ParseTable(argc, argv, t)) {
-    std::fprintf(stderr, "usage: fisher_time n11 n12 ... / n21 n22 ... / ...\n");
+  const bool pearson = argc > 1 && std::strcmp(argv[1], "--pearson") == 0;
+  if (!ParseTable(argc, argv, pearson ? 2 : 1, t)) {
+    std::fprintf(stderr, "usage: fisher_time [--pearson] n11 n12 ... / n21 n22 ... / ...\n");
     return kExitUsage;
   }
   const std::vector<int64_t> cells = anvl::bench::ColumnMajor(t);
   double record[TQ_RECORD_LENGTH];
   const auto start = std::chrono::steady_clock::now();
-  anvl::bench::RunExact(TQ_PROC_FISHER, cells, static_cast<int64_t>(t.rows.size()),
+  anvl::bench::RunExact(pearson ? TQ_PROC_CHISQ : TQ_PROC_FISHER, cells, static_cast<int64_t>(t.rows.size()),
                         static_cast<int64_t>(t.rows.front().size()), record);
   const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
   std::printf("p %.12f seconds %.6f failure %.1f\n", record[TQ_REC_EXACT_TWO], wall.count(),

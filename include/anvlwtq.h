@@ -93,7 +93,17 @@ enum { TQ_METHOD_EXACT = 1, TQ_METHOD_MONTE_CARLO = 2, TQ_METHOD_ASYMPTOTIC = 3 
  *   [8] TimeLimitField      time limit in minutes; 0 or below: none
  *   [9] MemoryField         memory limit in kilobytes; -1: free physical
  *                           memory.  The working store of a network run is
- *                           clamped to 2 MiB .. 16 MiB whatever is asked.
+ *                           clamped to 2 MiB .. the ceiling, whatever is
+ *                           asked.  The ceiling is 16 MiB unless the host
+ *                           lifts it for its process with the environment
+ *                           variable ANVLWTQ_MEMORY_CEILING: a whole number
+ *                           of mebibytes, read at every call (unset, empty
+ *                           or anything else means 16), never above half
+ *                           the machine's physical memory.  A caller that
+ *                           wants 1 GiB sets ANVLWTQ_MEMORY_CEILING=1024
+ *                           and passes MemoryField 1048576.  A run whose
+ *                           budget is too small ends with field 48 =
+ *                           -1001.0.
  */
 enum {
   TQ_INT_PROCEDURE = 0, TQ_INT_METHOD = 1, TQ_INT_DATA_FORM = 2, TQ_INT_MC_SEED = 3,

@@ -79,4 +79,24 @@ struct TickState {
 };
 const TickState& TickStateForTesting();
 
+// The same tick for a pass's inner loop, reached through one handle that
+// the pass takes once: the thread's state is found at construction, not on
+// every call.  Behaves exactly as Tick().
+class Ticker {
+ public:
+  Ticker();
+  bool operator()() {
+    if (poll_ != nullptr) Poll();
+    if (++state_->tick_count != state_->tick_quantum) return false;
+    return Report(*state_);
+  }
+  // The clock part of a tick whose count reached its quantum.
+  static bool Report(TickState& t);
+
+ private:
+  void Poll();
+  TqPollRoutine poll_;
+  TickState* state_;
+};
+
 }  // namespace anvl

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -23,6 +24,10 @@ namespace {
 
 // Bytes per kilobyte of the MemoryLimit setting.
 constexpr int64_t kBytesPerKilobyte = 1024;
+constexpr double kBytesPerMebibyte = 1048576.0;
+// Larger ceilings than this many mebibytes (1 PiB) are all the same: the
+// machine's memory caps them.
+constexpr int64_t kLargestCeilingMib = int64_t{1} << 30;
 // Positions go through a 32-bit signed offset: the file can't pass 2 GiB.
 constexpr int64_t kLargestOffset = std::numeric_limits<int32_t>::max();
 // The spill name holds at most this many characters.
@@ -281,9 +286,26 @@ int64_t MemoryBudget() {
   } else {
     bytes = static_cast<double>(FreePhysicalMemory());
   }
+  const int64_t ceiling = MemoryCeiling();
   if (bytes < static_cast<double>(kBudgetFloor)) return kBudgetFloor;
-  if (bytes > static_cast<double>(kBudgetCeiling)) return kBudgetCeiling;
+  if (bytes > static_cast<double>(ceiling)) return ceiling;
   return static_cast<int64_t>(bytes);
+}
+
+int64_t MemoryCeiling() {
+  const char* text = std::getenv(kCeilingVariable);
+  if (text == nullptr || *text == '\0') return kBudgetCeiling;
+  int64_t mib = 0;
+  for (const char* c = text; *c != '\0'; ++c) {
+    if (*c < '0' || *c > '9') return kBudgetCeiling;
+    mib = mib * 10 + (*c - '0');
+    if (mib > kLargestCeilingMib) mib = kLargestCeilingMib;  // saturate: the cap below decides
+  }
+  if (mib < 1) return kBudgetCeiling;
+  const double physical = static_cast<double>(::sysconf(_SC_PHYS_PAGES)) *
+                          static_cast<double>(::sysconf(_SC_PAGESIZE));
+  const double bytes = std::min(static_cast<double>(mib) * kBytesPerMebibyte, physical / 2.0);
+  return std::max(kBudgetFloor, static_cast<int64_t>(bytes));
 }
 
 // Creates the spill file for reading and writing, replacing any file of

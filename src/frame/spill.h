@@ -11,12 +11,20 @@ namespace anvl {
 
 // Bytes that a stage's working storage may use: the MemoryLimit setting in
 // kilobytes when it is at least 1, else the free physical memory; clamped
-// to 2 MiB .. 16 MiB.
+// to 2 MiB at the bottom and to MemoryCeiling() at the top.
 int64_t MemoryBudget();
 inline constexpr int64_t kBudgetFloor = 2097152;
 // Free physical memory of the machine in bytes (0 when it can't be read).
 int64_t FreePhysicalMemory();
+// The default ceiling of the budget.
 inline constexpr int64_t kBudgetCeiling = 16777216;
+// The environment variable through which a host lifts the ceiling for its
+// process: a whole number of mebibytes, read at every call.
+inline constexpr const char* kCeilingVariable = "ANVLWTQ_MEMORY_CEILING";
+// The ceiling in bytes: kBudgetCeiling when the variable is unset, empty or
+// not a whole number of at least 1; else its value, never above half the
+// machine's physical memory nor below the floor.
+int64_t MemoryCeiling();
 
 // Opens the spill file of this thread's run at Host().spill_path (a private
 // temporary file when that is empty), truncating any file of that name.

@@ -2,10 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
 #include <new>
 
-#include "kernel/log_sum.h"
 
 namespace anvl::net {
 namespace {
@@ -24,6 +25,8 @@ constexpr double kTwoPi = 6.283185307179586;
 // The pool holds one entry per 40 bytes of budget, less a reserve.
 constexpr int64_t kBytesPerEntry = 40;
 constexpr int64_t kEntryReserve = 4000;
+// Entries are linked by 32-bit indices.
+constexpr int64_t kLargestPool = std::numeric_limits<int32_t>::max() - 1;
 // The hash in integers: products of two residues stay below 2^53 for a
 // prime below sqrt(2^53), and words below 2^53 convert to double exactly.
 constexpr int64_t kExactHashPrime = 94906265;
@@ -317,7 +320,7 @@ void NodeStore::Place(int64_t slot, int stage, const int64_t* key, double first,
 }
 
 int64_t PastPool::EntryLimit(int64_t budget_bytes) {
-  return budget_bytes / kBytesPerEntry - kEntryReserve;
+  return std::min(budget_bytes / kBytesPerEntry - kEntryReserve, kLargestPool);
 }
 
 int PastPool::Create(int64_t limit) {
@@ -335,47 +338,21 @@ int PastPool::Create(int64_t limit) {
   return 0;
 }
 
-int64_t PastPool::NewEntry(double s, double lp) {
-  int64_t e;
-  if (head_ != 0) {
-    e = head_;
-    head_ = -entries_[e].left;
-  } else if (fresh_ <= limit_) {
-    e = fresh_++;
-  } else {
-    return 0;
+// Breadth-first listing puts every entry before its children; walked
+// backwards it meets the children first, so each total is formed from
+// finished totals of its subtrees.
+void PastPool::Summarize(int64_t root) {
+  if (root == 0) return;
+  int64_t n = 0;
+  stack[n++] = root;
+  for (int64_t i = 0; i < n; ++i) {
+    const Entry& x = entries_[stack[i]];
+    if (x.left != 0) stack[n++] = x.left;
+    if (x.right != 0) stack[n++] = x.right;
   }
-  entries_[e] = Entry{s, lp, lp, lp, 0, 0};
-  return e;
-}
-
-int PastPool::AddToTree(int64_t& root, double s, double lp, double merge_tolerance) {
-  if (root == 0) {
-    root = NewEntry(s, lp);
-    return root == 0 ? -1 : 1;
-  }
-  int64_t e = root;
-  for (;;) {
-    Entry& x = entries_[e];
-    if (std::fabs(x.stat - s) <= merge_tolerance) {
-      x.logp = LogSum(x.logp, lp);
-      x.sum_left = LogSum(x.sum_left, lp);
-      x.sum_right = LogSum(x.sum_right, lp);
-      return 0;
-    }
-    const bool go_left = x.stat > s;
-    double& sum = go_left ? x.sum_left : x.sum_right;
-    sum = LogSum(sum, lp);
-    int64_t& child = go_left ? x.left : x.right;
-    if (child != 0) {
-      e = child;
-      continue;
-    }
-    const int64_t n = NewEntry(s, lp);
-    if (n == 0) return -1;
-    entries_[e].left = go_left ? n : entries_[e].left;
-    entries_[e].right = go_left ? entries_[e].right : n;
-    return 1;
+  while (n > 0) {
+    Entry& x = entries_[stack[--n]];
+    x.total = x.q + Total(x.left) + Total(x.right);
   }
 }
 
@@ -389,7 +366,7 @@ void PastPool::FreeTree(int64_t& root) {
     Entry& x = entries_[e];
     if (x.left != 0) stack[top++] = x.left;
     if (x.right != 0) stack[top++] = x.right;
-    x.left = -head_;  // the free list links through the left child, negated
+    x.left = static_cast<int32_t>(-head_);  // the free list links through the left child, negated
     head_ = e;
   }
 }

@@ -9,6 +9,8 @@
 // component follows from the sum.  Stage S holds the root.
 #pragma once
 
+#include <cmath>
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -116,36 +118,88 @@ class NodeStore {
 
 // Pool of past-value tree entries, numbered from 1, with a free list.
 // Each node of the forward pass owns one binary search tree of the
-// distinct statistic values of the paths reaching it, with the log-sum of
-// each entry and its left and right subtrees.
+// distinct statistic values of the paths reaching it.
+//
+// Weights are held linearly, as probabilities: an entry of node m holds
+// q = exp(logp + R(m)), the probability of all tables whose path prefix
+// has this past value, where logp is the log of the summed path weights
+// and R(m) the log of the summed weights of every completion of m to the
+// root.  So q <= 1 always, an edge m -> m' of weight w maps q to
+// q exp(w + R(m') - R(m)) with one exp per edge, and a merge is one
+// addition.  The subtree sums that decide whole subtrees at once are
+// formed once per tree (Summarize), when its node is about to be expanded
+// and no more values can arrive, instead of along every insert path.
 class PastPool {
  public:
-  // Entries the memory budget M allows: trunc(M / 40) - 4000.
+  // Entries the memory budget M allows: trunc(M / 40) - 4000, and never
+  // more than the 32-bit links can reach.
   static int64_t EntryLimit(int64_t budget_bytes);
   int Create(int64_t limit);  // 0 or -1
-  // Adds (stat, logp) to the tree at `root` (creating it when root is 0):
-  // a value within `merge_tolerance` of an entry merges into it.  Returns
-  // 1 when an entry was made, 0 when merged, -1 when the pool is exhausted.
-  int AddToTree(int64_t& root, double stat, double logp, double merge_tolerance);
+  // Adds (stat, q) to the tree at `root` (creating it when root is 0): a
+  // value within `merge_tolerance` of an entry merges into it.  Returns 1
+  // when an entry was made, 0 when merged, -1 when the pool is exhausted.
+  int AddToTree(int64_t& root, double stat, double q, double merge_tolerance) {
+    if (root == 0) {
+      root = NewEntry(stat, q);
+      return root == 0 ? -1 : 1;
+    }
+    Entry* x = &entries_[root];
+    for (;;) {
+      if (std::fabs(x->stat - stat) <= merge_tolerance) {
+        x->q += q;
+        return 0;
+      }
+      int32_t& child = x->stat > stat ? x->left : x->right;
+      if (child == 0) {
+        const int64_t n = NewEntry(stat, q);
+        if (n == 0) return -1;
+        child = static_cast<int32_t>(n);
+        return 1;
+      }
+      x = &entries_[child];
+    }
+  }
+  // The same insert, started from the deepest entry of the previous
+  // insert's path that the new value would reach too (see TreeFinger).
+  // Gives the same tree and the same result as AddToTree.
+  class TreeFinger;
+  int AddWithFinger(TreeFinger& finger, int64_t& root, double stat, double q,
+                    double merge_tolerance);
+  // Sets the subtree total of every entry of the tree at `root`.
+  void Summarize(int64_t root);
   // Returns every entry of the tree to the free list; root becomes 0.
   void FreeTree(int64_t& root);
 
-  // One tree entry: its statistic value, the log of the summed weight of
-  // its paths, the log-sums of itself with its left and right subtrees,
-  // and its children (0 for none; a free entry links the free list through
-  // `left`, negated).  Kept together so that a visit touches one place.
+  // One tree entry: its statistic value, its probability q, the total of
+  // q over its subtree (itself included; valid after Summarize), and its
+  // children (0 for none; a free entry links the free list through
+  // `left`, negated).
   struct Entry {
-    double stat, logp, sum_left, sum_right;
-    int64_t left, right;
+    double stat, q, total;
+    int32_t left, right;
   };
   Entry& operator[](int64_t e) { return entries_[e]; }
   const Entry& operator[](int64_t e) const { return entries_[e]; }
+  // Subtree total below an entry's child (0 for none).
+  double Total(int64_t child) const { return child == 0 ? 0.0 : entries_[child].total; }
 
   // Work stack of the tree walks; sized to the pool so that it can't overrun.
   int64_t* stack = nullptr;
 
  private:
-  int64_t NewEntry(double s, double lp);
+  int64_t NewEntry(double s, double q) {
+    int64_t e;
+    if (head_ != 0) {
+      e = head_;
+      head_ = -entries_[e].left;
+    } else if (fresh_ <= limit_) {
+      e = fresh_++;
+    } else {
+      return 0;
+    }
+    entries_[e] = Entry{s, q, q, 0, 0};  // 32 bytes: an entry never straddles a cache line
+    return e;
+  }
   // Entries 1..limit.  Untouched entries are left uninitialised: they join
   // the free list in ascending order as they are first needed, after any
   // entry given back, which is the order a fully linked list would give.
@@ -155,5 +209,78 @@ class PastPool {
   int64_t fresh_ = 1;      // first entry never used
   int64_t limit_ = 0;
 };
+
+// The path of the last insert into one tree, with, at each depth, the
+// bounds that the entries above set on the values routed there: the
+// largest value of an entry where the path turned right, the smallest where
+// it turned left.  A new value that stays more than the merge tolerance
+// inside the bounds of depth d meets no merge above d and takes the same
+// turns, so its search may start at the path's entry of depth d.  Inserts
+// that come in the order of a walk of a similar tree share long paths.
+class PastPool::TreeFinger {
+ public:
+  static constexpr int kDepth = 64;  // deeper paths start from depth 63 at most
+  void Reset() { n_ = 0; }
+
+ private:
+  friend class PastPool;
+  int n_ = 0;                        // entries of the path recorded
+  int64_t entry_[kDepth];
+  double low_[kDepth], high_[kDepth];  // bounds at each depth, from the entries above
+};
+
+inline int PastPool::AddWithFinger(TreeFinger& f, int64_t& root, double stat, double q,
+                                   double tol) {
+  if (root == 0) {
+    root = NewEntry(stat, q);
+    if (root == 0) return -1;
+    f.n_ = 1;
+    f.entry_[0] = root;
+    f.low_[0] = -HUGE_VAL;
+    f.high_[0] = HUGE_VAL;
+    return 1;
+  }
+  if (f.n_ == 0 || f.entry_[0] != root) {
+    f.n_ = 1;
+    f.entry_[0] = root;
+    f.low_[0] = -HUGE_VAL;
+    f.high_[0] = HUGE_VAL;
+  }
+  int d = f.n_ - 1;
+  while (d > 0 && !(stat - f.low_[d] > tol && f.high_[d] - stat > tol)) --d;
+  double low = f.low_[d], high = f.high_[d];
+  Entry* x = &entries_[f.entry_[d]];
+  for (;;) {
+    if (std::fabs(x->stat - stat) <= tol) {
+      x->q += q;
+      f.n_ = std::min(d + 1, TreeFinger::kDepth);
+      return 0;
+    }
+    const bool go_left = x->stat > stat;
+    if (go_left) {
+      high = x->stat;
+    } else {
+      low = x->stat;
+    }
+    int32_t& child = go_left ? x->left : x->right;
+    const bool made = child == 0;
+    if (made) {
+      const int64_t n = NewEntry(stat, q);
+      if (n == 0) return -1;
+      child = static_cast<int32_t>(n);
+    }
+    ++d;
+    if (d < TreeFinger::kDepth) {
+      f.entry_[d] = child;
+      f.low_[d] = low;
+      f.high_[d] = high;
+    }
+    if (made) {
+      f.n_ = std::min(d + 1, TreeFinger::kDepth);
+      return 1;
+    }
+    x = &entries_[child];
+  }
+}
 
 }  // namespace anvl::net

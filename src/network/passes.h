@@ -148,9 +148,10 @@ int BackwardInduction(Network& net, const M& member) {
   NodeKey<M>(net, net.A.data(), net.N, scratch.data(), key.data());
   if (store.Insert(S, key.data(), 0.0, 0.0, false) == 0) return -1;
   int64_t created = 1, records = 0;
+  Ticker tick;
 
   for (int t = S - 1; t >= 0; --t) {
-    if (Tick() || M::kCanonical) SendBackwardLine(t);
+    if (tick() || M::kCanonical) SendBackwardLine(t);
     if (t > 0) {
       const int64_t Tt = net.T[t], Tnext = net.T[t + 1];
       const int64_t count = StageEnumerator(K, net.A.data(), Tt, net.N, net.stage_node_limit, matrix);
@@ -166,7 +167,7 @@ int BackwardInduction(Network& net, const M& member) {
         bool first = true;
         succ.Start(K, net.A.data(), m.data(), net.B[t], net.rest[t], mn.data());
         do {
-          if (!first && Tick()) SendBackwardNodesLine(t + 1, net.Z - created);
+          if (!first && tick()) SendBackwardNodesLine(t + 1, net.Z - created);
           CompleteLast(K, Tnext, mn.data());
           NodeKey<M>(net, mn.data(), Tnext, scratch.data(), key.data());
           const int64_t slot = store.Find(t + 1, key.data());
@@ -203,11 +204,15 @@ int BackwardInduction(Network& net, const M& member) {
 
 namespace detail {
 
-// All entries of the current node's tree against one edge.
+// All entries of the current node's tree against one edge.  An entry's
+// probability q becomes q f through the edge (f = exp(w + R' - R), the
+// probability of the edge given the node); a decided entry adds itself and
+// the subtree on its side, times f, to a tail at once.
 template <NetworkMember M>
-int PastPathUpdate(PastPool& pool, int64_t root, int64_t& succ_root, double inc, double w,
-                   double R, double upper, double lower, PassResult& r, int64_t& new_entries) {
+int PastPathUpdate(PastPool& pool, Ticker& tick, int64_t root, int64_t& succ_root, double inc,
+                   double f, double upper, double lower, PassResult& r, int64_t& new_entries) {
   if (root == 0) return 0;
+  PastPool::TreeFinger finger;
   int64_t top = 0;
   pool.stack[top++] = root;
   while (top > 0) {
@@ -216,7 +221,6 @@ int PastPathUpdate(PastPool& pool, int64_t root, int64_t& succ_root, double inc,
     const int64_t p = pool.stack[--top];
     const PastPool::Entry& x = pool[p];
     const double stat = x.stat + inc;
-    const double logp = x.logp + w;
     bool decided_high, decided_low;
     if constexpr (M::kPValueBelow) {
       decided_high = stat < lower;   // less probable on every way: counts to the p-value
@@ -227,31 +231,31 @@ int PastPathUpdate(PastPool& pool, int64_t root, int64_t& succ_root, double inc,
     }
     if (decided_high) {
       if constexpr (M::kPValueBelow) {
-        r.tail_high += std::exp(R + x.sum_left + w);
+        r.tail_high += f * (x.q + pool.Total(x.left));
         if (x.right != 0) pool.stack[top++] = x.right;
       } else {
-        r.tail_high += std::exp(R + x.sum_right + w);
+        r.tail_high += f * (x.q + pool.Total(x.right));
         if (x.left != 0) pool.stack[top++] = x.left;
       }
     } else if (decided_low) {
       if constexpr (M::kPValueBelow) {
-        r.tail_low += std::exp(x.sum_right + w + R) - std::exp(logp + R);
+        r.tail_low += f * pool.Total(x.right);
         if (x.left != 0) pool.stack[top++] = x.left;
       } else {
-        r.tail_low += std::exp(x.sum_left + w + R) - std::exp(logp + R);
+        r.tail_low += f * pool.Total(x.left);
         if (x.right != 0) pool.stack[top++] = x.right;
       }
     } else {
-      // Read the children first: the insert may reuse nothing of p, but
+      // Read the children first: the insert goes into another tree, but
       // keep the walk independent of the pool's layout.
       const int64_t left = x.left, right = x.right;
-      const int added = pool.AddToTree(succ_root, stat, logp, M::kMergeTolerance);
+      const int added = pool.AddWithFinger(finger, succ_root, stat, x.q * f, M::kMergeTolerance);
       if (added < 0) return -1;
       new_entries += added;
       if (right != 0) pool.stack[top++] = right;
       if (left != 0) pool.stack[top++] = left;
     }
-    if (Tick()) SendExactEstimateLine(ClampUnit(r.tail_high), ClampUnit(1.0 - r.tail_low));
+    if (tick()) SendExactEstimateLine(ClampUnit(r.tail_high), ClampUnit(1.0 - r.tail_low));
   }
   return 0;
 }
@@ -279,8 +283,9 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
   std::vector<int64_t> zero(K, 0);
   NodeKey<M>(net, zero.data(), 0, scratch.data(), key.data());
   store.Place(1, 0, key.data(), obs + tol, obs - tol);
-  if (pool.AddToTree(store.tree_root(1), member.StartValue(net.L0), -net.L0,
-                     M::kMergeTolerance) < 0)
+  // Its one past value carries all the probability: q = exp(-L0 + R(0)) = 1.
+  Ticker tick;
+  if (pool.AddToTree(store.tree_root(1), member.StartValue(net.L0), 1.0, M::kMergeTolerance) < 0)
     return -1;
 
   for (int s = 0;;) {
@@ -300,7 +305,7 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
       if (store.Insert(s + 1, key.data(), obs + tol - shortest, obs - tol - longest, false) == 0)
         return -1;
     }
-    if (Tick() && M::kStageMessages) SendStageLine(s);
+    if (tick() && M::kStageMessages) SendStageLine(s);
 
     // The stage processor: expand every node of stage s.
     int64_t new_entries = 0;
@@ -317,17 +322,19 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
       int64_t& root = store.tree_root(slot);
       if (root != 0) {
         NodeOfKey<M>(net, store.key(slot), Ts, m.data());
+        pool.Summarize(root);
+        const double R = net.LogRemainingWeight(Ts, m.data());
         succ.Start(K, net.A.data(), m.data(), net.B[s], net.rest[s], mn.data());
         do {
           CompleteLast(K, Tnext, mn.data());
           succ.Line(d.data());
           const double w = net.EdgeLogWeight(s, d.data());
           const double inc = member.EdgeStatistic(s, d.data(), w);
-          const double R = net.LogRemainingWeight(Tnext, mn.data());
+          const double f = std::exp(w + net.LogRemainingWeight(Tnext, mn.data()) - R);
           NodeKey<M>(net, mn.data(), Tnext, scratch.data(), key.data());
           const int64_t next = store.Find(s + 1, key.data());
           if (next == 0) return -1;
-          if (detail::PastPathUpdate<M>(pool, root, store.tree_root(next), inc, w, R,
+          if (detail::PastPathUpdate<M>(pool, tick, root, store.tree_root(next), inc, f,
                                         store.first(next), store.second(next), result,
                                         new_entries) != 0)
             return -1;
@@ -359,7 +366,7 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
     if (store.tree_root(slot) != 0) pool.stack[top++] = store.tree_root(slot);
     while (top > 0) {
       const PastPool::Entry& x = pool[pool.stack[--top]];
-      result.point += std::exp(x.logp);
+      result.point += x.q;  // R = 0 at the root
       if (x.left != 0) pool.stack[top++] = x.left;
       if (x.right != 0) pool.stack[top++] = x.right;
     }

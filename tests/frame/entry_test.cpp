@@ -1,8 +1,13 @@
-// The entry point from the host's side: refusal of unknown codes, the
-// prefill, the record of a failure, and per-thread state.
+// The entry point from the host's side: refusal of unknown codes, the record
+// of a failure, bad input of every kind (never a crash), and per-thread state.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cmath>
+#include <limits>
+#include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -12,92 +17,137 @@
 namespace {
 
 using anvl::support::HostCall;
-constexpr double kMissing = anvl::support::kTestFiller;
+using anvl::support::kTestFiller;
+using anvl::support::PublishedFields;
 
-// A call on case data: the binomial test's form.
-struct Call : HostCall {
-  explicit Call(int64_t procedure) : HostCall(procedure, TQ_METHOD_EXACT) {}
-  void Run() { RunCases(); }
-};
+const int64_t kBuilt[] = {TQ_PROC_BINOMIAL,       TQ_PROC_CHISQ,          TQ_PROC_CHISQ_SHORT,
+                          TQ_PROC_MEDIAN,         TQ_PROC_NOMINAL,        TQ_PROC_FISHER,
+                          TQ_PROC_WILCOXON,       TQ_PROC_MANN_WHITNEY,   TQ_PROC_SCORES_EQUAL,
+                          TQ_PROC_MARGINAL_HOMOG, TQ_PROC_MARGINAL_HOMOG_LONG};
 
-TEST(EntryPoint, UnknownAndUnbuiltCodesAreRefusedWithThePrefill) {
-  for (int64_t code : {0, 3, 52, 503, 511, -7, 1000000}) {
-    Call c(code);
-    c.values = {1, 0};
-    c.weights = {3, 4};
-    c.Run();
-    SCOPED_TRACE(code);
-    EXPECT_EQ(c.f[48], -1003.0);
-    for (int i : {42, 43, 44, 49}) EXPECT_EQ(c.f[i], 0.0) << "field " << i;
-    for (int i = 0; i <= 41; ++i) EXPECT_EQ(c.f[i], kMissing) << "field " << i;
-    for (int i = 45; i <= 47; ++i) EXPECT_EQ(c.f[i], kMissing) << "field " << i;
-  }
-}
+// Field 48 on a failure is a code of the engine less 1000.
+bool IsFailureValue(double v) { return v == 0.0 || (v == std::floor(v) && v != -1000.0); }
 
-TEST(EntryPoint, FailedRunShowsOnlyFillerFailureAndElapsed) {
-  Call c(TQ_PROC_BINOMIAL);
-  c.rp[TQ_REAL_P0] = 1.5;  // outside (0, 1): -308 after the limits were computed
-  c.values = {1, 0};
-  c.weights = {7, 5};
-  c.Run();
-  EXPECT_EQ(c.f[48], -1308.0);
-  for (int i = 0; i <= 41; ++i) EXPECT_EQ(c.f[i], kMissing) << "field " << i;
-  for (int i = 45; i <= 47; ++i) EXPECT_EQ(c.f[i], kMissing) << "field " << i;
-  EXPECT_GE(c.f[44], 0.0);
-  EXPECT_LT(c.f[44], 60.0);
-  EXPECT_EQ(c.f[49], 0.0);
-}
-
-TEST(EntryPoint, TwoThreadsAtOnceGetTheRecordsOfSeparateCalls) {
-  auto make = [](int64_t w1, int64_t w2, double p0) {
-    Call c(TQ_PROC_BINOMIAL);
-    c.values = {1, 0};
-    c.weights = {w1, w2};
-    c.rp[TQ_REAL_P0] = p0;
-    return c;
-  };
-  Call a = make(70, 50, 0.3), b = make(3, 40, 0.2);
-  Call a_alone = a, b_alone = b;
-  a_alone.Run();
-  b_alone.Run();
-  for (int round = 0; round < 20; ++round) {
-    Call ta = a, tb = b;
-    std::thread t1([&] { for (int i = 0; i < 50; ++i) ta.Run(); });
-    std::thread t2([&] { for (int i = 0; i < 50; ++i) tb.Run(); });
-    t1.join();
-    t2.join();
-    for (int f = 0; f < 42; ++f) {
-      ASSERT_EQ(ta.f[f], a_alone.f[f]) << "field " << f;
-      ASSERT_EQ(tb.f[f], b_alone.f[f]) << "field " << f;
+TEST(EntryPoint, FailedCallsPublishOnlyTheFailureAndTheTime) {
+  struct Case {
+    int64_t procedure;
+    double p0, field48;
+    const char* source;
+  } cases[] = {{0, 0.5, -1003, "code 0"},         {3, 0.5, -1003, "unbuilt code"},
+               {52, 0.5, -1003, "unbuilt code"},   {503, 0.5, -1003, "unbuilt code"},
+               {511, 0.5, -1003, "unbuilt code"},  {-7, 0.5, -1003, "negative code"},
+               {1000000, 0.5, -1003, "far code"},
+               {TQ_PROC_BINOMIAL, 1.5, -1308, "p0 outside (0, 1): fails after the limits"}};
+  for (const Case& c : cases) {
+    HostCall call = HostCall::Binomial({1, 0}, {7, 5}, c.p0);
+    call.ip[TQ_INT_PROCEDURE] = c.procedure;
+    const double* f = call.RunCases();
+    SCOPED_TRACE(testing::Message() << "procedure " << c.procedure << ": " << c.source);
+    EXPECT_EQ(f[48], c.field48);
+    EXPECT_EQ(call.Published(), std::vector<int>{});
+    EXPECT_EQ(f[49], 0.0);
+    if (c.field48 == -1003) {  // refused before the clock starts
+      for (int i : {42, 43, 44}) EXPECT_EQ(f[i], 0.0) << "field " << i;
+    } else {
+      EXPECT_GE(f[44], 0.0);
+      EXPECT_LT(f[44], 60.0);
     }
   }
 }
 
-}  // namespace
+TEST(EntryPoint, NullArraysAndOddSizesFailCleanly) {
+  for (int64_t procedure : kBuilt)
+    for (int64_t form : {1, 2})
+      for (int64_t rows : {-3, 0, 1, 2, 3})
+        for (int64_t cols : {-1, 0, 1, 2, 4}) {
+          HostCall c(procedure, TQ_METHOD_EXACT);
+          c.ip[TQ_INT_DATA_FORM] = form;
+          c.rp[TQ_REAL_P0] = 0.5;
+          TQCALLER(nullptr, nullptr, c.ip, c.rp, nullptr, rows, cols, nullptr, nullptr, nullptr, cols, rows,
+                   nullptr, c.f, nullptr);
+          SCOPED_TRACE(testing::Message() << "procedure " << procedure << " form " << form << " " << rows
+                                          << " x " << cols);
+          EXPECT_NE(c.f[48], 0.0);  // there is no data to test
+          EXPECT_TRUE(IsFailureValue(c.f[48])) << c.f[48];
+          EXPECT_EQ(c.Published(), std::vector<int>{});
+        }
+}
 
-namespace {
+TEST(EntryPoint, RandomParametersNeverCrashOrPublishOnFailure) {
+  std::mt19937_64 rng(4242);
+  auto draw = [&](int64_t n, int64_t shift = 0) { return static_cast<int64_t>(rng() % n) - shift; };
+  for (int trial = 0; trial < 400; ++trial) {
+    const int64_t rows = 1 + draw(4), cols = 1 + draw(4);
+    std::vector<int64_t> cells(static_cast<size_t>(rows * cols)), weights(cols);
+    for (auto& c : cells) c = draw(7) - (rng() % 9 == 0 ? 3 : 0);
+    std::vector<double> values(cols), scores(cols);
+    for (int64_t j = 0; j < cols; ++j) {
+      values[j] = rng() % 5 == 0 ? std::numeric_limits<double>::quiet_NaN() : static_cast<double>(rng() % 3);
+      weights[j] = draw(9, 2);
+      scores[j] = static_cast<double>(rng() % 5);
+    }
+    int64_t ip[TQ_INT_COUNT] = {kBuilt[rng() % std::size(kBuilt)], draw(6, 1), 1 + draw(2), draw(100000, 50000), draw(300, 50),
+                                0, 0, rng() % 2 ? 13 : 0, 0, rng() % 3 ? -1 : draw(30000)};
+    double rp[TQ_REAL_COUNT] = {};
+    rp[TQ_REAL_MC_LEVEL] = static_cast<double>(rng() % 120) / 100.0;
+    rp[TQ_REAL_MEDIAN_CUT] = static_cast<double>(rng() % 5) - 0.5;
+    rp[TQ_REAL_P0] = static_cast<double>(rng() % 12) / 10.0 - 0.05;
+    rp[TQ_REAL_MISSING] = kTestFiller;
+    double f[TQ_RECORD_LENGTH];
+    TQCALLER(nullptr, nullptr, ip, rp, cells.data(), rows, cols, nullptr, scores.data(), values.data(), cols, 1,
+             weights.data(), f, "");
+    SCOPED_TRACE(testing::Message() << "trial " << trial << " procedure " << ip[0] << " method " << ip[1]
+                                    << " form " << ip[2]);
+    ASSERT_TRUE(IsFailureValue(f[48])) << f[48];
+    if (f[48] != 0.0) {
+      ASSERT_EQ(PublishedFields(f), std::vector<int>{});
+      continue;
+    }
+    for (int i : PublishedFields(f)) {
+      ASSERT_TRUE(std::isfinite(f[i])) << "field " << i;
+      if ((i >= 13 && i <= 17) || (i >= 21 && i <= 23)) {
+        EXPECT_GE(f[i], 0.0) << "field " << i;
+        EXPECT_LE(f[i], 1.0) << "field " << i;
+      }
+    }
+  }
+}
 
-TEST(EntryPoint, TwoNetworkRunsAtOnceWithTheirOwnSpillFiles) {
-  const auto job = anvl::support::MakeTable({{1, 2, 1, 0}, {3, 3, 6, 1}, {10, 10, 14, 9}, {6, 7, 12, 11}});
-  const auto small = anvl::support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
-  HostCall a(TQ_PROC_CHISQ, TQ_METHOD_EXACT), b(TQ_PROC_FISHER, TQ_METHOD_EXACT);
-  a.spill = "/tmp/anvl-entry-test-a.spill";
-  b.spill = "/tmp/anvl-entry-test-b.spill";
+// Calls a and b in two threads at once, `rounds` times over: each must give
+// the record of the same call made alone.
+template <class RunA, class RunB>
+void ExpectThreadsKeepApart(HostCall a, HostCall b, RunA run_a, RunB run_b, int runs_a, int runs_b,
+                            int rounds) {
   HostCall a_alone = a, b_alone = b;
-  a_alone.Run(job);
-  b_alone.Run(small);
+  run_a(a_alone);
+  run_b(b_alone);
   ASSERT_EQ(a_alone.f[48], 0.0);
   ASSERT_EQ(b_alone.f[48], 0.0);
-  for (int round = 0; round < 3; ++round) {
-    std::thread t1([&] { for (int i = 0; i < 3; ++i) a.Run(job); });
-    std::thread t2([&] { for (int i = 0; i < 200; ++i) b.Run(small); });
+  for (int round = 0; round < rounds; ++round) {
+    std::thread t1([&] { for (int i = 0; i < runs_a; ++i) run_a(a); });
+    std::thread t2([&] { for (int i = 0; i < runs_b; ++i) run_b(b); });
     t1.join();
     t2.join();
     for (int i = 0; i < 42; ++i) {
-      ASSERT_EQ(a.f[i], a_alone.f[i]) << "field " << i;
-      ASSERT_EQ(b.f[i], b_alone.f[i]) << "field " << i;
+      ASSERT_EQ(a.f[i], a_alone.f[i]) << "field " << i << ", round " << round;
+      ASSERT_EQ(b.f[i], b_alone.f[i]) << "field " << i << ", round " << round;
     }
   }
+}
+
+TEST(EntryPoint, TwoThreadsAtOnceGetTheRecordsOfSeparateCalls) {
+  auto cases = [](HostCall& c) { c.RunCases(); };
+  ExpectThreadsKeepApart(HostCall::Binomial({1, 0}, {70, 50}, 0.3), HostCall::Binomial({1, 0}, {3, 40}, 0.2),
+                         cases, cases, 50, 50, 20);
+  // Two network runs with their own spill files.
+  const auto job = anvl::support::MakeTable({{1, 2, 1, 0}, {3, 3, 6, 1}, {10, 10, 14, 9}, {6, 7, 12, 11}});
+  const auto small = anvl::support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
+  HostCall a(TQ_PROC_CHISQ, TQ_METHOD_EXACT), b(TQ_PROC_FISHER, TQ_METHOD_EXACT);
+  // Names of this process alone: other test processes may run at once.
+  const std::string dir = ::testing::TempDir() + "anvl-entry-" + std::to_string(getpid());
+  a.spill = dir + "-a.spill";
+  b.spill = dir + "-b.spill";
+  ExpectThreadsKeepApart(a, b, [&](HostCall& c) { c.Run(job); }, [&](HostCall& c) { c.Run(small); }, 3, 200, 3);
 }
 
 }  // namespace

@@ -125,13 +125,6 @@ TEST_F(ProgressTest, HostFlagStopsOnlyOnLowestBit) {
   }
 }
 
-TEST_F(ProgressTest, NullPollRoutineNeverStops) {
-  Host().poll = nullptr;
-  Ticks(100, 10);
-  EXPECT_TRUE(PollNow());
-  EXPECT_EQ(FailureCode(), 0);
-}
-
 TEST_F(ProgressTest, StopClosesAndDeletesSpillFile) {
   const std::string path = ::testing::TempDir() + "progress_stop_spill.bin";
   Host().spill_path = path;
@@ -146,6 +139,12 @@ TEST_F(ProgressTest, StopClosesAndDeletesSpillFile) {
   EXPECT_EQ(WriteWords(w, 2, 2), fail::kSpillWrite);
   EXPECT_EQ(ReadWords(w, 2, 1), fail::kSpillRead);
   EXPECT_EQ(FailureCode(), fail::kStoppedByHost);
+  // Without a poll routine nothing stops.
+  SetUp();
+  Host().poll = nullptr;
+  Ticks(100, 10);
+  EXPECT_TRUE(PollNow());
+  EXPECT_EQ(FailureCode(), 0);
 }
 
 // The limit is the integer part of the setting in minutes; none (0 or
@@ -172,58 +171,71 @@ TEST_F(ProgressTest, TimeLimitIsIntegerMinutes) {
   }
 }
 
-TEST_F(ProgressTest, QuantumDoublesUntilReportsTakeThreeSeconds) {
-  // 1 ms per call: a report after q calls took q ms.  The quantum doubles
-  // while 2q < 6000, so it stops at 4096 (4.096 s per report) and stays.
-  const std::vector<int64_t> expected = {2,   4,   8,    16,   32,   64,   128,
-                                         256, 512, 1024, 2048, 4096, 4096, 4096};
-  EXPECT_EQ(RunReports(1, static_cast<int>(expected.size())), expected);
-  // Then 2 ms per call: 8192 ms > 6000 halves to 2048; 4096 ms stays.
-  EXPECT_EQ(RunReports(2, 3), (std::vector<int64_t>{2048, 2048, 2048}));
-  // Then 10 ms per call: 20480 ms, 10240, 5120 (stays: 2 x 5120 >= 6000).
-  EXPECT_EQ(RunReports(10, 4), (std::vector<int64_t>{1024, 512, 512, 512}));
-}
-
-TEST_F(ProgressTest, QuantumBoundariesAndFloor) {
-  struct Case {
+// The quantum doubles while a report takes under 3 s (2d < 6000 ms) and
+// halves when one takes over 6 s, never below 1 (by hand).
+TEST_F(ProgressTest, QuantumKeepsReportsNearThreeSeconds) {
+  struct Phase {
     int64_t step_ms;
     std::vector<int64_t> quanta;
-    const char* source;
   };
-  const Case cases[] = {
-      {3000, {1, 1, 1}, "2d = 6000 isn't below 6000; d = 3000 isn't above: unchanged"},
-      {2999, {2, 2, 2}, "2 x 2999 < 6000 doubles; then d = 5998 keeps"},
-      {6000, {1, 1}, "d = 6000 isn't above 6000: unchanged"},
-      {6001, {1, 1, 1}, "halving 1 gives 0, raised to the floor of 1"},
-      {3600000, {1, 1}, "an hour per call: still 1"},
+  struct Case {
+    std::vector<Phase> phases;  // run one after the other
+    const char* source;
+  } cases[] = {
+      {{{1, {2, 4, 8, 16, 32, 64, 128, 256, 512, 1024, 2048, 4096, 4096, 4096}},
+        {2, {2048, 2048, 2048}},
+        {10, {1024, 512, 512, 512}}},
+       "1 ms per call doubles to 4096 (4.096 s) and stays; at 2 ms 8192 ms halves to 2048 and "
+       "4096 ms stays; at 10 ms 20480, 10240, then 5120 stays"},
+      {{{3000, {1, 1, 1}}}, "2d = 6000 isn't below 6000; d = 3000 isn't above: unchanged"},
+      {{{2999, {2, 2, 2}}}, "2 x 2999 < 6000 doubles; then d = 5998 keeps"},
+      {{{6000, {1, 1}}}, "d = 6000 isn't above 6000: unchanged"},
+      {{{6001, {1, 1, 1}}}, "halving 1 gives 0, raised to the floor of 1"},
+      {{{3600000, {1, 1}}}, "an hour per call: still 1"},
   };
   for (const Case& c : cases) {
     SetUp();
-    EXPECT_EQ(RunReports(c.step_ms, static_cast<int>(c.quanta.size())), c.quanta)
-        << c.source << " step " << c.step_ms;
+    for (const Phase& p : c.phases)
+      EXPECT_EQ(RunReports(p.step_ms, static_cast<int>(p.quanta.size())), p.quanta)
+          << c.source << ", step " << p.step_ms;
   }
 }
 
+// A one-minute limit stops at the first report whose time since the start
+// reaches it, with a message on standard error and a last poll at -1; a stop
+// overwrites an earlier failure.
 TEST_F(ProgressTest, TimeLimitStopsWithMessage) {
-  // One minute, 1 s per call.  Reports at calls 1, 3, 7, 11, ... (quantum
-  // 1, 2, 4, then steady at 4): the time spent at a report is the time
-  // since the start, first >= 60 s at call 63.
-  StartLimit(1);
-  RecordFailure(fail::kSpillWrite);  // a stop overwrites it
-  Ticks(62, 1000);
-  EXPECT_EQ(FailureCode(), fail::kSpillWrite) << "stopped before call 63";
-  EXPECT_EQ(TickStateForTesting().time_spent, 59000);
-  ::testing::internal::CaptureStderr();
-  t_now_ms += 1000;
-  EXPECT_TRUE(Tick());
-  const std::string err = ::testing::internal::GetCapturedStderr();
-  EXPECT_EQ(FailureCode(), fail::kTimeLimit);
-  EXPECT_EQ(TickStateForTesting().time_spent, 63000);
-  EXPECT_NE(err.find("Exact significances not computed,time limit..."), std::string::npos)
-      << "stderr: " << err;
-  EXPECT_EQ(t_poll_seen.back(), -1);
+  struct Case {
+    int64_t step_ms;
+    int stop_call;
+    int64_t spent_before, spent_at_stop;
+    const char* source;
+  } cases[] = {
+      {3000, 20, 57000, 60000, "3 s per call keeps the quantum at 1: twenty reports spend exactly "
+                               "the minute, which is enough"},
+      {1000, 63, 59000, 63000, "reports at calls 1, 3, 7, 11, ... (quantum 1, 2, 4, then 4): the "
+                               "first at 60 s or more is call 63 (by hand)"},
+  };
+  for (const Case& c : cases) {
+    SetUp();
+    StartLimit(1);
+    RecordFailure(fail::kSpillWrite);
+    Ticks(c.stop_call - 1, c.step_ms);
+    EXPECT_EQ(FailureCode(), fail::kSpillWrite) << c.source << ": stopped early";
+    EXPECT_EQ(TickStateForTesting().time_spent, c.spent_before) << c.source;
+    ::testing::internal::CaptureStderr();
+    t_now_ms += c.step_ms;
+    EXPECT_TRUE(Tick()) << c.source;
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(FailureCode(), fail::kTimeLimit) << c.source;
+    EXPECT_EQ(TickStateForTesting().time_spent, c.spent_at_stop) << c.source;
+    EXPECT_NE(err.find("Exact significances not computed,time limit..."), std::string::npos)
+        << c.source << ", stderr: " << err;
+    EXPECT_EQ(t_poll_seen.back(), -1) << c.source;
+  }
 
-  // The limit stays passed: the next report repeats the stop.
+  // The limit stays passed: the next report (4 calls after the last stop)
+  // repeats the stop.
   ForceFailure(0);
   t_poll_seen.clear();
   ::testing::internal::CaptureStderr();
@@ -234,21 +246,7 @@ TEST_F(ProgressTest, TimeLimitStopsWithMessage) {
   EXPECT_EQ(t_poll_seen, (std::vector<int64_t>{0, 0, 0, 0, -1}));
 }
 
-TEST_F(ProgressTest, TimeLimitReachedExactlyStops) {
-  // 3 s per call keeps the quantum at 1: a report per call, 3000 ms each.
-  // Twenty reports spend exactly the minute, which is enough to stop.
-  StartLimit(1);
-  ::testing::internal::CaptureStderr();
-  for (int call = 1; call <= 20; ++call) {
-    t_now_ms += 3000;
-    EXPECT_TRUE(Tick());
-    EXPECT_EQ(FailureCode(), call < 20 ? 0 : fail::kTimeLimit) << "call " << call;
-  }
-  ::testing::internal::GetCapturedStderr();
-  EXPECT_EQ(TickStateForTesting().time_spent, 60000);
-}
-
-TEST_F(ProgressTest, SendLineKeepsLastSixteen) {
+TEST_F(ProgressTest, SendLineKeepsLastSixteenAndCounts) {
   struct Case {
     std::string line, sent;
     const char* source;
@@ -264,33 +262,31 @@ TEST_F(ProgressTest, SendLineKeepsLastSixteen) {
        "90 characters: cut to 80 before the last 16"},
       {std::string("abc\0def", 7), "abc", "the NUL ends the line"},
   };
+  int64_t count = 0;  // the message counter goes up by one a line
   for (const Case& c : cases) {
     t_lines.clear();
     SendLine(c.line.data(), static_cast<int>(c.line.size()));
     ASSERT_EQ(t_lines.size(), 1u) << c.source;
     EXPECT_EQ(t_lines[0].text, c.sent) << c.source << " line '" << c.line << "'";
     EXPECT_EQ(t_lines[0].length_ref, static_cast<int32_t>(c.sent.size())) << c.source;
+    EXPECT_EQ(t_lines[0].counter, ++count) << c.source;
   }
-}
-
-TEST_F(ProgressTest, MessageCounterCountsAndWrapsFromNegative) {
-  Host().message_counter = 0;
-  SendLine(std::string("a"));
-  SendLine(std::string("b"));
+  // An old count below zero goes back to 0; without a text routine nothing
+  // is called, but the count goes on.
   Host().message_counter = -7;
   SendLine(std::string("c"));
   SendLine(std::string("d"));
-  ASSERT_EQ(t_lines.size(), 4u);
-  const int64_t counters[4] = {1, 2, 0, 1};  // the old value negative: back to 0
-  for (int k = 0; k < 4; ++k) EXPECT_EQ(t_lines[k].counter, counters[k]) << "line " << k;
-  // Without a text routine nothing is called, but the count goes on.
+  ASSERT_EQ(t_lines.size(), 3u);
+  EXPECT_EQ(t_lines[1].counter, 0);
+  EXPECT_EQ(t_lines[2].counter, 1);
   Host().text = nullptr;
   SendLine(std::string("e"));
   EXPECT_EQ(Host().message_counter, 2);
-  EXPECT_EQ(t_lines.size(), 4u);
+  EXPECT_EQ(t_lines.size(), 3u);
 }
 
-// Iw (decimals < 0) and Fw.d fields.
+// Iw (decimals < 0) and Fw.d fields, besides those that the progress
+// lines below show (I3, I4, I10 padded and too wide, F5.2, F7.4 of 0 and 1).
 TEST(ProgressFormat, NumberFields) {
   struct Case {
     double value;
@@ -299,20 +295,14 @@ TEST(ProgressFormat, NumberFields) {
     const char* source;
   };
   const Case cases[] = {
-      {5, 3, -1, "  5", "I3 right-justified"}, {0, 4, -1, "   0", "I4 of zero"},
-      {-12, 3, -1, "-12", "sign counts in the width"}, {1234, 3, -1, "***", "too wide: asterisks"},
-      {-123, 3, -1, "***", "sign makes it too wide"},
-      {1234567890, 10, -1, "1234567890", "I10 full"}, {12345, 10, -1, "     12345", "I10 padded"},
-      {0.1234, 7, 4, " 0.1234", "F7.4 keeps the leading zero"},
-      {0.1234, 6, 4, "0.1234", "F6.4 just fits"},
-      {0.1234, 5, 4, ".1234", "F5.4 drops the leading zero"},
-      {-0.1234, 7, 4, "-0.1234", "negative with zero"},
-      {-0.1234, 6, 4, "-.1234", "negative without zero"},
-      {-0.1234, 5, 4, "*****", "negative doesn't fit"}, {1.0, 7, 4, " 1.0000", "one"},
-      {0.0, 7, 4, " 0.0000", "zero"}, {0.99996, 7, 4, " 1.0000", "rounds up across the point"},
-      {0.00004, 7, 4, " 0.0000", "rounds down to zero"}, {95.0, 5, 2, "95.00", "F5.2 percent"},
-      {9.5, 5, 2, " 9.50", "F5.2 padded"}, {100.0, 5, 2, "*****", "F5.2 can't hold 100"},
-      {3.0, 4, 0, "  3.", "F4.0 keeps the point"}, {12.345678, 9, 3, "   12.346", "F9.3 rounds"},
+      {0, 4, -1, "   0", "I4 of zero"},               {-12, 3, -1, "-12", "sign counts in the width"},
+      {-123, 3, -1, "***", "sign makes it too wide"},  {1234567890, 10, -1, "1234567890", "I10 full"},
+      {0.1234, 6, 4, "0.1234", "F6.4 just fits"},      {0.1234, 5, 4, ".1234", "F5.4 drops the 0"},
+      {-0.1234, 7, 4, "-0.1234", "negative with 0"},   {-0.1234, 6, 4, "-.1234", "negative without 0"},
+      {-0.1234, 5, 4, "*****", "negative too wide"},   {0.99996, 7, 4, " 1.0000", "rounds up to 1"},
+      {0.00004, 7, 4, " 0.0000", "rounds down to 0"},  {9.5, 5, 2, " 9.50", "F5.2 padded"},
+      {100.0, 5, 2, "*****", "F5.2 can't hold 100"},   {3.0, 4, 0, "  3.", "F4.0 keeps the point"},
+      {12.345678, 9, 3, "   12.346", "F9.3 rounds"},
   };
   for (const Case& c : cases) {
     const bool integer = c.decimals < 0;

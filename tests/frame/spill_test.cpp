@@ -122,8 +122,7 @@ TEST(SpillBudget, MemoryFieldThroughTheClamp) {
     double memory_kb;
     int64_t expected;  // 0: the free memory, anywhere inside the clamp
     const char* source;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {100.0, kBudgetFloor, "100 KB is below the 2 MiB floor"},
       {20000.0, kBudgetCeiling, "20000 KB is above the 16 MiB ceiling"},
       {2048.0, 2097152, "exactly the floor"},
@@ -150,27 +149,23 @@ TEST(SpillBudget, MemoryFieldThroughTheClamp) {
 TEST_F(SpillTest, EveryFormRoundTripsInAnyOrder) {
   // Enough records to cross the in-memory window many times.
   constexpr int kRecords = 6000;
-  const Form forms[] = {Form::kWords, Form::kStage, Form::kPair, Form::kStagePair};
-  for (Form f : forms) {
+  for (Form f : {Form::kWords, Form::kStage, Form::kPair, Form::kStagePair}) {
     for (int count : {0, 1, 5}) {
       if (count == 0 && f == Form::kWords) continue;  // an empty record holds nothing
       SCOPED_TRACE(std::string(kFormNames[static_cast<int>(f)]) + " with " + std::to_string(count) + " words");
-      const int64_t length = RecordBytes(f, count);
-      ASSERT_EQ(OpenNodeFile(length), 0);
+      ASSERT_EQ(OpenNodeFile(RecordBytes(f, count)), 0);
       for (int64_t r = 1; r <= kRecords; ++r) ASSERT_EQ(Write(f, Make(r, count, 1), r), 0) << r;
       for (int64_t r = 1; r <= kRecords; ++r) ASSERT_EQ(Check(f, r, count, 1), "") << "record " << r;
-      // Random access reads.
+      // Random access reads, then overwrites interleaved with reads of neighbours.
       std::vector<int64_t> order(kRecords);
       std::iota(order.begin(), order.end(), 1);
       std::shuffle(order.begin(), order.end(), std::mt19937(12345));
       for (int64_t r : order) ASSERT_EQ(Check(f, r, count, 1), "") << "random read of " << r;
-      // Random access overwrites, interleaved with reads of neighbours.
       std::vector<bool> rewritten(kRecords + 1, false);
       for (size_t i = 0; i < 500; ++i) {
-        const int64_t r = order[i];
+        const int64_t r = order[i], next = r % kRecords + 1;
         ASSERT_EQ(Write(f, Make(r, count, 2), r), 0) << r;
         rewritten[r] = true;
-        const int64_t next = r % kRecords + 1;
         ASSERT_EQ(Check(f, next, count, rewritten[next] ? 2 : 1), "") << "neighbour " << next;
       }
       for (int64_t r = 1; r <= kRecords; ++r)
@@ -212,33 +207,31 @@ TEST_F(SpillTest, RecordsStandAtTheirOffsets) {
   EXPECT_EQ(at(64, int64_t{}), 77);
 }
 
-TEST_F(SpillTest, WritesThatSkipARecordKeepIt) {
-  // Rewriting records 1 and 3 of a written file must leave record 2 as it
-  // stands, wherever its bytes are held.
-  ASSERT_EQ(OpenNodeFile(16), 0);
-  // 20000 records of 16 bytes: more than any in-memory buffer holds.
-  for (int64_t r = 1; r <= 20000; ++r) ASSERT_EQ(Write(Form::kWords, Make(r, 2, 1), r), 0);
-  for (int64_t r = 1; r <= 20000; ++r) ASSERT_EQ(Check(Form::kWords, r, 2, 1), "") << r;
-  for (int64_t r : {1, 3, 6, 2000, 2002})
-    ASSERT_EQ(Write(Form::kWords, Make(r, 2, 9), r), 0) << r;
-  for (int64_t r : {2, 4, 5, 2001}) EXPECT_EQ(Check(Form::kWords, r, 2, 1), "") << "kept " << r;
-  for (int64_t r : {1, 3, 6, 2000, 2002})
-    EXPECT_EQ(Check(Form::kWords, r, 2, 9), "") << "rewritten " << r;
-}
-
-TEST_F(SpillTest, LargeRecordsRoundTripAndRewrite) {
-  // Records of 80 KB each, read back and rewritten in place.
+// Records rewritten in place keep their neighbours, wherever their bytes
+// are held: skipped records among 20000 of 16 bytes (more than the
+// in-memory window holds), and records of 80 KB (larger than it).
+TEST_F(SpillTest, RewritesKeepTheRecordsTheySkip) {
+  struct Case {
+    Form form;
+    int words;
+    int64_t records;
+    std::vector<int64_t> rewritten;  // in this order
+  } cases[] = {{Form::kWords, 2, 20000, {1, 3, 6, 2000, 2002}}, {Form::kStagePair, 10000, 4, {2, 1}}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(kFormNames[static_cast<int>(c.form)] + std::string(" of ") + std::to_string(c.words));
+    ASSERT_EQ(OpenNodeFile(RecordBytes(c.form, c.words)), 0);
+    for (int64_t r = 1; r <= c.records; ++r) ASSERT_EQ(Write(c.form, Make(r, c.words, 1), r), 0) << r;
+    for (int64_t r = 1; r <= c.records; ++r) ASSERT_EQ(Check(c.form, r, c.words, 1), "") << r;
+    for (int64_t r : c.rewritten) ASSERT_EQ(Write(c.form, Make(r, c.words, 9), r), 0) << r;
+    for (int64_t r = 1; r <= c.records; ++r) {
+      const bool again = std::find(c.rewritten.begin(), c.rewritten.end(), r) != c.rewritten.end();
+      EXPECT_EQ(Check(c.form, r, c.words, again ? 9 : 1), "") << (again ? "rewritten " : "kept ") << r;
+    }
+    CloseNodeFile();
+  }
+  // A short read of the head of a large record, then the whole record
+  // rewritten: the head reads the new words.
   constexpr int kWords = 10000;
-  const int64_t length = RecordBytes(Form::kStagePair, kWords);
-  ASSERT_EQ(OpenNodeFile(length), 0);
-  for (int64_t r = 1; r <= 4; ++r) ASSERT_EQ(Write(Form::kStagePair, Make(r, kWords, 1), r), 0);
-  for (int64_t r = 1; r <= 4; ++r) ASSERT_EQ(Check(Form::kStagePair, r, kWords, 1), "") << r;
-  for (int64_t r : {2, 1}) ASSERT_EQ(Write(Form::kStagePair, Make(r, kWords, 3), r), 0);
-  for (int64_t r = 1; r <= 4; ++r)
-    EXPECT_EQ(Check(Form::kStagePair, r, kWords, r <= 2 ? 3 : 1), "") << r;
-  // A short read of the head of a record, then the whole record rewritten:
-  // the head reads the new words.
-  CloseNodeFile();
   ASSERT_EQ(OpenNodeFile(8 * kWords), 0);
   for (int64_t r = 1; r <= 2; ++r) ASSERT_EQ(Write(Form::kWords, Make(r, kWords, 1), r), 0);
   int64_t head = 0;
@@ -249,93 +242,77 @@ TEST_F(SpillTest, LargeRecordsRoundTripAndRewrite) {
   EXPECT_EQ(head, Make(1, kWords, 5).words[0]) << "head after rewrite";
 }
 
-TEST_F(SpillTest, ReadingPastTheEndFails) {
+TEST_F(SpillTest, ReadsPastTheEndAndOffsetsPastTwoGigabytesFail) {
   ASSERT_EQ(OpenNodeFile(24), 0);
-  int64_t w[3] = {1, 2, 3};
+  int64_t w[4] = {1, 2, 3, 4};
   EXPECT_EQ(ReadWords(w, 3, 1), fail::kSpillRead) << "empty file";
   for (int64_t r = 1; r <= 3; ++r) ASSERT_EQ(WriteWords(w, 3, r), 0);
   EXPECT_EQ(ReadWords(w, 3, 3), 0);
   EXPECT_EQ(ReadWords(w, 3, 4), fail::kSpillRead) << "record 4 of 3";
   EXPECT_EQ(ReadWords(w, 3, 1000), fail::kSpillRead) << "far past the end";
-  int64_t four[4];
-  EXPECT_EQ(ReadWords(four, 4, 3), fail::kSpillRead) << "last record read too long";
+  EXPECT_EQ(ReadWords(w, 4, 3), fail::kSpillRead) << "last record read too long";
+  CloseNodeFile();
+
+  // Record length 1 MiB: record 2048 starts at 2^31 - 2^20, record 2049
+  // at 2^31, one past the largest 32-bit signed offset.
+  constexpr int64_t kMiB = 1 << 20;
+  ASSERT_EQ(OpenNodeFile(kMiB), 0);
+  const int64_t nine = 9;
+  int64_t back = 0;
+  EXPECT_EQ(WriteWords(&nine, 1, 2048), 0);
+  EXPECT_EQ(ReadWords(&back, 1, 2048), 0);
+  EXPECT_EQ(back, 9);
+  EXPECT_EQ(WriteWords(&nine, 1, 2049), fail::kSpillWrite);
+  EXPECT_EQ(ReadWords(&back, 1, 2049), fail::kSpillRead);
+  EXPECT_EQ(WriteWords(&nine, 1, INT64_C(1) << 50), fail::kSpillWrite) << "offset overflows 64 bits";
+  EXPECT_EQ(ReadWords(&back, 1, INT64_C(1) << 50), fail::kSpillRead);
+  // A record that starts below 2 GiB but would end past it.
+  std::vector<int64_t> big(kMiB / 8 + 1, 1);
+  EXPECT_EQ(WriteWords(big.data(), static_cast<int>(big.size()), 2048), fail::kSpillWrite);
 }
 
-TEST_F(SpillTest, UnwritablePathFailsToCreate) {
+// Opening truncates a file of the same name (trailing blanks are not part
+// of it) or makes an unnamed private one; closing deletes, and a second
+// close is harmless.
+TEST_F(SpillTest, FilesAreReplacedPrivateAndDeleted) {
+  CloseNodeFile();  // never opened: nothing happens
+  ExpectNoFile("before any open");
   Host().spill_path = "/nonexistent-dir/x";
   EXPECT_EQ(OpenNodeFile(16), fail::kSpillCreate);
   ExpectNoFile("after a failed open");
-}
 
-TEST_F(SpillTest, ExistingFileIsReplaced) {
   std::FILE* f = std::fopen(path_.c_str(), "wb");
   ASSERT_NE(f, nullptr);
-  const std::string old(1000, 'z');
-  std::fwrite(old.data(), 1, old.size(), f);
+  std::fputs(std::string(1000, 'z').c_str(), f);
   std::fclose(f);
   ASSERT_EQ(FileSize(path_), 1000);
+  Host().spill_path = path_ + "   ";
   ASSERT_EQ(OpenNodeFile(8), 0);
+  EXPECT_TRUE(NodeFileIsOpen());
+  EXPECT_EQ(NodeFilePathForTesting(), path_);
   EXPECT_EQ(FileSize(path_), 0) << "truncated at opening";
   int64_t w = 0;
   EXPECT_EQ(ReadWords(&w, 1, 1), fail::kSpillRead) << "old contents must be gone";
-}
-
-TEST_F(SpillTest, TrailingBlanksAreNotPartOfTheName) {
-  Host().spill_path = path_ + "   ";
-  ASSERT_EQ(OpenNodeFile(8), 0);
-  EXPECT_EQ(NodeFilePathForTesting(), path_);
-  EXPECT_TRUE(FileExists(path_));
-}
-
-TEST_F(SpillTest, CloseDeletesAndIsIdempotent) {
-  CloseNodeFile();  // never opened: nothing happens
-  EXPECT_FALSE(NodeFileIsOpen());
-  ASSERT_EQ(OpenNodeFile(8), 0);
-  EXPECT_TRUE(NodeFileIsOpen());
-  EXPECT_TRUE(FileExists(path_));
   CloseNodeFile();
   EXPECT_FALSE(FileExists(path_));
   ExpectNoFile("after the close");
   CloseNodeFile();
   ExpectNoFile("after a second close");
-}
 
-TEST_F(SpillTest, PrivateTemporaryFileWhenNoPathGiven) {
+  // No path: a private file, unnamed while open, so that even a killed
+  // process leaves nothing behind.
   Host().spill_path = "";
   ASSERT_EQ(OpenNodeFile(8), 0);
-  // The private file is unnamed while open, so that even a killed process
-  // leaves nothing behind.
   const std::string name = NodeFilePathForTesting();
   const char* tmpdir = std::getenv("TMPDIR");
-  const std::string dir = tmpdir && *tmpdir ? tmpdir : "/tmp";
-  EXPECT_EQ(name.rfind(dir + "/anvlwtq-", 0), 0u) << name;
+  EXPECT_EQ(name.rfind(std::string(tmpdir && *tmpdir ? tmpdir : "/tmp") + "/anvlwtq-", 0), 0u) << name;
   EXPECT_FALSE(FileExists(name)) << name;
-  const int64_t w = 42;
-  ASSERT_EQ(WriteWords(&w, 1, 1), 0);
-  int64_t back = 0;
-  ASSERT_EQ(ReadWords(&back, 1, 1), 0);
-  EXPECT_EQ(back, 42);
+  const int64_t answer = 42;
+  ASSERT_EQ(WriteWords(&answer, 1, 1), 0);
+  ASSERT_EQ(ReadWords(&w, 1, 1), 0);
+  EXPECT_EQ(w, 42);
   CloseNodeFile();
   EXPECT_FALSE(FileExists(name)) << name;
-}
-
-TEST_F(SpillTest, OffsetsBeyondThirtyTwoBitsFail) {
-  // Record length 1 MiB: record 2048 starts at 2^31 - 2^20, record 2049
-  // at 2^31, one past the largest 32-bit signed offset.
-  constexpr int64_t kMiB = 1 << 20;
-  ASSERT_EQ(OpenNodeFile(kMiB), 0);
-  const int64_t w = 9;
-  int64_t back = 0;
-  EXPECT_EQ(WriteWords(&w, 1, 2048), 0);
-  EXPECT_EQ(ReadWords(&back, 1, 2048), 0);
-  EXPECT_EQ(back, 9);
-  EXPECT_EQ(WriteWords(&w, 1, 2049), fail::kSpillWrite);
-  EXPECT_EQ(ReadWords(&back, 1, 2049), fail::kSpillRead);
-  EXPECT_EQ(WriteWords(&w, 1, INT64_C(1) << 50), fail::kSpillWrite) << "offset overflows 64 bits";
-  EXPECT_EQ(ReadWords(&back, 1, INT64_C(1) << 50), fail::kSpillRead);
-  // A record that starts below 2 GiB but would end past it.
-  std::vector<int64_t> big(kMiB / 8 + 1, 1);
-  EXPECT_EQ(WriteWords(big.data(), static_cast<int>(big.size()), 2048), fail::kSpillWrite);
 }
 
 TEST(SpillThreads, EachThreadHasItsOwnFile) {

@@ -1,26 +1,26 @@
-// Normal quantiles, the upper normal deviate, the chi-square tail and the
-// 2 x 2 helpers, against R (kernel_refs.csv) and hand computations.
+// Normal quantiles, the upper normal deviate, the chi-square tail, log
+// factorials and the 2 x 2 helpers, against R (kernel_refs.csv) and hand
+// computations.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
 #include <string>
+#include <vector>
 
 #include "kernel/distributions.h"
 #include "kernel/log_factorial.h"
-#include "kernel_refs.h"
+#include "support/ref_data.h"
 
 namespace anvl {
 namespace {
 
-using testing_refs::LoadRefs;
+using support::LoadKernelRefs;
 
 constexpr double kEps = std::numeric_limits<double>::epsilon();
 // Published accuracy of the rational approximation AS 70 (Odeh and Evans
 // 1974): the deviate is within 1.5e-8 for tails from 1e-20 to 0.5.
 constexpr double kAs70Accuracy = 1.5e-8;
-
-double NormalDensity(double z) { return std::exp(-z * z / 2) / std::sqrt(2 * M_PI); }
 
 // What Newton's iteration can promise: it stops on a step below |z| 1e-10,
 // after which the error is of the order of the step squared; what remains
@@ -29,47 +29,38 @@ double NormalDensity(double z) { return std::exp(-z * z / 2) / std::sqrt(2 * M_P
 // relative below -2.8 (F = -q).  An error dF moves z by dF / phi(z).
 double QuantileTolerance(double p, double z) {
   const double dF = 4 * kEps * (z <= -2.8 ? p : 1.0);
-  return dF / NormalDensity(z) + 1e-14 * std::fabs(z);
+  return dF / (std::exp(-z * z / 2) / std::sqrt(2 * M_PI)) + 1e-14 * std::fabs(z);
 }
 
-TEST(NormalQuantile, AgreesWithRQnorm) {
-  const auto rows = LoadRefs("qnorm");
-  ASSERT_GE(rows.size(), 8u);
-  for (const auto& r : rows) {
-    const double p = r.a[0];
-    const double z = NormalQuantile(p);
-    EXPECT_NEAR(z, r.value, QuantileTolerance(p, r.value)) << "NormalQuantile(" << p << "), source: R qnorm";
-  }
+// log C(n, k) as a sum of log((n - k + i) / i) in long double.
+long double LogChoose(int64_t n, int64_t k) {
+  long double s = 0;
+  for (int64_t i = 1; i <= k; ++i) s += std::log(static_cast<long double>(n - k + i) / i);
+  return s;
 }
 
-TEST(NormalQuantile, FixedPoints) {
+TEST(Distributions, AgreeWithRAndKeepTheirEdges) {
+  for (const auto& r : LoadKernelRefs("qnorm"))
+    EXPECT_NEAR(NormalQuantile(r.a[0]), r.value, QuantileTolerance(r.a[0], r.value))
+        << "NormalQuantile(" << r.a[0] << "), source: R qnorm";
   EXPECT_EQ(NormalQuantile(0.5), 0.0);
-  EXPECT_NEAR(NormalQuantile(0.975), 1.959963984540, 1e-12) << "source: R qnorm(0.975)";
-}
 
-TEST(UpperNormalDeviate, AgreesWithRToTheApproximationsAccuracy) {
-  const auto rows = LoadRefs("qnorm_upper");
-  ASSERT_GE(rows.size(), 20u);
-  for (const auto& r : rows) {
+  const auto upper = LoadKernelRefs("qnorm_upper");
+  ASSERT_GE(upper.size(), 20u);
+  for (const auto& r : upper)
     EXPECT_NEAR(UpperNormalDeviate(r.a[0]), r.value, kAs70Accuracy)
         << "UpperNormalDeviate(" << r.a[0] << "), source: R qnorm(p, lower.tail = FALSE)";
-  }
   EXPECT_EQ(UpperNormalDeviate(0.5), 0.0);
   EXPECT_EQ(UpperNormalDeviate(1e-30), -99999.0);
   EXPECT_EQ(UpperNormalDeviate(1.0), -99999.0);
-}
 
-TEST(ChiSquareTail, AgreesWithRAndKeepsItsEdges) {
-  const auto rows = LoadRefs("pchisq_upper");
-  ASSERT_GE(rows.size(), 8u);
-  for (const auto& r : rows) {
+  for (const auto& r : LoadKernelRefs("pchisq_upper")) {
     const double tol = r.value < 1e-6 ? 1e-10 : 1e-12;
     EXPECT_NEAR(ChiSquareTail(r.a[0], static_cast<int64_t>(r.a[1])), r.value, tol * r.value)
         << "ChiSquareTail(" << r.a[0] << ", " << r.a[1] << "), source: R pchisq(lower.tail = FALSE)";
   }
   EXPECT_EQ(ChiSquareTail(0.0, 3), 0.0);
   EXPECT_EQ(ChiSquareTail(-1.0, 3), 0.0);
-
   testing::internal::CaptureStderr();
   ChiSquareTail(2.0, 0);
   const std::string line = testing::internal::GetCapturedStderr();
@@ -80,11 +71,66 @@ TEST(ChiSquareTail, AgreesWithRAndKeepsItsEdges) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-// log C(n, k) as a sum of log((n - k + i) / i) in long double.
-long double LogChoose(int64_t n, int64_t k) {
-  long double s = 0;
-  for (int64_t i = 1; i <= k; ++i) s += std::log(static_cast<long double>(n - k + i) / i);
-  return s;
+TEST(LogFactorial, TableRoutesAndBinomials) {
+  LogFactorialTable table;
+  BuildLogFactorials(table);
+  EXPECT_EQ(table[0], 0.0);
+  double running = 0.0;
+  long double exact = 0.0L;
+  for (int k = 1; k <= 500; ++k) {
+    running += std::log(static_cast<double>(k));
+    exact += std::log(static_cast<long double>(k));
+    // The order of summation is part of the contract: bit for bit.
+    EXPECT_EQ(table[k], running) << "k = " << k;
+    // 500 roundings of a growing sum: well inside 500 eps relative.
+    EXPECT_NEAR(table[k], static_cast<double>(exact), 500 * kEps * static_cast<double>(exact)) << k;
+  }
+  // The step from 500 to 501 is log 501, to the rounding of numbers near 2611.
+  EXPECT_NEAR(LogFactorial(501, table.data()) - table[500], std::log(501.0), 8 * kEps * table[500]);
+  EXPECT_NEAR(LogFactorialS(501, table.data()) - table[500], std::log(501.0), 8 * kEps * table[500]);
+  for (const auto& r : LoadKernelRefs("lgamma")) {
+    const double n = r.a[0] - 1;
+    if (n == 500) {
+      EXPECT_NEAR(table[500], r.value, 1e-13 * r.value) << "source: R lgamma(501)";
+    }
+    if (n <= 500 || n != std::floor(n)) continue;
+    EXPECT_NEAR(LogFactorialStirling(static_cast<int64_t>(n)), r.value, 1e-14 * r.value)
+        << "n = " << n << ", source: R lgamma(n + 1)";
+  }
+
+  // Which route serves which n: a table of markers shows the index read.
+  double m[kLogFactorialEntries];
+  for (int k = 0; k < kLogFactorialEntries; ++k) m[k] = -1000.0 - k;
+  for (int64_t n : {0, 1, 2, 250, 499, 500}) {
+    EXPECT_EQ(LogFactorial(n, m), m[n]) << n;
+    EXPECT_EQ(LogFactorialS(n, m), m[n]) << n;
+  }
+  EXPECT_EQ(LogFactorialBy(FactorialRoute::kTableBelow500LogGamma, 499, m), m[499]);
+  EXPECT_EQ(LogFactorialBy(FactorialRoute::kTableBelow500LogGamma, 500, m), DNLGAM(501.0));
+  EXPECT_EQ(LogFactorial(501, m), DNLGAM(502.0));
+  EXPECT_EQ(LogFactorialS(501, m), LogFactorialStirling(501));
+
+  // The ends need no table.
+  for (int64_t n : {0, 1, 7, 500, 501, 100000}) {
+    EXPECT_EQ(LogBinomial(n, 0, nullptr), 0.0) << n;
+    EXPECT_EQ(LogBinomial(n, n, nullptr), 0.0) << n;
+    EXPECT_EQ(LogBinomial(n, n, nullptr, FactorialRoute::kTableTo500Stirling), 0.0) << n;
+  }
+  struct Case {
+    int64_t n, k;
+    const char* source;
+  } cases[] = {{10, 3, "small"},       {500, 250, "n at the table's end"}, {501, 1, "just above"},
+               {1200, 37, "far above"}, {1200, 600, "middle, far above"},  {800, 799, "k = n - 1"}};
+  for (auto route : {FactorialRoute::kTableTo500LogGamma, FactorialRoute::kTableBelow500LogGamma,
+                     FactorialRoute::kTableTo500Stirling}) {
+    for (const auto& c : cases) {
+      // Differences of log factorials of size up to ~7300 lose their ulps.
+      const double tol = 16 * kEps * LogFactorial(c.n, table.data()) + 1e-14;
+      EXPECT_NEAR(LogBinomial(c.n, c.k, table.data(), route), static_cast<double>(LogChoose(c.n, c.k)), tol)
+          << "C(" << c.n << ", " << c.k << ") route " << static_cast<int>(route) << " (" << c.source
+          << ": long double products)";
+    }
+  }
 }
 
 TEST(TwoByTwo, LogWeightPearsonAndEntropy) {
@@ -98,9 +144,8 @@ TEST(TwoByTwo, LogWeightPearsonAndEntropy) {
                  {250, 260, 500, 245, "column total 500"},
                  {5, 5, 5, 5, "zero cells"}};
   for (const auto& c : weights) {
-    const long double want = LogChoose(c.a, c.x) + LogChoose(c.b, c.c - c.x);
-    EXPECT_NEAR(TableLogWeight(c.a, c.b, c.c, c.x, table.data()), static_cast<double>(want),
-                1e-13 * std::fabs(static_cast<double>(want)) + 1e-13)
+    const double want = static_cast<double>(LogChoose(c.a, c.x) + LogChoose(c.b, c.c - c.x));
+    EXPECT_NEAR(TableLogWeight(c.a, c.b, c.c, c.x, table.data()), want, 1e-13 * std::fabs(want) + 1e-13)
         << c.a << " " << c.b << " " << c.c << " " << c.x << " (" << c.source << ": long double log products)";
   }
 
@@ -109,10 +154,7 @@ TEST(TwoByTwo, LogWeightPearsonAndEntropy) {
   const double expected[4] = {4, 6, 8, 12};
   double cells[4] = {};
   EXPECT_DOUBLE_EQ(TablePearson(10, 20, 12, 7, expected, cells), 5.625);
-  EXPECT_EQ(cells[0], 7.0);
-  EXPECT_EQ(cells[1], 3.0);
-  EXPECT_EQ(cells[2], 5.0);
-  EXPECT_EQ(cells[3], 15.0);
+  EXPECT_EQ(std::vector<double>(cells, cells + 4), (std::vector<double>{7, 3, 5, 15}));
 
   // Cells 5, 0, 0, 5: 2 * 5 log 5, the empty cells adding nothing (by hand).
   EXPECT_DOUBLE_EQ(TableEntropy(5, 5, 5, 5), 10 * std::log(5.0));

@@ -1,6 +1,9 @@
 // Procedures 7, 507, 31 and 42 from the host's side: the fields of their
 // records, exact p-values against enumeration, and their failures.
 #include <gtest/gtest.h>
+#include <algorithm>
+#include "frame/run_store.h"
+#include "frame/spill.h"
 
 #include <dirent.h>
 #include <unistd.h>
@@ -199,6 +202,43 @@ TEST(ContingencyNetwork, PoolExhaustionEndsTheRunWithNoMemory) {
   HostCall large(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
   large.ip[TQ_INT_MEMORY] = 20000;
   EXPECT_EQ(large.Run(t)[48], 0.0);
+  // The host's ceiling is read at every call: at 1 MiB (raised to the
+  // 2 MiB floor) the same request runs out again; cleared, it finishes.
+  ASSERT_EQ(setenv(anvl::kCeilingVariable, "1", 1), 0);
+  EXPECT_EQ(large.Run(t)[48], -1001.0);
+  ASSERT_EQ(unsetenv(anvl::kCeilingVariable), 0);
+  EXPECT_EQ(large.Run(t)[48], 0.0);
+}
+
+// ANVLWTQ_MEMORY_CEILING: whole mebibytes lift the 16 MiB ceiling of the
+// budget, never above half the machine's memory; anything else leaves it.
+TEST(MemoryCeiling, FollowsTheHostsVariable) {
+  struct Case {
+    const char* value;
+    int64_t ceiling;  // bytes; 0: half the machine's memory
+  };
+  const Case cases[] = {
+      {nullptr, 16777216}, {"", 16777216},   {"abc", 16777216},    {"0", 16777216},
+      {"-64", 16777216},   {"12x", 16777216}, {" 64", 16777216},    {"64", 67108864},
+      {"1", 2097152},      {"1024", 1073741824}, {"999999999999999999999", 0},
+  };
+  const double half = static_cast<double>(sysconf(_SC_PHYS_PAGES)) *
+                      static_cast<double>(sysconf(_SC_PAGESIZE)) / 2.0;
+  for (const Case& c : cases) {
+    if (c.value == nullptr) {
+      ASSERT_EQ(unsetenv(anvl::kCeilingVariable), 0);
+    } else {
+      ASSERT_EQ(setenv(anvl::kCeilingVariable, c.value, 1), 0);
+    }
+    const double expected = c.ceiling == 0 ? half : std::min<double>(c.ceiling, half);
+    EXPECT_NEAR(static_cast<double>(anvl::MemoryCeiling()), expected, 1.0)
+        << (c.value ? c.value : "unset");
+    // The budget of a caller that asks for 1 TiB stops at the ceiling.
+    anvl::ResetStore();
+    anvl::SetSetting(anvl::setting::kMemoryLimit, int64_t{1} << 30);
+    EXPECT_EQ(anvl::MemoryBudget(), anvl::MemoryCeiling()) << (c.value ? c.value : "unset");
+  }
+  ASSERT_EQ(unsetenv(anvl::kCeilingVariable), 0);
 }
 
 }  // namespace

@@ -141,20 +141,56 @@ TEST(PastPool, MergesCloseValuesKeepsSumsAndRunsOut) {
   ASSERT_EQ(pool.Create(3), 0);
   int64_t root = 0;
   const double tol = 1.0000000116860974e-07;
-  EXPECT_EQ(pool.AddToTree(root, 5.0, std::log(0.25), tol), 1);
+  EXPECT_EQ(pool.AddToTree(root, 5.0, 0.25, tol), 1);
   EXPECT_EQ(root, 1);
-  EXPECT_EQ(pool.AddToTree(root, 5.0 + 1e-8, std::log(0.25), tol), 0);  // merges
-  EXPECT_NEAR(std::exp(pool[1].logp), 0.5, 1e-15);
-  EXPECT_EQ(pool.AddToTree(root, 5.0 + 1e-6, std::log(0.125), tol), 1);  // doesn't
-  EXPECT_EQ(pool.AddToTree(root, 4.0, std::log(0.125), tol), 1);         // last entry
-  EXPECT_NEAR(std::exp(pool[1].sum_left), 0.625, 1e-15);
-  EXPECT_NEAR(std::exp(pool[1].sum_right), 0.625, 1e-15);
-  EXPECT_EQ(pool.AddToTree(root, 3.0, 0.0, tol), -1);                    // exhausted
+  EXPECT_EQ(pool.AddToTree(root, 5.0 + 1e-8, 0.25, tol), 0);  // merges
+  EXPECT_DOUBLE_EQ(pool[1].q, 0.5);
+  EXPECT_EQ(pool.AddToTree(root, 5.0 + 1e-6, 0.125, tol), 1);  // doesn't
+  EXPECT_EQ(pool.AddToTree(root, 4.0, 0.125, tol), 1);         // last entry
+  pool.Summarize(root);
+  EXPECT_DOUBLE_EQ(pool[1].q + pool.Total(pool[1].left), 0.625);
+  EXPECT_DOUBLE_EQ(pool[1].q + pool.Total(pool[1].right), 0.625);
+  EXPECT_DOUBLE_EQ(pool[1].total, 0.75);
+  EXPECT_EQ(pool.AddToTree(root, 3.0, 0.0, tol), -1);  // exhausted
   int64_t other = 0;
   pool.FreeTree(root);
   EXPECT_EQ(root, 0);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(pool.AddToTree(other, i * 1.0, 0.0, tol), 1);
   EXPECT_EQ(pool.AddToTree(other, 9.0, 0.0, tol), -1);
+}
+
+// Inserts that start from the previous insert's path build the same tree,
+// entry for entry, as inserts from the root: values drawn in runs that
+// wander, with many within the merge tolerance of each other.
+TEST(PastPool, FingerInsertsBuildTheSameTree) {
+  const double tol = 9.999999747378752e-06;
+  std::mt19937_64 rng(20261123);
+  std::uniform_real_distribution<double> step(-3e-5, 3e-5), jump(-1.0, 1.0);
+  for (int trial = 0; trial < 20; ++trial) {
+    PastPool plain, finger_pool;
+    ASSERT_EQ(plain.Create(5000), 0);
+    ASSERT_EQ(finger_pool.Create(5000), 0);
+    int64_t a = 0, b = 0;
+    PastPool::TreeFinger finger;
+    double v = 0.0;
+    int64_t made = 0;
+    for (int i = 0; i < 4000; ++i) {
+      v = (i % 37 == 0) ? jump(rng) : v + step(rng);
+      const double q = 1.0 / (i + 1);
+      const int r = plain.AddToTree(a, v, q, tol);
+      ASSERT_EQ(r, finger_pool.AddWithFinger(finger, b, v, q, tol))
+          << "trial " << trial << " insert " << i;
+      made += r;
+    }
+    EXPECT_GT(made, 100);
+    EXPECT_LT(made, 3900);  // many values merged
+    for (int64_t e = 1; e <= made; ++e) {
+      ASSERT_EQ(plain[e].stat, finger_pool[e].stat) << e;
+      ASSERT_EQ(plain[e].left, finger_pool[e].left) << e;
+      ASSERT_EQ(plain[e].right, finger_pool[e].right) << e;
+      ASSERT_EQ(plain[e].q, finger_pool[e].q) << e;
+    }
+  }
 }
 
 TEST(PastPool, EntryLimitFollowsTheBudget) {

@@ -6,6 +6,7 @@
 #include <random>
 #include <vector>
 
+#include "anvlwtq.h"
 #include "frame/progress.h"
 #include "frame/run_store.h"
 #include "frame/spill.h"
@@ -13,6 +14,7 @@
 #include "network/passes.h"
 #include "network/pearson.h"
 #include "support/enumerate.h"
+#include "support/host_call.h"
 
 namespace anvl::net {
 namespace {
@@ -79,13 +81,19 @@ TEST(PearsonNetwork, WorkedThreeByThreeTable) {
   EXPECT_FALSE(run.pass.stopped_early);
 }
 
-TEST(PearsonNetwork, AgreesWithEnumerationOnRandomTables) {
+// Both members of the network against the sums over every table with the
+// margins, on 500 random tables up to 5 x 6 and N = 30 (plain and skewed
+// cells): Pearson's tail above and point mass, and Fisher's two-sided
+// p-value through the host.  The passes sum probabilities in their own
+// order; the sums must agree with the enumeration's long double sums.
+TEST(NetworkExact, BothMembersAgreeWithEnumerationOn500Tables) {
   std::mt19937_64 rng(20261123);
-  int checked = 0;
   // Margins with more tables than this are passed over to keep the
-  // enumeration quick; sizes still reach 5 x 6 and N = 30.
-  constexpr uint64_t kMaxTables = 200000;
-  for (int i = 0; checked < 200 && i < 2000; ++i) {
+  // enumeration quick.
+  constexpr uint64_t kMaxTables = 100000;
+  constexpr double kRelative = 1e-12;
+  int checked = 0;
+  for (int i = 0; checked < 500 && i < 5000; ++i) {
     const int rows = 2 + static_cast<int>(rng() % 4);
     const int cols = 2 + static_cast<int>(rng() % 5);
     const int64_t n = std::max(rows, cols) + static_cast<int64_t>(rng() % (31 - std::max(rows, cols)));
@@ -100,12 +108,19 @@ TEST(PearsonNetwork, AgreesWithEnumerationOnRandomTables) {
                                   : PearsonMember::kManyColumnTolerance;
     const support::TailResult ref = support::PearsonTails(t, rel, 0.0);
     const double point = run.pass.stopped_early ? run.table_probability : run.pass.point;
-    EXPECT_NEAR(run.pass.tail_high, (double)ref.above, 1e-9 * (double)ref.above + 1e-15)
+    EXPECT_NEAR(run.pass.tail_high, (double)ref.above, kRelative * (double)ref.above + 1e-300)
         << support::Describe(t);
-    EXPECT_NEAR(point, (double)ref.equal, 1e-9 * (double)ref.equal) << support::Describe(t);
+    EXPECT_NEAR(point, (double)ref.equal, kRelative * (double)ref.equal) << support::Describe(t);
+    if (rows * cols > 4) {  // 2 x 2 tables take the direct walk
+      support::HostCall fisher(TQ_PROC_FISHER, TQ_METHOD_EXACT);
+      const double* r = fisher.Run(t);
+      ASSERT_EQ(r[48], 0.0) << support::Describe(t);
+      const double p = (double)support::FisherExact(t).pValue;
+      EXPECT_NEAR(r[16], p, kRelative * p) << support::Describe(t);
+    }
     ++checked;
   }
-  EXPECT_GE(checked, 200);
+  EXPECT_GE(checked, 500);
 }
 
 TEST(PearsonNetwork, ObservedMaximumHasNoUpperTail) {

@@ -18,8 +18,10 @@ constexpr long double kSumTol = 1e-15L;
 // columns: the single-precision 5e-5 widened to double.
 constexpr double kPearsonRelTol = 4.999999873689376e-05;
 
-TEST(EnumerateTables, TwoByTwoHandProbabilities) {
-  // Margins 4, 4 / 4, 4: x11 = k has P = C(4,k) C(4,4-k) / C(8,4).
+double D(long double x) { return static_cast<double>(x); }
+
+TEST(EnumerateTables, HandAndPublishedTables) {
+  // Margins 4, 4 / 4, 4: x11 = k has P = C(4,k) C(4,4-k) / C(8,4) (by hand).
   const Table observed = MakeTable({{3, 1}, {1, 3}});
   std::vector<long double> byX11(5, -1.0L);
   const uint64_t count =
@@ -31,34 +33,40 @@ TEST(EnumerateTables, TwoByTwoHandProbabilities) {
       });
   EXPECT_EQ(count, 5u);
   const double hand[5] = {1.0 / 70, 16.0 / 70, 36.0 / 70, 16.0 / 70, 1.0 / 70};
-  for (int k = 0; k < 5; ++k)
-    EXPECT_NEAR(static_cast<double>(byX11[k]), hand[k], 1e-17) << "x11 = " << k;
+  for (int k = 0; k < 5; ++k) EXPECT_NEAR(D(byX11[k]), hand[k], 1e-17) << "x11 = " << k;
   // Fisher: the tables no more probable than 16/70: 1 + 16 + 16 + 1.
   const FisherResult f = FisherExact(observed);
-  EXPECT_NEAR(static_cast<double>(f.pValue), 34.0 / 70, 1e-16);
-  EXPECT_NEAR(static_cast<double>(f.pointProb), 16.0 / 70, 1e-17);
-}
+  EXPECT_NEAR(D(f.pValue), 34.0 / 70, 1e-16);
+  EXPECT_NEAR(D(f.pointProb), 16.0 / 70, 1e-17);
 
-TEST(EnumerateTables, PublishedThreeByThree) {
-  struct Case {
-    std::vector<std::vector<int64_t>> rows;
-    double x2, above, equal, fisher;
+  // X2 of these tables: 8 (x11 = 0, 4), 2 (1, 3), 0 (2); obs = 2 (by hand).
+  struct Band {
+    double rel, abs;
+    double above, equal, below;
     const char* source;
-  };
-  const Case cases[] = {
-      {{{2, 1, 1}, {0, 3, 2}, {1, 0, 4}}, 7.275, 0.134199134, 0.023310023, 0.154179154,
-       "published worked example of the exact Pearson and Fisher tests, 3 x 3, N = 14"},
-  };
-  for (const Case& c : cases) {
-    const Table t = MakeTable(c.rows);
-    SCOPED_TRACE(Describe(t) + " (" + c.source + ")");
-    EXPECT_NEAR(PearsonX2(t), c.x2, 1e-12);
-    const TailResult tails = EnumerateTails(t, PearsonX2, kPearsonRelTol, 0.0);
-    EXPECT_NEAR(static_cast<double>(tails.above), c.above, kPublishedTol);
-    EXPECT_NEAR(static_cast<double>(tails.equal), c.equal, kPublishedTol);
-    EXPECT_NEAR(static_cast<double>(tails.above + tails.equal + tails.below), 1.0, 1e-15);
-    EXPECT_NEAR(static_cast<double>(FisherPValue(t)), c.fisher, kPublishedTol);
+  } bands[] = {{0.0, 1e-9, 2.0 / 70, 32.0 / 70, 36.0 / 70, "a tight band"},
+               {0.0, 2.5, 2.0 / 70, 68.0 / 70, 0.0, "an absolute band of 2.5 takes in X2 = 0"},
+               {1.5, 0.0, 2.0 / 70, 68.0 / 70, 0.0, "a relative band of 1.5 x 2 reaches X2 = 0"}};
+  for (const Band& b : bands) {
+    const TailResult tails = EnumerateTails(observed, PearsonX2, b.rel, b.abs);
+    EXPECT_NEAR(D(tails.above), b.above, 1e-17) << b.source;
+    EXPECT_NEAR(D(tails.equal), b.equal, 1e-17) << b.source;
+    EXPECT_NEAR(D(tails.below), b.below, 1e-17) << b.source;
   }
+
+  // Published worked example of the exact Pearson and Fisher tests, 3 x 3, N = 14.
+  const Table t = MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
+  EXPECT_NEAR(PearsonX2(t), 7.275, 1e-12);
+  const TailResult tails = EnumerateTails(t, PearsonX2, kPearsonRelTol, 0.0);
+  EXPECT_NEAR(D(tails.above), 0.134199134, kPublishedTol);
+  EXPECT_NEAR(D(tails.equal), 0.023310023, kPublishedTol);
+  EXPECT_NEAR(D(tails.above + tails.equal + tails.below), 1.0, 1e-15);
+  EXPECT_NEAR(D(FisherPValue(t)), 0.154179154, kPublishedTol);
+
+  // The engine's cell order runs the row index fastest.
+  const Table two = MakeTable({{1, 2, 3}, {4, 5, 6}});
+  EXPECT_EQ(ColumnMajor(two), (std::vector<int64_t>{1, 4, 2, 5, 3, 6}));
+  EXPECT_EQ(FromColumnMajor(2, 3, ColumnMajor(two)).cells, two.cells);
 }
 
 TEST(EnumerateTables, CountsMatchClosedForms) {
@@ -68,12 +76,9 @@ TEST(EnumerateTables, CountsMatchClosedForms) {
     const char* source;
   };
   const Case cases[] = {
-      // 3 x 3 with all margins n: (n+1)(n+2)(n^2+3n+4)/8 tables.
-      {{3, 3, 3}, {3, 3, 3}, 55, "(n+1)(n+2)(n^2+3n+4)/8 at n = 3"},
-      {{5, 5, 5}, {5, 5, 5}, 231, "(n+1)(n+2)(n^2+3n+4)/8 at n = 5"},
-      // 2 x c with first row a: compositions of a into c parts capped by c_j.
+      {{3, 3, 3}, {3, 3, 3}, 55, "3 x 3, all margins n: (n+1)(n+2)(n^2+3n+4)/8 at n = 3"},
+      {{5, 5, 5}, {5, 5, 5}, 231, "the same at n = 5"},
       {{4, 6}, {2, 3, 5}, 11, "first rows (x1 <= 2, x2 <= 3, x3 <= 5) summing to 4, by hand"},
-      // n x n with all margins 1: the n! permutation matrices.
       {{1, 1, 1, 1, 1}, {1, 1, 1, 1, 1}, 120, "permutation matrices, 5!"},
       {{7}, {2, 5}, 1, "one row: the column totals"},
       {{0, 3}, {3, 0}, 1, "zero margins leave one table"},
@@ -91,7 +96,7 @@ TEST(EnumerateTables, CountsMatchClosedForms) {
     EXPECT_EQ(visited, c.count);
     EXPECT_EQ(seen.size(), c.count) << "a table was visited twice";
     EXPECT_EQ(CountTables(c.rowTotals, c.colTotals, 1000000), c.count);
-    EXPECT_NEAR(static_cast<double>(total), 1.0, 1e-15);
+    EXPECT_NEAR(D(total), 1.0, 1e-15);
   }
   // Counting stops just past the limit (2 x 10^9 tables with these margins).
   EXPECT_EQ(CountTables({6, 6, 6, 6, 6}, {5, 5, 5, 5, 5, 5}, 1000), 1001u);
@@ -102,8 +107,7 @@ TEST(EnumerateTables, RandomMarginsSumToOneAndFastPathAgrees) {
   struct Shape {
     int rows, cols;
     int64_t n;
-  };
-  const Shape shapes[] = {{2, 2, 15}, {2, 5, 12}, {3, 3, 12}, {3, 4, 14}, {4, 3, 10}, {4, 5, 11}, {5, 6, 10}};
+  } shapes[] = {{2, 2, 15}, {2, 5, 12}, {3, 3, 12}, {3, 4, 14}, {4, 3, 10}, {4, 5, 11}, {5, 6, 10}};
   for (const Shape& s : shapes) {
     for (int rep = 0; rep < 6; ++rep) {
       const Table t = rep % 2 == 0 ? RandomTable(rng, s.rows, s.cols, s.n)
@@ -120,18 +124,18 @@ TEST(EnumerateTables, RandomMarginsSumToOneAndFastPathAgrees) {
         total += p;
         if (x.cells == t.cells) {
           found = true;
-          EXPECT_NEAR(static_cast<double>(p / pObs), 1.0, 1e-15);
+          EXPECT_NEAR(D(p / pObs), 1.0, 1e-15);
         }
       });
       EXPECT_TRUE(found) << "observed table not visited";
-      EXPECT_NEAR(static_cast<double>(total), 1.0, static_cast<double>(kSumTol));
+      EXPECT_NEAR(D(total), 1.0, D(kSumTol));
 
       const TailResult generic = EnumerateTails(t, PearsonX2, kPearsonRelTol, 0.0);
       const TailResult fast = PearsonTails(t, kPearsonRelTol, 0.0);
       EXPECT_EQ(generic.tables, fast.tables);
-      EXPECT_NEAR(static_cast<double>(generic.above), static_cast<double>(fast.above), 1e-15);
-      EXPECT_NEAR(static_cast<double>(generic.equal), static_cast<double>(fast.equal), 1e-15);
-      EXPECT_NEAR(static_cast<double>(generic.below), static_cast<double>(fast.below), 1e-15);
+      EXPECT_NEAR(D(generic.above), D(fast.above), 1e-15);
+      EXPECT_NEAR(D(generic.equal), D(fast.equal), 1e-15);
+      EXPECT_NEAR(D(generic.below), D(fast.below), 1e-15);
       EXPECT_GE(generic.equal, pObs * (1 - 1e-15L)) << "observed table outside its own tie band";
 
       // Fisher's p-value holds the observed table and at most everything.
@@ -140,29 +144,6 @@ TEST(EnumerateTables, RandomMarginsSumToOneAndFastPathAgrees) {
       EXPECT_LE(f.pValue, 1.0L + kSumTol);
     }
   }
-}
-
-TEST(EnumerateTables, TailsSplitByToleranceBand) {
-  // X2 of 2 x 2 tables with margins 4, 4 / 4, 4: 8 (x11 = 0, 4), 2 (1, 3), 0 (2).
-  const Table observed = MakeTable({{3, 1}, {1, 3}});
-  const TailResult exact = EnumerateTails(observed, PearsonX2, 0.0, 1e-9);
-  EXPECT_NEAR(static_cast<double>(exact.above), 2.0 / 70, 1e-17);
-  EXPECT_NEAR(static_cast<double>(exact.equal), 32.0 / 70, 1e-17);
-  EXPECT_NEAR(static_cast<double>(exact.below), 36.0 / 70, 1e-17);
-  // An absolute band of 2.5 around obs = 2 takes in X2 = 0 too.
-  const TailResult wide = EnumerateTails(observed, PearsonX2, 0.0, 2.5);
-  EXPECT_NEAR(static_cast<double>(wide.equal), 68.0 / 70, 1e-17);
-  // A relative band of 1.5 x obs = 3 reaches X2 = 0 as well.
-  const TailResult rel = EnumerateTails(observed, PearsonX2, 1.5, 0.0);
-  EXPECT_NEAR(static_cast<double>(rel.equal), 68.0 / 70, 1e-17);
-}
-
-TEST(EnumerateTables, ColumnMajorRunsRowIndexFastest) {
-  const Table t = MakeTable({{1, 2, 3}, {4, 5, 6}});
-  EXPECT_EQ(ColumnMajor(t), (std::vector<int64_t>{1, 4, 2, 5, 3, 6}));
-  const Table back = FromColumnMajor(2, 3, ColumnMajor(t));
-  EXPECT_EQ(back.cells, t.cells);
-  EXPECT_EQ(back.at(1, 0), 4);
 }
 
 }  // namespace

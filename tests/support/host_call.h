@@ -42,6 +42,17 @@ struct HostCall {
     ip[TQ_INT_CUT_RULE] = 13;
     rp[TQ_REAL_MEDIAN_CUT] = cut;
   }
+  // The exact binomial test of case data at p0: values (row index fastest,
+  // case_rows per case) with their weights.
+  static HostCall Binomial(std::vector<double> v, std::vector<int64_t> w, double p0,
+                           int64_t case_rows = 1) {
+    HostCall c(TQ_PROC_BINOMIAL, TQ_METHOD_EXACT);
+    c.values = std::move(v);
+    c.weights = std::move(w);
+    c.case_rows = case_rows;
+    c.rp[TQ_REAL_P0] = p0;
+    return c;
+  }
   // Runs on a table (data form 1).
   const double* Run(const Table& t) {
     ip[TQ_INT_DATA_FORM] = 1;
@@ -59,15 +70,17 @@ struct HostCall {
              weights.empty() ? nullptr : weights.data(), f, spill.c_str());
     return f;
   }
-  // The record fields that hold something other than the filler, less the
-  // elapsed time and the failure fields.
-  std::vector<int> Published() const {
-    std::vector<int> out;
-    for (int i = 0; i < TQ_RECORD_LENGTH; ++i)
-      if (i != 42 && i != 43 && i != 44 && i != 48 && i != 49 && f[i] != kTestFiller)
-        out.push_back(i);
-    return out;
-  }
+  std::vector<int> Published() const;
 };
+
+// The fields of record f that hold something other than the filler, less the
+// elapsed time and the failure fields (42-44, 48, 49): empty after a failure.
+inline std::vector<int> PublishedFields(const double* f, double filler = kTestFiller) {
+  std::vector<int> out;
+  for (int i = 0; i < TQ_RECORD_LENGTH; ++i)
+    if (i != 42 && i != 43 && i != 44 && i != 48 && i != 49 && f[i] != filler) out.push_back(i);
+  return out;
+}
+inline std::vector<int> HostCall::Published() const { return PublishedFields(f); }
 
 }  // namespace anvl::support

@@ -12,23 +12,31 @@
 namespace anvl::support {
 namespace {
 
-// One CSV file with a header line; fields hold no commas or quotes.
+std::vector<std::string> Split(const std::string& line) {
+  std::vector<std::string> out;
+  std::string field;
+  std::istringstream in(line);
+  while (std::getline(in, field, ',')) out.push_back(field);
+  if (!line.empty() && line.back() == ',') out.emplace_back();
+  return out;
+}
+
+// One CSV file with a header line; fields hold no commas or quotes. Every
+// accessor throws on a field that doesn't parse in full.
 class CsvFile {
  public:
   explicit CsvFile(const std::string& name) : path_(TestDataDir() + "/" + name) {
     std::ifstream in(path_);
-    if (!in) throw std::runtime_error("cannot open " + path_);
     std::string line;
-    if (!std::getline(in, line)) throw std::runtime_error("empty file " + path_);
+    if (!in || !std::getline(in, line)) throw std::runtime_error("cannot read " + path_);
     const std::vector<std::string> header = Split(line);
     for (size_t k = 0; k < header.size(); ++k) column_[header[k]] = k;
     while (std::getline(in, line)) {
       if (!line.empty() && line.back() == '\r') line.pop_back();
       if (line.empty()) continue;
-      std::vector<std::string> fields = Split(line);
-      if (fields.size() != header.size())
+      lines_.push_back(Split(line));
+      if (lines_.back().size() != header.size())
         throw std::runtime_error(path_ + ": wrong number of fields in: " + line);
-      lines_.push_back(std::move(fields));
     }
   }
 
@@ -40,18 +48,18 @@ class CsvFile {
     return lines_[line][it->second];
   }
 
-  double Real(size_t line, const std::string& name) const {
-    const std::string& s = Text(line, name);
-    size_t used = 0;
-    double v = 0;
-    try {
-      v = std::stod(s, &used);
-    } catch (const std::exception&) {
-      used = 0;
-    }
-    if (used == 0 || used != s.size()) Fail(line, name);
-    return v;
+  // A blank-separated list of `expected` numbers.
+  template <class T>
+  std::vector<T> List(size_t line, const std::string& name, size_t expected) const {
+    std::istringstream in(Text(line, name));
+    std::vector<T> out;
+    T x{};
+    while (in >> x) out.push_back(x);
+    if (!in.eof() || out.size() != expected) Fail(line, name);
+    return out;
   }
+
+  double Real(size_t line, const std::string& name) const { return List<double>(line, name, 1)[0]; }
 
   int Int(size_t line, const std::string& name) const {
     const double v = Real(line, name);
@@ -59,34 +67,18 @@ class CsvFile {
     return static_cast<int>(v);
   }
 
-  std::vector<int64_t> Counts(size_t line, const std::string& name, size_t expected) const {
-    std::istringstream in(Text(line, name));
-    std::vector<int64_t> out;
-    int64_t x = 0;
-    while (in >> x) out.push_back(x);
-    if (!in.eof() || out.size() != expected) Fail(line, name);
-    return out;
-  }
-
-  std::vector<double> Reals(size_t line, const std::string& name, size_t expected) const {
-    std::istringstream in(Text(line, name));
-    std::vector<double> out;
-    double x = 0;
-    while (in >> x) out.push_back(x);
-    if (!in.eof() || out.size() != expected) Fail(line, name);
-    return out;
+  // The id, shape and column-major cells that every table file starts with.
+  template <class Ref>
+  Ref Table(size_t line) const {
+    Ref r;
+    r.id = Text(line, "id");
+    r.rows = Int(line, "rows");
+    r.cols = Int(line, "cols");
+    r.cells = List<int64_t>(line, "cells", static_cast<size_t>(r.rows) * r.cols);
+    return r;
   }
 
  private:
-  static std::vector<std::string> Split(const std::string& line) {
-    std::vector<std::string> out;
-    std::string field;
-    std::istringstream in(line);
-    while (std::getline(in, field, ',')) out.push_back(field);
-    if (!line.empty() && line.back() == ',') out.emplace_back();
-    return out;
-  }
-
   [[noreturn]] void Fail(size_t line, const std::string& name) const {
     throw std::runtime_error(path_ + ": bad field " + name + " on data line " +
                              std::to_string(line + 1) + ": '" + Text(line, name) + "'");
@@ -105,11 +97,7 @@ std::vector<ChisqRef> LoadChisqRefs() {
   CsvFile f("chisq_refs.csv");
   std::vector<ChisqRef> out;
   for (size_t k = 0; k < f.size(); ++k) {
-    ChisqRef r;
-    r.id = f.Text(k, "id");
-    r.rows = f.Int(k, "rows");
-    r.cols = f.Int(k, "cols");
-    r.cells = f.Counts(k, "cells", static_cast<size_t>(r.rows) * r.cols);
+    ChisqRef r = f.Table<ChisqRef>(k);
     r.x2 = f.Real(k, "X2");
     r.df = f.Int(k, "df");
     r.p = f.Real(k, "p");
@@ -125,11 +113,7 @@ std::vector<FisherRef> LoadFisherRefs() {
   CsvFile f("fisher_refs.csv");
   std::vector<FisherRef> out;
   for (size_t k = 0; k < f.size(); ++k) {
-    FisherRef r;
-    r.id = f.Text(k, "id");
-    r.rows = f.Int(k, "rows");
-    r.cols = f.Int(k, "cols");
-    r.cells = f.Counts(k, "cells", static_cast<size_t>(r.rows) * r.cols);
+    FisherRef r = f.Table<FisherRef>(k);
     r.p = f.Real(k, "p");
     out.push_back(std::move(r));
   }
@@ -140,19 +124,28 @@ std::vector<MedianRef> LoadMedianRefs() {
   CsvFile f("median_refs.csv");
   std::vector<MedianRef> out;
   for (size_t k = 0; k < f.size(); ++k) {
-    MedianRef r;
-    r.id = f.Text(k, "id");
-    r.rows = f.Int(k, "rows");
-    r.cols = f.Int(k, "cols");
-    r.cells = f.Counts(k, "cells", static_cast<size_t>(r.rows) * r.cols);
-    r.scores = f.Reals(k, "scores", static_cast<size_t>(r.cols));
+    MedianRef r = f.Table<MedianRef>(k);
+    r.scores = f.List<double>(k, "scores", static_cast<size_t>(r.cols));
     r.cut = f.Real(k, "cut");
-    r.collapsed = f.Counts(k, "collapsed", static_cast<size_t>(r.rows) * 2);
+    r.collapsed = f.List<int64_t>(k, "collapsed", static_cast<size_t>(r.rows) * 2);
     r.x2 = f.Real(k, "X2");
     r.df = f.Int(k, "df");
     r.p = f.Real(k, "p");
     out.push_back(std::move(r));
   }
+  return out;
+}
+
+std::vector<KernelRef> LoadKernelRefs(const std::string& routine) {
+  CsvFile f("kernel_refs.csv");
+  std::vector<KernelRef> out;
+  for (size_t k = 0; k < f.size(); ++k) {
+    if (f.Text(k, "routine") != routine) continue;
+    KernelRef r{routine, {}, f.Real(k, "value")};
+    for (int i = 0; i < 4; ++i) r.a[i] = f.Real(k, "a" + std::to_string(i + 1));
+    out.push_back(std::move(r));
+  }
+  if (out.empty()) throw std::runtime_error("kernel_refs.csv: no rows of " + routine);
   return out;
 }
 

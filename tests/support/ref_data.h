@@ -1,5 +1,6 @@
 // Reader of the committed peer reference values for two-way tables
-// (tests/data/*_refs.csv, written by tests/data/gen_table_refs.R). Cells are
+// (tests/data/*_refs.csv, written by tests/data/gen_table_refs.R and, for the
+// kernel's numeric services, gen_kernel_refs.R). Cells are
 // kept as in the files: column-major, the row index running fastest, which is
 // the engine's order; table() gives the row-major Table of enumerate.h.
 #pragma once
@@ -50,6 +51,14 @@ struct MedianRef {
   Table collapsedTable() const { return FromColumnMajor(rows, 2, collapsed); }
 };
 
+// One row of kernel_refs.csv: a routine of R's stats package, up to four
+// arguments (unused ones 0) and R's value.
+struct KernelRef {
+  std::string routine;
+  double a[4] = {};
+  double value = 0;
+};
+
 // Directory of the data files: the compile definition ANVL_TEST_DATA.
 std::string TestDataDir();
 
@@ -58,5 +67,7 @@ std::string TestDataDir();
 std::vector<ChisqRef> LoadChisqRefs();
 std::vector<FisherRef> LoadFisherRefs();
 std::vector<MedianRef> LoadMedianRefs();
+// The rows of one routine, in file order; throws when there are none.
+std::vector<KernelRef> LoadKernelRefs(const std::string& routine);
 
 }  // namespace anvl::support
