@@ -361,12 +361,18 @@ int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, d
     for (size_t i = 0; i < old.x.size(); ++i) {
       const int64_t x = old.x[i];
       const double node_past = old.past[i], node_log = old.logw[i];
-      const int64_t lo = std::max(x, x_lo), hi = std::min(x_hi, x + cs);
+      // In the balanced form every real column is free (0 .. c), the bounds
+      // of the rest and its weight don't depend on the first-row count, and
+      // the balancing column adds nothing: nodes are keyed by their past
+      // value alone (first-row count 0), which merges paths that only the
+      // balancing column would have told apart.
+      const int64_t lo = kBalanced ? 0 : std::max(x, x_lo);
+      const int64_t hi = kBalanced ? (weightless ? 0 : cs) : std::min(x_hi, x + cs);
       for (int64_t xp = lo; xp <= hi; ++xp) {
         const int64_t take = xp - x;
         const double np = node_past + take_value[take];
         const double nl = node_log + take_log[take];
-        const int64_t ix = xp - x_lo;
+        const int64_t ix = kBalanced ? 0 : xp - x_lo;
         const double reach_min = np + rest_min[ix], reach_max = np + rest_max[ix];
         bool settled = true;
         if (reach_min > high_up)
