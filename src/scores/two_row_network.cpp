@@ -290,6 +290,15 @@ int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, d
   LogFactorialTable lf;
   BuildLogFactorials(lf);
 
+  // Bands of the balanced form's tables over the range of the score sum.
+  const int64_t bands = static_cast<int64_t>(tables.size());
+  double band_scale = 0.0;
+  if (kBalanced) {
+    double top = 0.0;
+    for (int64_t j = 0; j < K; ++j) top += static_cast<double>(c[j]) * std::fabs(sc[j]);
+    band_scale = top > 0.0 ? static_cast<double>(bands) / top : 0.0;
+  }
+
   StageNodes old;
   old.x.push_back(0);
   old.past.push_back(0.0);
@@ -373,6 +382,11 @@ int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, d
         const double np = node_past + take_value[take];
         const double nl = node_log + take_log[take];
         const int64_t ix = kBalanced ? 0 : xp - x_lo;
+        // The balanced form's table: by the node's score sum, in bands, so
+        // that neighbouring nodes and their successors share small tables.
+        const int64_t tx = kBalanced ? std::clamp<int64_t>(static_cast<int64_t>(np * band_scale), 0,
+                                                           bands - 1)
+                                     : ix;
         const double reach_min = np + rest_min[ix], reach_max = np + rest_max[ix];
         bool settled = true;
         if (reach_min > high_up)
@@ -387,7 +401,7 @@ int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, d
         if (settled) continue;
 
         bool added = false;
-        if (!tables[ix].Add(np, nl, std::fabs(np) * Form::kMergeTolerance,
+        if (!tables[tx].Add(np, nl, std::fabs(np) * Form::kMergeTolerance,
                             fresh + count < capacity, added))
           return -1;  // the grid is full
         if (!added) continue;
@@ -407,10 +421,10 @@ int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, d
 
     // The new stage becomes the old one, grouped by first-row sum.
     old.Clear();
-    for (int64_t xp = x_lo; xp <= x_hi; ++xp) {
+    for (int64_t xp = x_lo; xp <= (kBalanced ? x_lo + bands - 1 : x_hi); ++xp) {
       KeyTable& t = tables[xp - x_lo];
       t.ForEach([&](double p, double l) {
-        old.x.push_back(xp);
+        old.x.push_back(kBalanced ? 0 : xp);
         old.past.push_back(p);
         old.logw.push_back(l);
       });
