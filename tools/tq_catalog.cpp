@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include "tq_data.h"
@@ -164,6 +165,80 @@ Prepare RunsOptions(CLI::App& app) {
   };
 }
 
+// Two samples of raw values (--x, --y), or paired values (--paired: the
+// differences x - y, or the differences themselves when --y is absent),
+// turned into the table of counts by level that the score tests read: two
+// rows (x, y) over the distinct values, or one row over the distinct
+// differences, the values becoming the column scores.
+std::vector<double> ReadSample(const std::string& text, const char* option) {
+  std::vector<double> out;
+  std::string token;
+  std::istringstream in(text);
+  while (in >> token) {
+    std::string piece;
+    std::istringstream parts(token);
+    while (std::getline(parts, piece, ','))
+      if (!piece.empty()) out.push_back(ParseReal(piece, option));
+  }
+  return out;
+}
+
+Prepare SampleOptions(CLI::App& app) {
+  struct State {
+    std::optional<std::string> x, y;
+    bool paired = false;
+  };
+  auto s = std::make_shared<State>();
+  app.add_option("--x", s->x, "first sample: raw values, blank- or comma-separated")
+      ->type_name("\"...\"")
+      ->group("Data");
+  app.add_option("--y", s->y, "second sample: raw values")->type_name("\"...\"")->group("Data");
+  app.add_flag("--paired", s->paired,
+               "--x and --y are paired: test the differences x - y (with --x alone: the differences)")
+      ->group("Data");
+  return [s](Call& c) {
+    if (!s->x) {
+      if (s->y || s->paired) Fail("--y and --paired need --x");
+      return;
+    }
+    if (c.table_form || c.case_cols > 0) Fail("give the data once: --x/--y or a table, not both");
+    const std::vector<double> x = ReadSample(*s->x, "--x");
+    std::vector<double> y;
+    if (s->y) y = ReadSample(*s->y, "--y");
+    if (!s->paired && !s->y) Fail("--x needs --y (two samples) or --paired (differences)");
+    if (s->paired && s->y && x.size() != y.size())
+      Fail("--paired: --x has " + std::to_string(x.size()) + " values, --y " + std::to_string(y.size()));
+    std::vector<std::vector<double>> samples;
+    if (s->paired) {
+      std::vector<double> d = x;
+      for (size_t i = 0; i < y.size(); ++i) d[i] = x[i] - y[i];
+      samples = {d};
+    } else {
+      samples = {x, y};
+    }
+    std::vector<double> levels;
+    for (const auto& v : samples) levels.insert(levels.end(), v.begin(), v.end());
+    std::sort(levels.begin(), levels.end());
+    levels.erase(std::unique(levels.begin(), levels.end()), levels.end());
+    if (levels.empty()) Fail("--x and --y hold no values");
+    c.rows = static_cast<int64_t>(samples.size());
+    c.cols = static_cast<int64_t>(levels.size());
+    c.table.assign(static_cast<size_t>(c.rows * c.cols), 0);
+    for (int64_t i = 0; i < c.rows; ++i)
+      for (double v : samples[static_cast<size_t>(i)]) {
+        const auto j = std::lower_bound(levels.begin(), levels.end(), v) - levels.begin();
+        ++c.table[static_cast<size_t>(i + j * c.rows)];
+      }
+    c.table_form = true;
+    c.level_values = levels;
+    const std::string how = s->paired ? std::to_string(samples[0].size()) + " paired differences" +
+                                            (s->y ? " x - y" : "")
+                                      : "x: " + std::to_string(x.size()) + " values, y: " +
+                                            std::to_string(y.size()) + " values";
+    c.settings.push_back({"samples", "samples", how, std::nullopt});
+  };
+}
+
 // One entry a test, laid out as a table.
 // clang-format off
 std::vector<Test> BuildCatalog() {
@@ -171,10 +246,11 @@ std::vector<Test> BuildCatalog() {
   const unsigned cs = kColumnScores, rs = kRowScores, B = kBlocks, F = kOneWay;
   std::vector<Test> t = {
       {"scores", 1, "Equally spaced scores test / sign test", "equally spaced scores (2 rows); sign test (1 row)",
-       T | cs, Scores("statistic", "score statistic")},
-      {"wilcoxon", 2, "Wilcoxon test", "Wilcoxon rank-sum (2 rows); signed-rank (1 row)", T | cs,
-       Scores("statistic", "rank statistic")},
-      {"mann-whitney", 502, "Mann-Whitney test", "as wilcoxon, with the Mann-Whitney U", T | cs, MannWhitney()},
+       T | cs | kOwnData, Scores("statistic", "score statistic"), SampleOptions},
+      {"wilcoxon", 2, "Wilcoxon test", "Wilcoxon rank-sum (2 rows); signed-rank (1 row)", T | cs | kOwnData,
+       Scores("statistic", "rank statistic"), SampleOptions},
+      {"mann-whitney", 502, "Mann-Whitney test", "as wilcoxon, with the Mann-Whitney U", T | cs | kOwnData,
+       MannWhitney(), SampleOptions},
       {"ks1", 6, "One-sample Kolmogorov-Smirnov test", "one-sample Kolmogorov-Smirnov against a distribution", C,
        {Statistic("d", "largest absolute difference D"), {6, "z", "Kolmogorov-Smirnov Z", Kind::kValue}, kTotal,
         kExactTwo, kPoint, kMcTwo},

@@ -6,6 +6,8 @@
 #include "kernel/binomial.h"
 #include "network/contingency.h"
 #include "network/fisher.h"
+#include "scores/marginal.h"
+#include "scores/two_sample.h"
 
 namespace anvl {
 namespace {
@@ -22,11 +24,12 @@ struct Route {
 };
 
 constexpr Route kRoutes[] = {
-    {1, 2, nullptr},    {2, 1, nullptr},    {502, 1, nullptr},
+    {1, 2, scores::ScoreDriver},          {2, 1, scores::ScoreDriver},
+    {502, 1, scores::ScoreDriver},
     {6, 1, eng::KsOneSampleDriver},        {7, 2, net::ContingencyDriver},
     {507, 2, net::ContingencyDriver},       {31, 3, net::ContingencyDriver},
     {42, 4, net::ContingencyDriver},        {9, 1, BinomialDriver},
-    {10, 9, nullptr},   {510, 9, nullptr},  {11, 2, nullptr},
+    {10, 9, scores::SquareTableDriver},   {510, 9, scores::SquareTableDriver},  {11, 2, nullptr},
     {19, 1, nullptr},   {18, 1, nullptr},   {20, 9, nullptr},
     {21, 8, nullptr},   {24, 1, eng::RelatedSamplesDriver},
     {26, 2, eng::RelatedSamplesDriver},     {51, 3, eng::RelatedSamplesDriver},

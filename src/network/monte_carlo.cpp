@@ -98,16 +98,18 @@ void TableSampler::DrawByColumns(RandomStream& stream, int64_t* table) {
 // formed in double: exact below 2^53, and no overflow for large totals.
 int64_t TableSampler::DrawCell(RandomStream& stream, int64_t row, int64_t col,
                                int64_t total) const {
+  return HypergeometricDraw(stream, row, col, total, lf_, FactorialRoute::kTableTo500Stirling);
+}
+
+int64_t HypergeometricDraw(RandomStream& stream, int64_t row, int64_t col, int64_t total,
+                           const double* lf, FactorialRoute route) {
   double u = NextUniform(stream);
   const int64_t t = static_cast<int64_t>(
       static_cast<double>(row) * static_cast<double>(col) / static_cast<double>(total) + 0.5);
   const int64_t g = total - row - col;
-  const double* lf = lf_;
-  const double pt =
-      std::exp(LogFactorialS(row, lf) + LogFactorialS(total - row, lf) +
-               LogFactorialS(total - col, lf) + LogFactorialS(col, lf) - LogFactorialS(total, lf) -
-               LogFactorialS(t, lf) - LogFactorialS(col - t, lf) - LogFactorialS(row - t, lf) -
-               LogFactorialS(g + t, lf));
+  auto lfac = [&](int64_t n) { return LogFactorialBy(route, n, lf); };
+  const double pt = std::exp(lfac(row) + lfac(total - row) + lfac(total - col) + lfac(col) -
+                             lfac(total) - lfac(t) - lfac(col - t) - lfac(row - t) - lfac(g + t));
   for (;;) {
     if (pt >= u) return t;
     double sum = pt, p_up = pt, p_down = pt;

@@ -10,9 +10,16 @@
 
 #include "frame/failure_codes.h"
 #include "frame/run_store.h"
+#include "kernel/log_factorial.h"
 #include "kernel/random.h"
 
 namespace anvl::net {
+
+// One hypergeometric draw: the marked count in a sample of `row` out of
+// `total` units with `col` marked, by a search outward from the rounded
+// mean; log k! from `lf` up to 500 and by `route` above.
+int64_t HypergeometricDraw(RandomStream& stream, int64_t row, int64_t col, int64_t total,
+                           const double* lf, FactorialRoute route);
 
 // Random tables with fixed margins under the hypergeometric law.
 // Small totals (N <= min(10 min(rows, cols), 1000)) are drawn by shuffling

@@ -20,8 +20,10 @@ using anvl::support::HostCall;
 using anvl::support::kTestFiller;
 using anvl::support::PublishedFields;
 
-const int64_t kBuilt[] = {TQ_PROC_BINOMIAL, TQ_PROC_CHISQ,   TQ_PROC_CHISQ_SHORT,
-                          TQ_PROC_MEDIAN,   TQ_PROC_NOMINAL, TQ_PROC_FISHER};
+const int64_t kBuilt[] = {TQ_PROC_BINOMIAL,       TQ_PROC_CHISQ,          TQ_PROC_CHISQ_SHORT,
+                          TQ_PROC_MEDIAN,         TQ_PROC_NOMINAL,        TQ_PROC_FISHER,
+                          TQ_PROC_WILCOXON,       TQ_PROC_MANN_WHITNEY,   TQ_PROC_SCORES_EQUAL,
+                          TQ_PROC_MARGINAL_HOMOG, TQ_PROC_MARGINAL_HOMOG_LONG};
 
 // Field 48 on a failure is a code of the engine less 1000.
 bool IsFailureValue(double v) { return v == 0.0 || (v == std::floor(v) && v != -1000.0); }
@@ -84,7 +86,7 @@ TEST(EntryPoint, RandomParametersNeverCrashOrPublishOnFailure) {
       weights[j] = draw(9, 2);
       scores[j] = static_cast<double>(rng() % 5);
     }
-    int64_t ip[TQ_INT_COUNT] = {kBuilt[rng() % 6], draw(6, 1), 1 + draw(2), draw(100000, 50000), draw(300, 50),
+    int64_t ip[TQ_INT_COUNT] = {kBuilt[rng() % std::size(kBuilt)], draw(6, 1), 1 + draw(2), draw(100000, 50000), draw(300, 50),
                                 0, 0, rng() % 2 ? 13 : 0, 0, rng() % 3 ? -1 : draw(30000)};
     double rp[TQ_REAL_COUNT] = {};
     rp[TQ_REAL_MC_LEVEL] = static_cast<double>(rng() % 120) / 100.0;

@@ -485,6 +485,36 @@ TEST(TqData, ScoredTablesTakeRowAndColumnScores) {
   EXPECT_NEAR(rs["results"]["rs"].get<double>(), 0.68591990138143033, 1e-12);
 }
 
+// Raw samples for the score tests: --x/--y, a file of values by group and
+// the table of counts by level give one result; --paired tests x - y.
+TEST(TqData, SamplesOfTheScoreTestsBecomeTheirTable) {
+  // wilcox.exact(c(1.2,3.4,2.2,5,3.4), c(2.2,6,7.1,3.4,8,9)) (exactRankTests): p = 0.08874459
+  const Args xy = {"mann-whitney", "--x", "1.2 3.4 2.2 5 3.4", "--y", "2.2,6,7.1,3.4,8,9"};
+  const std::string raw = Temp("samples.txt", "v g\n1.2 a\n3.4 a\n2.2 a\n5 a\n3.4 a\n2.2 b\n6 b\n"
+                                               "7.1 b\n3.4 b\n8 b\n9 b\n");
+  const Json j = RunJson(xy);
+  ASSERT_EQ(j["status"], "ok") << j;
+  EXPECT_NEAR(j["results"]["exact_two_sided"].get<double>(), 0.08874459, 1e-8);
+  for (const Args& args : std::vector<Args>{
+           {"mann-whitney", "--data", raw, "--value-column", "v", "--group-column", "g"},
+           {"mann-whitney", "--table", "1 1 2 1 0 0 0 0; 0 1 1 0 1 1 1 1"}}) {
+    SCOPED_TRACE(Joined(args));
+    EXPECT_EQ(RunJson(args)["results"], j["results"]);
+  }
+  // Signed ranks of x - y = -1, -2.6, -4.9, 1.6, -4.6: V = 2, P(V <= 2) = 3/32.
+  const Json p = RunJson({"wilcoxon", "--x", "1.2 3.4 2.2 5 3.4", "--y", "2.2 6 7.1 3.4 8", "--paired"});
+  EXPECT_EQ(p["results"]["statistic"], 2.0);
+  EXPECT_EQ(p["results"]["exact_one_sided"], 3.0 / 32.0);
+  EXPECT_EQ(RunJson({"wilcoxon", "--x", "-1 -2.6 -4.9 1.6 -4.6", "--paired"})["results"], p["results"]);
+  for (const Args& bad : std::vector<Args>{{"wilcoxon", "--x", "1 2"},
+                                           {"wilcoxon", "--x", "1 2", "--y", "3", "--paired"},
+                                           {"wilcoxon", "--x", "1 2", "--y", "3", "--table", "1 2; 3 4"},
+                                           {"wilcoxon", "--x", "1 b", "--y", "3"}}) {
+    const Result r = RunTq(bad);
+    EXPECT_EQ(r.status, 2) << Joined(bad) << r.err;
+  }
+}
+
 TEST(TqData, MedianCutDefaultsToThePooledMedian) {
   const struct {
     Args more;
