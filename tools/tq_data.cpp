@@ -227,18 +227,18 @@ void ReadCounts(const Sheet& sheet, Call& c) {
   c.table_form = true;
 }
 
-// The column that `spec` names: a header name, else a number from 1.
-size_t FindColumn(const Sheet& sheet, const std::string& spec, const char* option) {
+// The column that `name` gives: a header name, else a number from 1.
+size_t FindColumn(const Sheet& sheet, const std::string& name, const char* option) {
   for (size_t j = 0; j < sheet.header.size(); ++j)
-    if (sheet.header[j] == spec) return j;
+    if (sheet.header[j] == name) return j;
   char* end = nullptr;
-  const long n = std::strtol(spec.c_str(), &end, 10);
+  const long n = std::strtol(name.c_str(), &end, 10);
   const size_t width =
       sheet.header.empty() ? (sheet.rows.empty() ? 0 : sheet.rows[0].cells.size()) : sheet.header.size();
-  if (!spec.empty() && *end == '\0' && n >= 1 && static_cast<size_t>(n) <= width) return static_cast<size_t>(n - 1);
+  if (!name.empty() && *end == '\0' && n >= 1 && static_cast<size_t>(n) <= width) return static_cast<size_t>(n - 1);
   std::string names;
   for (const std::string& h : sheet.header) names += (names.empty() ? "" : ", ") + h;
-  Fail(std::string(option) + ": no column '" + spec + "' in " + sheet.name +
+  Fail(std::string(option) + ": no column '" + name + "' in " + sheet.name +
        (names.empty() ? " (it has no header; give a number from 1 to " + std::to_string(width) + ")"
                       : " (columns: " + names + ")"));
 }

@@ -171,10 +171,7 @@ int SquareTableRun(const std::vector<int64_t>& table, const double* scores, int6
   a.offset = offset;
   a.n = n;
   a.r = r;
-  double ss = 0.0;
-  for (size_t i = 0; i + 1 < work.size(); ++i)
-    ss += static_cast<double>(work[i].first + work[i].second) * work[i].score * work[i].score;
-  a.sd = std::sqrt(ss / 4.0);
+  a.sd = SignFlipSd(work);
   if (a.sd > 0.0) {
     a.z = (a.t.tobs - a.t.mean) / a.sd;
     a.upper = SIGNRM(a.z);

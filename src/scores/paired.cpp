@@ -169,6 +169,13 @@ void SignFlipSampler(int64_t K, int64_t m, const int64_t* c, int64_t* x, RandomS
   if (K > 0) x[K - 1] = left;
 }
 
+double SignFlipSd(const std::vector<TwoRowColumn>& work) {
+  double ss = 0.0;
+  for (size_t i = 0; i + 1 < work.size(); ++i)
+    ss += static_cast<double>(work[i].first + work[i].second) * work[i].score * work[i].score;
+  return std::sqrt(ss / 4.0);
+}
+
 int SignFlipMonteCarlo(const std::vector<TwoRowColumn>& work, double obs, double mean,
                        bool low_side, bool snap, ScoreMcResult& out) {
   const net::detail::McSetup setup = net::detail::ReadMcSetup();
@@ -243,10 +250,7 @@ int PairedRun(const int64_t* counts, const double* differences, int64_t K, int64
   PairedAsymptotic a;
   a.selector = selector;
   a.t = TableStatistics(work);
-  double ss = 0.0;
-  for (size_t i = 0; i + 1 < work.size(); ++i)
-    ss += static_cast<double>(work[i].first + work[i].second) * work[i].score * work[i].score;
-  a.sd = std::sqrt(ss / 4.0);
+  a.sd = SignFlipSd(work);
   if (a.sd > 0.0) {
     a.z = (a.t.tobs - a.t.mean) / a.sd;
     a.upper = SIGNRM(a.z);

@@ -42,6 +42,11 @@ int OneSampleScores(std::vector<DifferenceLevel>& levels, int64_t selector, doub
 void SignFlipSampler(int64_t K, int64_t m, const int64_t* c, int64_t* x, RandomStream& stream,
                      const double* lf);
 
+// Null sd of T = sum x[j] s[j] when each of the c[j] cases of the working
+// columns (the last one balancing, left out) takes its sign with
+// probability 1/2: sqrt(sum c[j] s[j]^2 / 4).
+double SignFlipSd(const std::vector<TwoRowColumn>& work);
+
 // Monte Carlo of the balanced tables: draws McSamples sign assignments
 // (at least one) of the working columns (the last one balancing) and
 // counts T = sum x[j] s[j] at or beyond `obs` on its side (relative 1e-7)
