@@ -14,6 +14,7 @@
 #include "network/monte_carlo.h"
 #include "scores/score_monte_carlo.h"
 #include "scores/two_row_network.h"
+#include "scores/whole_nodes.h"
 
 namespace anvl::scores {
 namespace {
@@ -141,59 +142,6 @@ void FillStageTable(Network& w) {
 // Forward passes: nodes (x, Past) of two adjacent stages, merged exactly.
 // ---------------------------------------------------------------------------
 
-struct Node {
-  int64_t x, past;
-  double log_weight;
-};
-
-// Open-addressing index of the nodes of the new stage.
-class NodeIndex {
- public:
-  void Reset() {
-    for (size_t p : used_) slots_[p] = -1;
-    used_.clear();
-  }
-  // The node of (x, past) in `nodes`, or a new one at its end.
-  int32_t* Find(int64_t x, int64_t past) {
-    if (slots_.empty() || 2 * (used_.size() + 1) > slots_.size()) Grow();
-    const size_t mask = slots_.size() - 1;
-    size_t p = Hash(x, past) & mask;
-    while (slots_[p] >= 0) {
-      const Node& q = (*nodes_)[static_cast<size_t>(slots_[p])];
-      if (q.x == x && q.past == past) return &slots_[p];
-      p = (p + 1) & mask;
-    }
-    used_.push_back(p);
-    return &slots_[p];
-  }
-  void Bind(std::vector<Node>* nodes) { nodes_ = nodes; }
-
- private:
-  static size_t Hash(int64_t x, int64_t past) {
-    uint64_t h = static_cast<uint64_t>(x) * 0x9E3779B97F4A7C15ULL ^
-                 static_cast<uint64_t>(past) * 0xC2B2AE3D27D4EB4FULL;
-    h ^= h >> 29;
-    h *= 0xBF58476D1CE4E5B9ULL;
-    return static_cast<size_t>(h ^ (h >> 32));
-  }
-  void Grow() {
-    const size_t size = std::max<size_t>(1024, slots_.size() * 2);
-    slots_.assign(size, -1);
-    used_.clear();
-    const size_t mask = size - 1;
-    for (size_t i = 0; i < nodes_->size(); ++i) {
-      const Node& q = (*nodes_)[i];
-      size_t p = Hash(q.x, q.past) & mask;
-      while (slots_[p] >= 0) p = (p + 1) & mask;
-      slots_[p] = static_cast<int32_t>(i);
-      used_.push_back(p);
-    }
-  }
-  std::vector<int32_t> slots_;
-  std::vector<size_t> used_;
-  std::vector<Node>* nodes_ = nullptr;
-};
-
 // Kind 0: D+ (Past the running maximum of D); kind 1: D- (of -D); kind 2:
 // D (the signed D of largest magnitude).  An edge that passes the observed
 // value adds its whole future weight to the tail and ends; an edge from
@@ -202,7 +150,7 @@ template <int kKind>
 int ForwardPass(const Network& w, int64_t obs, int64_t capacity, double& tail, double& point) {
   const StageTable& st = w.st;
   const int64_t n = w.n, N = w.N;
-  std::vector<Node> cur{{0, 0, -st.row_log[st.At(0, 0)]}}, next;
+  std::vector<WholeNode> cur{{0, 0, -st.row_log[st.At(0, 0)]}}, next;
   NodeIndex index;
   index.Bind(&next);
   Ticker tick;
@@ -214,7 +162,7 @@ int ForwardPass(const Network& w, int64_t obs, int64_t capacity, double& tail, d
     const int64_t C1 = w.C[s + 1], cs = w.c[s];
     next.clear();
     index.Reset();
-    for (const Node& v : cur) {
+    for (const WholeNode& v : cur) {
       const int64_t first = std::max(v.x, st.lo[s + 1]), last = std::min(st.hi[s + 1], v.x + cs);
       for (int64_t xp = first; xp <= last; ++xp) {
         const int64_t d = xp * N - C1 * n;
@@ -246,7 +194,7 @@ int ForwardPass(const Network& w, int64_t obs, int64_t capacity, double& tail, d
             *slot = static_cast<int32_t>(next.size());
             next.push_back({xp, past, l});
           } else {
-            Node& q = next[static_cast<size_t>(*slot)];
+            WholeNode& q = next[static_cast<size_t>(*slot)];
             q.log_weight = LogSum(q.log_weight, l);
           }
         }
@@ -256,7 +204,7 @@ int ForwardPass(const Network& w, int64_t obs, int64_t capacity, double& tail, d
     if (RunStopped()) return static_cast<int>(FailureCode());
     cur.swap(next);
   }
-  for (const Node& v : cur) {
+  for (const WholeNode& v : cur) {
     const bool hit = kKind == 2 ? (v.past >= obs || -v.past >= obs) : v.past == obs;
     if (hit) {
       const double p = std::exp(v.log_weight);
