@@ -8,6 +8,7 @@
 #include "network/fisher.h"
 #include "scores/ks_two_sample.h"
 #include "scores/marginal.h"
+#include "scores/runs.h"
 #include "scores/two_sample.h"
 
 namespace anvl {
@@ -30,8 +31,8 @@ constexpr Route kRoutes[] = {
     {6, 1, eng::KsOneSampleDriver},        {7, 2, net::ContingencyDriver},
     {507, 2, net::ContingencyDriver},       {31, 3, net::ContingencyDriver},
     {42, 4, net::ContingencyDriver},        {9, 1, BinomialDriver},
-    {10, 9, scores::SquareTableDriver},   {510, 9, scores::SquareTableDriver},  {11, 2, nullptr},
-    {19, 1, nullptr},   {18, 1, scores::KsTwoSampleDriver},   {20, 9, nullptr},
+    {10, 9, scores::SquareTableDriver},   {510, 9, scores::SquareTableDriver},  {11, 2, scores::RunsDriver},
+    {19, 1, scores::RunsDriver},   {18, 1, scores::KsTwoSampleDriver},   {20, 9, nullptr},
     {21, 8, nullptr},   {24, 1, eng::RelatedSamplesDriver},
     {26, 2, eng::RelatedSamplesDriver},     {51, 3, eng::RelatedSamplesDriver},
     {32, 1, net::FisherDriver},
