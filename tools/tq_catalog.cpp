@@ -153,15 +153,19 @@ Prepare KolmogorovOptions(CLI::App& app) {
 
 Prepare RunsOptions(CLI::App& app) {
   auto cut = std::make_shared<std::string>("median");
-  app.add_option("--runs-cut", *cut, "values above the cut and the others form the runs: median, mode, mean or X")
+  app.add_option("--runs-cut", *cut, "values at or above the cut and those below form the runs: median, mode, mean or X")
       ->type_name("CUT")
       ->capture_default_str()
       ->group("Test");
   return [cut](Call& c) {
     const std::string& r = *cut;
     c.ints[TQ_INT_OPTION11] = r == "median" ? 1 : r == "mode" ? 2 : r == "mean" ? 3 : 13;
-    if (c.ints[TQ_INT_OPTION11] == 13)
+    if (c.ints[TQ_INT_OPTION11] == 13) {
       c.reals[TQ_REAL_OPTION11] = ParseReal(r, "--runs-cut (median, mode, mean or a number)");
+      c.settings.push_back({"cut", "cut point", r, c.reals[TQ_REAL_OPTION11]});
+    } else if (!c.table_form) {
+      c.settings.push_back({"cut", "cut point", "the " + r + " of the values", std::nullopt});
+    }
   };
 }
 
@@ -183,7 +187,7 @@ std::vector<double> ReadSample(const std::string& text, const char* option) {
   return out;
 }
 
-Prepare SampleOptions(CLI::App& app) {
+Prepare RawSampleOptions(CLI::App& app, bool pairs) {
   struct State {
     std::optional<std::string> x, y;
     bool paired = false;
@@ -193,10 +197,11 @@ Prepare SampleOptions(CLI::App& app) {
       ->type_name("\"...\"")
       ->group("Data");
   app.add_option("--y", s->y, "second sample: raw values")->type_name("\"...\"")->group("Data");
-  app.add_flag("--paired", s->paired,
-               "--x and --y are paired: test the differences x - y (with --x alone: the differences)")
-      ->group("Data");
-  return [s](Call& c) {
+  if (pairs)
+    app.add_flag("--paired", s->paired,
+                 "--x and --y are paired: test the differences x - y (with --x alone: the differences)")
+        ->group("Data");
+  return [s, pairs](Call& c) {
     if (!s->x) {
       if (s->y || s->paired) Fail("--y and --paired need --x");
       return;
@@ -205,7 +210,7 @@ Prepare SampleOptions(CLI::App& app) {
     const std::vector<double> x = ReadSample(*s->x, "--x");
     std::vector<double> y;
     if (s->y) y = ReadSample(*s->y, "--y");
-    if (!s->paired && !s->y) Fail("--x needs --y (two samples) or --paired (differences)");
+    if (!s->paired && !s->y) Fail(pairs ? "--x needs --y (two samples) or --paired (differences)" : "--x needs --y");
     if (s->paired && s->y && x.size() != y.size())
       Fail("--paired: --x has " + std::to_string(x.size()) + " values, --y " + std::to_string(y.size()));
     std::vector<std::vector<double>> samples;
@@ -238,6 +243,10 @@ Prepare SampleOptions(CLI::App& app) {
     c.settings.push_back({"samples", "samples", how, std::nullopt});
   };
 }
+
+Prepare SampleOptions(CLI::App& app) { return RawSampleOptions(app, true); }
+// Two independent samples only (ks2, wald-wolfowitz).
+Prepare TwoSampleOptions(CLI::App& app) { return RawSampleOptions(app, false); }
 
 // One entry a test, laid out as a table.
 // clang-format off
@@ -286,7 +295,7 @@ std::vector<Test> BuildCatalog() {
         kPoint, kMcOne, kMcTwo}},
       {"runs", 11, "Runs test", "one-sample runs test on values in order", E,
        {Statistic("runs", "number of runs"), kZ, kMean, kSd, kExactTwo, kPoint, kMcTwo}, RunsOptions},
-      {"wald-wolfowitz", 19, "Wald-Wolfowitz runs test", "two-sample runs test (2 rows)", E,
+      {"wald-wolfowitz", 19, "Wald-Wolfowitz runs test", "two-sample runs test (2 rows)", T | kOwnData,
        {Statistic("runs", "runs (most-runs order when tied)"), kZ, kMean, kSd, kSide, kExactOne, kPoint, kMcOne,
         {6, "fewest_runs", "runs, fewest-runs order", Kind::kValue},
         {7, "fewest_runs_standardized", "its standardized value (z)", Kind::kValue},
@@ -295,9 +304,10 @@ std::vector<Test> BuildCatalog() {
         {36, "fewest_runs_side", "its one-sided p-value taken on", Kind::kSide},
         {37, "fewest_runs_exact_one_sided", "its exact one-sided p-value", Kind::kP},
         {38, "fewest_runs_point_probability", "its point probability", Kind::kP},
-        {39, "fewest_runs_mc_one_sided", "its Monte Carlo one-sided p-value", Kind::kMc}}},
-      {"ks2", 18, "Two-sample Kolmogorov-Smirnov test", "two-sample Kolmogorov-Smirnov (2 rows)", T,
-       {Statistic("d", "largest absolute difference"), kTotal, kExactTwo, kPoint, kMcTwo}},
+        {39, "fewest_runs_mc_one_sided", "its Monte Carlo one-sided p-value", Kind::kMc}},
+       TwoSampleOptions},
+      {"ks2", 18, "Two-sample Kolmogorov-Smirnov test", "two-sample Kolmogorov-Smirnov (2 rows)", T | kOwnData,
+       {Statistic("d", "largest absolute difference"), kTotal, kExactTwo, kPoint, kMcTwo}, TwoSampleOptions},
       {"jonckheere", 20, "Jonckheere-Terpstra test", "Jonckheere-Terpstra (rows ordered groups)", T,
        {Statistic("statistic", "Jonckheere-Terpstra statistic"), kZ, kMean, kSd,
         {46, "groups", "groups", Kind::kCount}, kTotal, kSide, kAsymTwo, kExactOne, kExactTwo, kPoint, kMcOne,

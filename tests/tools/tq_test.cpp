@@ -610,3 +610,34 @@ TEST(TqReadme, ExamplesRunAsWritten) {
 }
 
 }  // namespace
+
+// Two raw samples for ks2 and wald-wolfowitz, a series with its cut for
+// runs: the same numbers as a table or a value-and-group file, and R's
+// ks.test(x, y, exact = TRUE) (0.528636444814519).
+TEST(TqTwoSampleCommands, RawSamplesTablesAndCuts) {
+  const std::string x = "0.61 0.29 0.06 0.59 -1.73 -0.74 0.51 -0.56 0.39 1.64 0.05 -0.06 0.64 -0.82 0.37 1.77 "
+                        "1.09 -1.28 2.36 1.31 1.05 -0.32 -0.4 1.06 -2.47";
+  const std::string y = "2.2 1.66 1.38 0.2 0.36 0 0.96 1.56 0.44 1.5 -0.3 0.66 2.31 3.29 -0.27 -0.37 0.38 0.7 "
+                        "0.52 -0.71";
+  const Json ks = RunJson({"ks2", "--x", x, "--y", y});
+  EXPECT_NEAR(ks["results"]["exact_two_sided"].get<double>(), 0.528636444814519, 1e-9);
+  EXPECT_EQ(ks["results"]["total"], 45.0);
+
+  const std::string raw = Temp("ww.csv", "g,v\nx,1\nx,2\nx,2\ny,2\nx,3\ny,4\nx,5\ny,6\ny,7\nx,8\ny,9\n");
+  const Json ww = RunJson({"wald-wolfowitz", "--x", "1 2 2 3 5 8", "--y", "2 4 6 7 9"});
+  EXPECT_EQ(ww["results"], RunJson({"wald-wolfowitz", "--data", raw, "--value-column", "v", "--group-column", "g"})["results"]);
+  EXPECT_EQ(ww["results"], RunJson({"wald-wolfowitz", "--table", "1 2 1 0 1 0 0 1 0; 0 1 0 1 0 1 1 0 1"})["results"]);
+  EXPECT_EQ(ww["results"]["runs"], 8.0);
+  EXPECT_NE(RunTq({"ks2", "--x", "1 2", "--paired"}).status, 0);
+
+  // 3 1 4 1 5 9 2 6 5 5: at or above 4 gives 0 0 1 0 1 1 0 1 1 1, six
+  // runs; the mean (4.1), median (4.5) and mode (5) all give four.
+  const std::string series = "3 1 4 1 5 9 2 6 5 5";
+  EXPECT_EQ(RunJson({"runs", "--values", series, "--runs-cut", "4"})["results"]["runs"], 6.0);
+  for (const char* cut : {"mean", "median", "mode"}) {
+    const Json j = RunJson({"runs", "--values", series, "--runs-cut", cut});
+    EXPECT_EQ(j["results"]["runs"], 4.0) << cut;
+    EXPECT_NE(j["settings"]["cut"].get<std::string>().find(cut), std::string::npos) << j;
+  }
+  EXPECT_NE(RunTq({"runs", "--values", series, "--runs-cut", "middle"}).status, 0);
+}
