@@ -109,6 +109,10 @@ void FillStageTable(Network& w) {
     st.offset[k] = entries;
     entries += st.hi[k] - st.lo[k] + 1;
   }
+  // Three numbers an entry: a table beyond half the free memory is refused
+  // rather than allocated on credit.
+  const int64_t free_bytes = FreePhysicalMemory();
+  if (free_bytes > 0 && entries > free_bytes / 2 / 24) throw std::bad_alloc();
   st.row_min.assign(static_cast<size_t>(entries), 0);
   st.row_max.assign(static_cast<size_t>(entries), 0);
   st.row_log.assign(static_cast<size_t>(entries), 0.0);
