@@ -1,5 +1,6 @@
 #include "network/node_store.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -71,21 +72,6 @@ void KeyCodec::Build(int k, const std::vector<int64_t>& radices) {
   last_word_empty = !word_end.empty() && word_end.back() == digits - 1;
   word_end.push_back(digits - 1);
   n_words = static_cast<int>(word_end.size());
-}
-
-void KeyCodec::Pack(const int64_t* m, int64_t T, int64_t* key) const {
-  int first = 0;
-  for (int w = 0; w < n_words; ++w) {
-    const int last = word_end[w];
-    if (w == n_words - 1 && last_word_empty) {
-      key[w] = T;
-      break;
-    }
-    int64_t v = m[first];
-    for (int i = first + 1; i <= last; ++i) v = v * radix[i] + m[i];
-    key[w] = v;
-    first = last + 1;
-  }
 }
 
 void KeyCodec::Unpack(const int64_t* key, int64_t* m) const {
@@ -190,27 +176,55 @@ bool FitsInMemory(double bytes) {
   return bytes <= kMemoryShare * physical;
 }
 
+void* MapZeroedPages(size_t bytes) {
+  void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
+                 -1, 0);
+  if (p == MAP_FAILED) return nullptr;
+  constexpr size_t kHugePage = size_t{2} << 20;
+  if (bytes >= 4 * kHugePage) madvise(p, bytes, MADV_HUGEPAGE);
+  return p;
+}
+
+void UnmapPages(void* p, size_t bytes) { munmap(p, bytes); }
+
+namespace {
+constexpr uint64_t kFirstIndexSize = 1024;
+}  // namespace
+
 int NodeStore::Create(int64_t z, int n_words, int64_t prime) {
-  uint64_t index_size = 1;
-  while (index_size < 2 * static_cast<uint64_t>(z + 1)) index_size <<= 1;
-  const double slot_bytes = 1.0 + 8.0 * n_words + 3.0 * 8.0 + 16.0 * index_size / (z + 1.0);
+  uint64_t index_capacity = 1;
+  while (index_capacity < 2 * static_cast<uint64_t>(z + 1)) index_capacity <<= 1;
+  const double slot_bytes = 1.0 + 8.0 * n_words + 3.0 * 8.0 + 16.0 * index_capacity / (z + 1.0);
+  if (z >= std::numeric_limits<int32_t>::max()) return -1;
   if (!FitsInMemory(static_cast<double>(z + 1) * slot_bytes)) return -1;
   z_ = z;
   n_words_ = n_words;
   prime_ = prime;
+  const size_t n = static_cast<size_t>(z + 1);
+  if (stage_.Allocate(n) != 0 || keys_.Allocate(n * n_words) != 0 || bounds_.Allocate(n) != 0 ||
+      root_.Allocate(n) != 0 || index_.Allocate(index_capacity) != 0)
+    return -1;
   try {
-    stage_.assign(static_cast<size_t>(z + 1), kFreeSlot);
     occupied_.assign(static_cast<size_t>(z / 64 + 1), 0);
-    keys_.assign(static_cast<size_t>((z + 1) * n_words), 0);
-    first_.assign(static_cast<size_t>(z + 1), 0.0);
-    second_.assign(static_cast<size_t>(z + 1), 0.0);
-    root_.assign(static_cast<size_t>(z + 1), 0);
-    index_.assign(index_size, 0);
   } catch (const std::bad_alloc&) {
     return -1;
   }
-  index_mask_ = index_size - 1;
+  index_capacity_ = index_capacity;
+  index_size_ = std::min(kFirstIndexSize, index_capacity);
+  index_mask_ = index_size_ - 1;
+  index_count_ = 0;
   return 0;
+}
+
+// Doubles the part of the index in use and enters every stored slot again.
+void NodeStore::IndexGrow() {
+  index_size_ *= 2;
+  index_mask_ = index_size_ - 1;
+  std::fill(index_.data(), index_.data() + index_size_, IndexEntry{0, 0, 0});
+  index_count_ = 0;
+  for (size_t w = 0; w < occupied_.size(); ++w)
+    for (uint64_t bits = occupied_[w]; bits != 0; bits &= bits - 1)
+      IndexAdd(static_cast<int64_t>(w * 64 + __builtin_ctzll(bits)));
 }
 
 bool NodeStore::SameKey(int64_t slot, const int64_t* key) const {
@@ -232,33 +246,36 @@ uint64_t NodeStore::IndexHash(int stage, const int64_t* key) const {
 }
 
 void NodeStore::IndexAdd(int64_t slot) {
-  uint64_t i = IndexHash(stage_[slot], key(slot)) & index_mask_;
-  while (index_[i] != 0) i = (i + 1) & index_mask_;
-  index_[i] = slot;
+  uint64_t i = IndexHash(stage(slot), key(slot)) & index_mask_;
+  while (index_[i].slot != 0) i = (i + 1) & index_mask_;
+  index_[i] = IndexEntry{key(slot)[0], static_cast<int32_t>(slot), stage(slot)};
+  ++index_count_;
 }
 
 // Removes a slot from the index, shifting later members of its probe run
 // back so that no lookup is cut short.
 void NodeStore::IndexRemove(int64_t slot) {
-  uint64_t i = IndexHash(stage_[slot], key(slot)) & index_mask_;
-  while (index_[i] != slot) i = (i + 1) & index_mask_;
+  uint64_t i = IndexHash(stage(slot), key(slot)) & index_mask_;
+  --index_count_;
+  while (index_[i].slot != slot) i = (i + 1) & index_mask_;
   for (uint64_t j = i;;) {
     j = (j + 1) & index_mask_;
-    if (index_[j] == 0) break;
-    const uint64_t home = IndexHash(stage_[index_[j]], key(index_[j])) & index_mask_;
+    if (index_[j].slot == 0) break;
+    const int64_t other = index_[j].slot;
+    const uint64_t home = IndexHash(stage(other), key(other)) & index_mask_;
     const bool stays = i <= j ? (i < home && home <= j) : (i < home || home <= j);
     if (stays) continue;
     index_[i] = index_[j];
     i = j;
   }
-  index_[i] = 0;
+  index_[i] = IndexEntry{0, 0, 0};
 }
 
-int64_t NodeStore::Find(int stage, const int64_t* key) const {
-  const int8_t s = static_cast<int8_t>(stage);
-  for (uint64_t i = IndexHash(s, key) & index_mask_; index_[i] != 0; i = (i + 1) & index_mask_) {
-    const int64_t slot = index_[i];
-    if (stage_[slot] == s && SameKey(slot, key)) return slot;
+int64_t NodeStore::FindHashed(uint64_t hash, int stage, const int64_t* key) const {
+  for (uint64_t i = hash; index_[i].slot != 0; i = (i + 1) & index_mask_) {
+    const IndexEntry& e = index_[i];
+    if (e.stage == stage && e.key0 == key[0] && (n_words_ == 1 || SameKey(e.slot, key)))
+      return e.slot;
   }
   return 0;
 }
@@ -277,12 +294,12 @@ int64_t NodeStore::FirstFree(int64_t from, int64_t to) const {
 }
 
 void NodeStore::Take(int64_t slot, int stage, const int64_t* key, double first, double second) {
-  stage_[slot] = static_cast<int8_t>(stage);
+  stage_[slot] = static_cast<uint8_t>(stage + 1);
   occupied_[static_cast<size_t>(slot >> 6)] |= uint64_t{1} << (slot & 63);
   for (int w = 0; w < n_words_; ++w) keys_[slot * n_words_ + w] = key[w];
-  first_[slot] = first;
-  second_[slot] = second;
+  bounds_[slot] = Bounds{first, second};
   root_[slot] = 0;
+  if (2 * (index_count_ + 1) > index_size_ && index_size_ < index_capacity_) IndexGrow();
   IndexAdd(slot);
 }
 
@@ -301,21 +318,21 @@ int64_t NodeStore::Insert(int stage, const int64_t* key, double first, double se
 }
 
 void NodeStore::Free(int64_t slot) {
-  if (stage_[slot] == kFreeSlot) return;
+  if (stage(slot) == kFreeSlot) return;
   IndexRemove(slot);
-  stage_[slot] = kFreeSlot;
+  stage_[slot] = 0;
   occupied_[static_cast<size_t>(slot >> 6)] &= ~(uint64_t{1} << (slot & 63));
 }
 
 int64_t NodeStore::NextSlotOfStage(int64_t cursor, int stage) const {
-  const int8_t s = static_cast<int8_t>(stage);
+  const uint8_t s = static_cast<uint8_t>(stage + 1);
   for (int64_t i = cursor + 1; i <= z_; ++i)
     if (stage_[i] == s) return i;
   return 0;
 }
 
 void NodeStore::Place(int64_t slot, int stage, const int64_t* key, double first, double second) {
-  if (stage_[slot] != kFreeSlot) Free(slot);
+  if (stage_[slot] != 0) Free(slot);
   Take(slot, stage, key, first, second);
 }
 

@@ -35,7 +35,20 @@ struct KeyCodec {
   // the closed word); one more end at the last digit is appended.
   void Build(int k, const std::vector<int64_t>& radices);
   // Packs m[0..K-2] into key; an empty last word takes the stage total T.
-  void Pack(const int64_t* m, int64_t T, int64_t* key) const;
+  void Pack(const int64_t* m, int64_t T, int64_t* key) const {
+    int first = 0;
+    for (int w = 0; w < n_words; ++w) {
+      const int last = word_end[w];
+      if (w == n_words - 1 && last_word_empty) {
+        key[w] = T;
+        break;
+      }
+      int64_t v = m[first];
+      for (int i = first + 1; i <= last; ++i) v = v * radix[i] + m[i];
+      key[w] = v;
+      first = last + 1;
+    }
+  }
   // Unpacks key into m[0..K-2]; m[K-1] is left to the caller.
   void Unpack(const int64_t* key, int64_t* m) const;
 };
@@ -62,6 +75,52 @@ int EstimateCanonicalStageNodes(const std::vector<int64_t>& A, const std::vector
 // Whether a store of this many bytes fits the machine (half its memory).
 bool FitsInMemory(double bytes);
 
+// An array of n zero-filled elements in pages that the system maps on first
+// touch, with huge pages asked for when it is large.  The node store is
+// sized for the largest stage that the capacity estimate allows, and most
+// runs fill a small part of it: untouched pages cost neither time nor
+// memory, and huge pages keep the scattered accesses of the rest from
+// missing the address translation cache.  T must be valid when all zero.
+template <class T>
+class MappedArray {
+ public:
+  MappedArray() = default;
+  MappedArray(const MappedArray&) = delete;
+  MappedArray& operator=(const MappedArray&) = delete;
+  ~MappedArray() { Release(); }
+  // 0, or -1 when the system refuses the mapping.
+  int Allocate(size_t n) {
+    Release();
+    bytes_ = std::max<size_t>(n * sizeof(T), 1);
+    void* p = MapZeroed(bytes_);
+    if (p == nullptr) return -1;
+    data_ = static_cast<T*>(p);
+    return 0;
+  }
+  T& operator[](size_t i) { return data_[i]; }
+  const T& operator[](size_t i) const { return data_[i]; }
+  T* data() { return data_; }
+  const T* data() const { return data_; }
+
+ private:
+  static void* MapZeroed(size_t bytes);
+  static void Unmap(void* p, size_t bytes);
+  void Release() {
+    if (data_ != nullptr) Unmap(data_, bytes_);
+    data_ = nullptr;
+    bytes_ = 0;
+  }
+  T* data_ = nullptr;
+  size_t bytes_ = 0;
+};
+
+void* MapZeroedPages(size_t bytes);
+void UnmapPages(void* p, size_t bytes);
+template <class T>
+void* MappedArray<T>::MapZeroed(size_t bytes) { return MapZeroedPages(bytes); }
+template <class T>
+void MappedArray<T>::Unmap(void* p, size_t bytes) { UnmapPages(p, bytes); }
+
 // Hash table of the nodes of two adjacent stages, slots 1..Z.  A node
 // goes into the first free slot from its hash position upward (wrapping
 // from Z to 1), and the slot order is the order in which a stage is
@@ -76,7 +135,13 @@ class NodeStore {
   int64_t prime() const { return prime_; }
 
   // Slot holding the key at `stage`, or 0.
-  int64_t Find(int stage, const int64_t* key) const;
+  int64_t Find(int stage, const int64_t* key) const { return FindHashed(Hash(stage, key), stage, key); }
+  // The same in two steps, so that a caller with a run of keys to look up
+  // can start the memory loads of all of them (Prefetch) before it needs
+  // the first answer: the lookups are independent cache misses otherwise.
+  uint64_t Hash(int stage, const int64_t* key) const { return IndexHash(stage, key) & index_mask_; }
+  void Prefetch(uint64_t hash) const { __builtin_prefetch(&index_[hash]); }
+  int64_t FindHashed(uint64_t hash, int stage, const int64_t* key) const;
   // Stores the key at the first free slot from its hash position; 0 when
   // no slot is free.  With `check_duplicate` a slot that already holds the
   // key at this stage is returned instead (nothing is stored).
@@ -86,13 +151,13 @@ class NodeStore {
   int64_t NextSlotOfStage(int64_t cursor, int stage) const;
   void Free(int64_t slot);
 
-  int8_t stage(int64_t slot) const { return stage_[slot]; }
+  int8_t stage(int64_t slot) const { return static_cast<int8_t>(stage_[slot] - 1); }
   const int64_t* key(int64_t slot) const { return &keys_[slot * n_words_]; }
   int64_t* key(int64_t slot) { return &keys_[slot * n_words_]; }
   // Two doubles per node: the shortest and longest path in the backward
   // pass, the upper and lower cut in the forward pass.
-  double& first(int64_t slot) { return first_[slot]; }
-  double& second(int64_t slot) { return second_[slot]; }
+  double& first(int64_t slot) { return bounds_[slot].first; }
+  double& second(int64_t slot) { return bounds_[slot].second; }
   int64_t& tree_root(int64_t slot) { return root_[slot]; }
   // Places a node in a given slot, bypassing the hash (the stage-0 node).
   void Place(int64_t slot, int stage, const int64_t* key, double first, double second);
@@ -104,15 +169,32 @@ class NodeStore {
   uint64_t IndexHash(int stage, const int64_t* key) const;
   void IndexAdd(int64_t slot);
   void IndexRemove(int64_t slot);
+  void IndexGrow();
 
   int64_t z_ = 0, prime_ = 0;
   int n_words_ = 0;
-  std::vector<int8_t> stage_;
+  // Per slot: the stage plus one (0 marks a free slot, so that fresh
+  // pages read as free), the key words, the two doubles, the tree root.
+  struct Bounds {
+    double first, second;
+  };
+  MappedArray<uint8_t> stage_;
   std::vector<uint64_t> occupied_;  // one bit per slot
-  std::vector<int64_t> keys_;
-  std::vector<double> first_, second_;
-  std::vector<int64_t> root_;
-  std::vector<int64_t> index_;      // open addressing: slot numbers, 0 empty
+  MappedArray<int64_t> keys_;
+  MappedArray<Bounds> bounds_;
+  MappedArray<int64_t> root_;
+  // Open addressing over the stored slots.  An entry carries the first key
+  // word and the stage beside the slot number, so that a lookup reads one
+  // cache line and not the slot's arrays as well.  The part in use grows
+  // with the nodes held (at most half full), up to twice Z; a small index
+  // stays in cache where one sized for Z would miss on every lookup.
+  struct IndexEntry {
+    int64_t key0;
+    int32_t slot;   // 0: empty
+    int32_t stage;
+  };
+  MappedArray<IndexEntry> index_;
+  uint64_t index_capacity_ = 0, index_size_ = 0, index_count_ = 0;
   uint64_t index_mask_ = 0;
 };
 

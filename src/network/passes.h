@@ -147,6 +147,9 @@ inline double ClampUnit(double x) { return x < 0.0 ? 0.0 : (x > 1.0 ? 1.0 : x); 
 // ShortestPath and LongestPath, and fills net.stage_end.  Returns 0, -1
 // (a stage over its limit, no free slot, a successor not found, more than
 // 127 stages, no memory) or the spill file's code.
+// Successors looked up together in the backward pass.
+inline constexpr int kBackwardBatch = 16;
+
 template <NetworkMember M>
 int BackwardInduction(Network& net, const M& member) {
   const int K = net.K, S = net.S;
@@ -164,6 +167,10 @@ int BackwardInduction(Network& net, const M& member) {
   }
   succ.Reserve(K);
   net.stage_end.assign(S, 0);
+  const int nw = net.codec.n_words;
+  std::vector<int64_t> batch_key(static_cast<size_t>(kBackwardBatch) * nw);
+  std::vector<uint64_t> batch_hash(kBackwardBatch);
+  std::vector<double> batch_inc(kBackwardBatch);
 
   // The root: the vector A at stage S (every complement 0).
   NodeKey<M>(net, net.A.data(), net.N, scratch.data(), key.data());
@@ -185,21 +192,34 @@ int BackwardInduction(Network& net, const M& member) {
           if (store.Find(t, key.data()) != 0) continue;  // an equivalent node is done
         }
         double shortest = 0.0, longest = 0.0;
-        bool first = true;
+        bool first = true, more = true;
         succ.Start(K, net.A.data(), m.data(), net.B[t], net.rest[t], mn.data());
-        do {
-          if (!first && tick()) SendBackwardNodesLine(t + 1, net.Z - created);
-          CompleteLast(K, Tnext, mn.data());
-          NodeKey<M>(net, mn.data(), Tnext, scratch.data(), key.data());
-          const int64_t slot = store.Find(t + 1, key.data());
-          if (slot == 0) return -1;
-          succ.Line(d.data());
-          const double inc = member.EdgeStatistic(t, d.data(), net.EdgeLogWeight(t, d.data()));
-          const double s = store.first(slot) + inc, l = store.second(slot) + inc;
-          if (first || s < shortest) shortest = s;
-          if (first || l > longest) longest = l;
-          first = false;
-        } while (succ.Next(mn.data()));
+        while (more) {
+          // A batch of successors: keys, increments and the index loads
+          // started, then the lookups, which find their lines in cache.
+          int n = 0;
+          do {
+            CompleteLast(K, Tnext, mn.data());
+            int64_t* bk = &batch_key[static_cast<size_t>(n) * nw];
+            NodeKey<M>(net, mn.data(), Tnext, scratch.data(), bk);
+            batch_hash[n] = store.Hash(t + 1, bk);
+            store.Prefetch(batch_hash[n]);
+            succ.Line(d.data());
+            batch_inc[n] = member.EdgeStatistic(t, d.data(), net.EdgeLogWeight(t, d.data()));
+            ++n;
+            more = succ.Next(mn.data());
+          } while (more && n < kBackwardBatch);
+          for (int b = 0; b < n; ++b) {
+            if (!first && tick()) SendBackwardNodesLine(t + 1, net.Z - created);
+            const int64_t slot =
+                store.FindHashed(batch_hash[b], t + 1, &batch_key[static_cast<size_t>(b) * nw]);
+            if (slot == 0) return -1;
+            const double s = store.first(slot) + batch_inc[b], l = store.second(slot) + batch_inc[b];
+            if (first || s < shortest) shortest = s;
+            if (first || l > longest) longest = l;
+            first = false;
+          }
+        }
         NodeKey<M>(net, m.data(), Tt, scratch.data(), key.data());
         if (store.Insert(t, key.data(), shortest, longest, M::kCanonical) == 0) return -1;
         ++created;
