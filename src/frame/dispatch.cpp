@@ -2,6 +2,7 @@
 
 #include "engines/related_samples.h"
 #include "engines/ks_one_sample.h"
+#include "association/kappa.h"
 #include "association/likelihood.h"
 #include "association/linear.h"
 #include "kernel/binomial.h"
@@ -37,7 +38,7 @@ constexpr Route kRoutes[] = {
     {32, 1, net::FisherDriver},
     {40, 2, assoc::LikelihoodDriver},      {45, 1, assoc::LikelihoodDriver},   {41, 3, assoc::LinearDriver},
     {47, 1, assoc::LinearDriver},           {48, 2, assoc::LinearDriver},
-    {43, 1, nullptr},
+    {43, 1, assoc::KappaDriver},
     {46, 1, nullptr},   {49, 1, nullptr},   {50, 1, nullptr},
 };
 

@@ -5,6 +5,7 @@
 // failure codes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -118,14 +119,20 @@ TEST(NominalFamily, ExactPValuesMatchEnumeration) {
       support::MakeTable({{2, 1, 0}, {1, 2, 1}, {0, 1, 2}}),
       support::MakeTable({{1, 1}, {1, 1}}),             // kappa = 0 at its mean
       support::MakeTable({{0, 2, 1}, {2, 0, 1}, {1, 1, 0}}),
+      support::MakeTable({{2, 0, 1}, {0, 0, 0}, {1, 0, 3}}),  // kappa: an empty row and column
+      support::MakeTable({{0, 0}, {0, 5}}),                   // kappa: one category, t2 = 1
   };
-  for (const Member& mb : {Member{40, false}, Member{45, false}}) {
+  for (const Member& mb : {Member{40, false}, Member{45, false}, Member{43, true}}) {
     std::mt19937_64 rng(20261123 + mb.proc);
     int cases = 0, two_by_two = 0, ties = 0;
     for (int k = 0; cases < 220; ++k) {
       const bool fixed_case = k < static_cast<int>(fixed.size());
       const Table t = fixed_case ? fixed[k] : RandomCase(rng, k, mb.square);
       if (mb.square && t.rows != t.cols) continue;
+      const auto R = support::RowTotals(t), C = support::ColTotals(t);
+      if (!mb.square && (*std::min_element(R.begin(), R.end()) == 0 ||
+                         *std::min_element(C.begin(), C.end()) == 0))
+        continue;
       if (support::CountTables(support::RowTotals(t), support::ColTotals(t), 200000) > 200000)
         continue;
       ++cases;
@@ -211,6 +218,20 @@ TEST(NominalFamily, MeasuresMatchR) {
   for (const AssocRef& ref : refs) {
     const Table t = support::FromColumnMajor(ref.rows, ref.cols, ref.cells);
     const double* v = ref.v;
+    if (ref.rows == ref.cols) {
+      HostCall call(43, TQ_METHOD_ASYMPTOTIC);
+      const double* f = call.Run(t);
+      const std::string what = ref.id + " procedure 43";
+      ASSERT_EQ(f[48], 0.0) << what;
+      ExpectClose(f[0], v[AssocRef::kKappa], 1e-12, what + " kappa");
+      ExpectClose(f[0], v[AssocRef::kKappaP], 1e-12, what + " kappa, psych");
+      ExpectClose(f[3], v[AssocRef::kAse1V], 1e-9, what + " ASE1");
+      ExpectClose(f[3], std::sqrt(v[AssocRef::kVar1P]), 1e-9, what + " ASE1, psych");
+      ExpectClose(f[3], v[AssocRef::kAse1D], 1e-6, what + " ASE1, delta method");
+      const double z = v[AssocRef::kKappa] / v[AssocRef::kAse0];
+      ExpectClose(f[1], z, 1e-9, what + " z");
+      ExpectClose(f[14], std::erfc(std::fabs(z) / std::sqrt(2.0)), 1e-6, what + " p");
+    }
     for (int proc : {40, 45}) {
       HostCall call(proc, TQ_METHOD_ASYMPTOTIC);
       const double* f = call.Run(t);
@@ -240,7 +261,7 @@ TEST(NominalFamily, MeasuresMatchR) {
 
 TEST(NominalFamily, MonteCarloAgreesWithExactAndRepeats) {
   const Table t = support::MakeTable({{4, 2, 1, 0}, {2, 3, 3, 1}, {0, 1, 3, 5}, {1, 0, 2, 2}});
-  for (int proc : {40, 45}) {
+  for (int proc : {40, 45, 43}) {
     HostCall exact(proc, TQ_METHOD_EXACT);
     const double p = exact.Run(t)[16];
     ASSERT_EQ(exact.f[48], 0.0);
@@ -273,24 +294,27 @@ TEST(NominalFamily, BadInputGetsItsFailureCode) {
   std::filesystem::remove(spill);
   struct Case {
     Table t;
-    std::vector<int> procs;
-    double field48;
+    std::vector<std::pair<int, double>> expect;  // procedure, field 48
   };
   const std::vector<Case> cases = {
-      {support::MakeTable({{1, 2, 3}}), {40, 45}, -99.0},
-      {support::MakeTable({{1}, {2}}), {40, 45}, -99.0},
-      {support::MakeTable({{1, 2}, {0, 0}}), {40, 45}, -1001.0},
-      {support::MakeTable({{1, 0, 2}, {2, 0, 1}}), {40, 45}, -1001.0},
-      {support::MakeTable({{1, 2}, {3, -1}}), {40, 45}, -1001.0},
-      {support::MakeTable({{1, 2, 1}, {3, -1, 2}}), {40, 45}, -1001.0},
+      {support::MakeTable({{1, 2, 3}}), {{40, -99.0}, {45, -99.0}, {43, -912.0}}},
+      {support::MakeTable({{1}, {2}}), {{40, -99.0}, {45, -99.0}, {43, -912.0}}},
+      {support::MakeTable({{5}}), {{40, -99.0}, {43, -1016.0}}},
+      {support::MakeTable({{1, 2, 1}, {3, 0, 2}}), {{43, -912.0}}},
+      {support::MakeTable({{1, 2}, {0, 0}}), {{40, -1001.0}, {45, -1001.0}}},
+      {support::MakeTable({{1, 0, 2}, {2, 0, 1}}), {{40, -1001.0}, {45, -1001.0}}},
+      {support::MakeTable({{0, 0}, {0, 0}}), {{43, -849.0}}},
+      {support::MakeTable({{1, 2}, {3, -1}}), {{40, -1001.0}, {45, -1001.0}, {43, -1001.0}}},
+      {support::MakeTable({{3, -1}, {0, 2}}), {{43, -1001.0}}},  // every total >= 0
+      {support::MakeTable({{1, 2, 1}, {3, -1, 2}}), {{40, -1001.0}, {45, -1001.0}}},
   };
   for (const Case& c : cases) {
-    for (int proc : c.procs) {
+    for (auto [proc, field48] : c.expect) {
       for (int64_t method : {TQ_METHOD_EXACT, TQ_METHOD_ASYMPTOTIC}) {
         HostCall call(proc, method);
         call.spill = spill;
         const double* f = call.Run(c.t);
-        EXPECT_EQ(f[48], c.field48) << support::Describe(c.t) << " procedure " << proc;
+        EXPECT_EQ(f[48], field48) << support::Describe(c.t) << " procedure " << proc;
         EXPECT_TRUE(call.Published().empty()) << support::Describe(c.t);
         EXPECT_FALSE(std::filesystem::exists(spill));
       }
@@ -299,6 +323,9 @@ TEST(NominalFamily, BadInputGetsItsFailureCode) {
   HostCall cases_form(40, TQ_METHOD_EXACT);
   cases_form.values = {1, 2, 3};
   EXPECT_EQ(cases_form.RunCases()[48], -99.0);
+  HostCall kappa_cases(43, TQ_METHOD_EXACT);
+  kappa_cases.values = {1, 2, 3};
+  EXPECT_EQ(kappa_cases.RunCases()[48], -849.0);  // 151: the family reads Table only
   // A finished exact run leaves no spill file behind either.
   HostCall ok(45, TQ_METHOD_EXACT);
   ok.spill = spill;
