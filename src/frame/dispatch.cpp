@@ -2,6 +2,7 @@
 
 #include "engines/related_samples.h"
 #include "engines/ks_one_sample.h"
+#include "association/gk_tau.h"
 #include "association/kappa.h"
 #include "association/likelihood.h"
 #include "association/linear.h"
@@ -39,7 +40,7 @@ constexpr Route kRoutes[] = {
     {40, 2, assoc::LikelihoodDriver},      {45, 1, assoc::LikelihoodDriver},   {41, 3, assoc::LinearDriver},
     {47, 1, assoc::LinearDriver},           {48, 2, assoc::LinearDriver},
     {43, 1, assoc::KappaDriver},
-    {46, 1, nullptr},   {49, 1, nullptr},   {50, 1, nullptr},
+    {46, 1, assoc::GkTauDriver},   {49, 1, nullptr},   {50, 1, nullptr},
 };
 
 const Route* Find(int64_t procedure) {

@@ -122,7 +122,8 @@ TEST(NominalFamily, ExactPValuesMatchEnumeration) {
       support::MakeTable({{2, 0, 1}, {0, 0, 0}, {1, 0, 3}}),  // kappa: an empty row and column
       support::MakeTable({{0, 0}, {0, 5}}),                   // kappa: one category, t2 = 1
   };
-  for (const Member& mb : {Member{40, false}, Member{45, false}, Member{43, true}}) {
+  for (const Member& mb : {Member{40, false}, Member{45, false}, Member{43, true},
+                           Member{46, false}}) {
     std::mt19937_64 rng(20261123 + mb.proc);
     int cases = 0, two_by_two = 0, ties = 0;
     for (int k = 0; cases < 220; ++k) {
@@ -232,6 +233,16 @@ TEST(NominalFamily, MeasuresMatchR) {
       ExpectClose(f[1], z, 1e-9, what + " z");
       ExpectClose(f[14], std::erfc(std::fabs(z) / std::sqrt(2.0)), 1e-6, what + " p");
     }
+    {
+      HostCall call(46, TQ_METHOD_ASYMPTOTIC);
+      const double* f = call.Run(t);
+      const std::string what = ref.id + " procedure 46";
+      ASSERT_EQ(f[48], 0.0) << what;
+      ExpectClose(Slot(slot::kStatistic).value, v[AssocRef::kTau], 1e-12, what + " tau");
+      ExpectClose(f[0], v[AssocRef::kTauS], 1e-12, what + " symmetric tau");
+      ExpectClose(f[1], v[AssocRef::kAseTau], 1e-6, what + " ASE");
+      ExpectClose(Slot(slot::kAsymTwoSided).value, v[AssocRef::kPTau], 1e-9, what + " p");
+    }
     for (int proc : {40, 45}) {
       HostCall call(proc, TQ_METHOD_ASYMPTOTIC);
       const double* f = call.Run(t);
@@ -261,7 +272,7 @@ TEST(NominalFamily, MeasuresMatchR) {
 
 TEST(NominalFamily, MonteCarloAgreesWithExactAndRepeats) {
   const Table t = support::MakeTable({{4, 2, 1, 0}, {2, 3, 3, 1}, {0, 1, 3, 5}, {1, 0, 2, 2}});
-  for (int proc : {40, 45, 43}) {
+  for (int proc : {40, 45, 43, 46}) {
     HostCall exact(proc, TQ_METHOD_EXACT);
     const double p = exact.Run(t)[16];
     ASSERT_EQ(exact.f[48], 0.0);
@@ -297,16 +308,16 @@ TEST(NominalFamily, BadInputGetsItsFailureCode) {
     std::vector<std::pair<int, double>> expect;  // procedure, field 48
   };
   const std::vector<Case> cases = {
-      {support::MakeTable({{1, 2, 3}}), {{40, -99.0}, {45, -99.0}, {43, -912.0}}},
-      {support::MakeTable({{1}, {2}}), {{40, -99.0}, {45, -99.0}, {43, -912.0}}},
+      {support::MakeTable({{1, 2, 3}}), {{40, -99.0}, {45, -99.0}, {43, -912.0}, {46, -1016.0}}},
+      {support::MakeTable({{1}, {2}}), {{40, -99.0}, {45, -99.0}, {43, -912.0}, {46, -1016.0}}},
       {support::MakeTable({{5}}), {{40, -99.0}, {43, -1016.0}}},
       {support::MakeTable({{1, 2, 1}, {3, 0, 2}}), {{43, -912.0}}},
-      {support::MakeTable({{1, 2}, {0, 0}}), {{40, -1001.0}, {45, -1001.0}}},
-      {support::MakeTable({{1, 0, 2}, {2, 0, 1}}), {{40, -1001.0}, {45, -1001.0}}},
+      {support::MakeTable({{1, 2}, {0, 0}}), {{40, -1001.0}, {45, -1001.0}, {46, -1001.0}}},
+      {support::MakeTable({{1, 0, 2}, {2, 0, 1}}), {{40, -1001.0}, {45, -1001.0}, {46, -1001.0}}},
       {support::MakeTable({{0, 0}, {0, 0}}), {{43, -849.0}}},
       {support::MakeTable({{1, 2}, {3, -1}}), {{40, -1001.0}, {45, -1001.0}, {43, -1001.0}}},
       {support::MakeTable({{3, -1}, {0, 2}}), {{43, -1001.0}}},  // every total >= 0
-      {support::MakeTable({{1, 2, 1}, {3, -1, 2}}), {{40, -1001.0}, {45, -1001.0}}},
+      {support::MakeTable({{1, 2, 1}, {3, -1, 2}}), {{40, -1001.0}, {45, -1001.0}, {46, -1001.0}}},
   };
   for (const Case& c : cases) {
     for (auto [proc, field48] : c.expect) {
@@ -323,6 +334,12 @@ TEST(NominalFamily, BadInputGetsItsFailureCode) {
   HostCall cases_form(40, TQ_METHOD_EXACT);
   cases_form.values = {1, 2, 3};
   EXPECT_EQ(cases_form.RunCases()[48], -99.0);
+  // MethodCode 0: 46 runs the exact route, 40 the asymptotic one.
+  HostCall tau0(46, 0), g0(40, 0);
+  const Table t = support::MakeTable({{3, 1, 0}, {1, 2, 2}, {0, 1, 4}});
+  EXPECT_NE(tau0.Run(t)[16], support::kTestFiller);
+  EXPECT_EQ(g0.Run(t)[16], support::kTestFiller);
+  EXPECT_EQ(g0.f[48], 0.0);
   HostCall kappa_cases(43, TQ_METHOD_EXACT);
   kappa_cases.values = {1, 2, 3};
   EXPECT_EQ(kappa_cases.RunCases()[48], -849.0);  // 151: the family reads Table only
