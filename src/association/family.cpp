@@ -4,6 +4,15 @@
 
 namespace anvl::assoc {
 
+double TableLogProbability(const std::vector<int64_t>& x, const std::vector<int64_t>& R,
+                           const std::vector<int64_t>& C, int64_t N, const double* lf) {
+  double lp = -LogFactorial(N, lf);
+  for (int64_t r : R) lp += LogFactorial(r, lf);
+  for (int64_t c : C) lp += LogFactorial(c, lf);
+  for (int64_t v : x) lp -= LogFactorial(v, lf);
+  return lp;
+}
+
 void PublishRunWords(int64_t procedure) {
   const RunStore& st = Store();
   SetWord(word::kRowsPublished, st.row_count);
@@ -47,6 +56,12 @@ void PublishTwoCutMonteCarlo(const net::McResult& one_sided, const net::McResult
   net::PublishMonteCarloOneSided(one_sided);
   PublishSide(high_side);
   SetWord(word::kPublishedMethod, 2);
+}
+
+void PublishOneCutExact(const net::PassResult& pass) {
+  PublishClamped(slot::kExactTwoSided, pass.tail_high + pass.point);
+  PublishClamped(slot::kPointProbability, pass.point);
+  SetWord(word::kPublishedMethod, 1);
 }
 
 void PublishDegenerate() {

@@ -81,6 +81,11 @@ constexpr const MemberRow& MemberOf(int64_t procedure) {
 // Publishers shared by the members.
 // ---------------------------------------------------------------------------
 
+// log of the probability of a table under its fixed margins:
+// sum log R_i! + sum log C_j! - log N! - sum log x_ij!.
+double TableLogProbability(const std::vector<int64_t>& x, const std::vector<int64_t>& R,
+                           const std::vector<int64_t>& C, int64_t N, const double* lf);
+
 // RowsPublished, ColumnsPublished and PublishedCode; PublishedMethod 3.
 void PublishRunWords(int64_t procedure);
 // The interval of a measure m with standard error e at IntervalConfidence:
@@ -98,6 +103,19 @@ void PublishTwoCutMonteCarlo(const net::McResult& one_sided, const net::McResult
 // A run without variance (status -4): every p-value and the point
 // probability 1.0 (PublishedMethod 1).
 void PublishDegenerate();
+// The exact p-value of a one-cut member, TailHigh + PointProb, and the
+// point probability, both clamped (PublishedMethod 1).
+void PublishOneCutExact(const net::PassResult& pass);
+
+// A one-cut member's run declares `static constexpr Form kForm =
+// Form::kOneCut`; a run that declares nothing is two-cut.
+template <class Run>
+constexpr bool IsOneCut() {
+  if constexpr (requires { Run::kForm; })
+    return Run::kForm == Form::kOneCut;
+  else
+    return false;
+}
 
 // ---------------------------------------------------------------------------
 // The run of a member, in its order.  A member type provides:
@@ -105,8 +123,10 @@ void PublishDegenerate();
 //   bool Degenerate() const                   status -4: no route runs
 //   void PublishAsymptotic() const
 //   bool HighSide() const                     the published value on the high side
+//                                             (two-cut only)
 //   double Statistic() const                  what the Monte Carlo publisher repeats
 //   auto HitRule() const                      a TwoCounts rule of a drawn table
+//                                             (one-cut: a bool rule, one count)
 //   int Exact(lf, PassResult&) const          the exact route (the network passes)
 //   double TableProbability() const
 //   const std::vector<int64_t>& RowTotals(), ColTotals()
@@ -135,11 +155,19 @@ int FamilyRun(Run& run, std::vector<int64_t>& table, int64_t rows, int64_t cols,
   run.PublishAsymptotic();  // stands whatever follows
   if (method == 2) {
     net::McResult two, one;
-    code = net::McRoute(table, rows, cols, run.RowTotals(), run.ColTotals(), lf.data(),
-                        run.HitRule(), two, &one);
-    if (code != 0) return code;
-    run.PublishAsymptotic();
-    PublishTwoCutMonteCarlo(one, two, run.Statistic(), run.HighSide());
+    if constexpr (IsOneCut<Run>()) {
+      code = net::McRoute(table, rows, cols, run.RowTotals(), run.ColTotals(), lf.data(),
+                          run.HitRule(), two);
+      if (code != 0) return code;
+      run.PublishAsymptotic();
+      net::PublishMonteCarlo(two, run.Statistic());
+    } else {
+      code = net::McRoute(table, rows, cols, run.RowTotals(), run.ColTotals(), lf.data(),
+                          run.HitRule(), two, &one);
+      if (code != 0) return code;
+      run.PublishAsymptotic();
+      PublishTwoCutMonteCarlo(one, two, run.Statistic(), run.HighSide());
+    }
     return 0;
   }
   net::PassResult pass;
@@ -147,10 +175,16 @@ int FamilyRun(Run& run, std::vector<int64_t>& table, int64_t rows, int64_t cols,
   if (code != 0) return code;
   UpdateElapsed();
   // The observed table's own mass: the pass may have ended early.
-  double& point = run.HighSide() ? pass.high_point : pass.low_point;
-  point = std::max(point, run.TableProbability());
-  run.PublishAsymptotic();
-  PublishTwoCutExact(pass, run.HighSide());
+  if constexpr (IsOneCut<Run>()) {
+    pass.point = std::max(pass.point, run.TableProbability());
+    run.PublishAsymptotic();
+    PublishOneCutExact(pass);
+  } else {
+    double& point = run.HighSide() ? pass.high_point : pass.low_point;
+    point = std::max(point, run.TableProbability());
+    run.PublishAsymptotic();
+    PublishTwoCutExact(pass, run.HighSide());
+  }
   return 0;
 }
 

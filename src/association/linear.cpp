@@ -84,15 +84,6 @@ std::vector<double> ShiftAndRound(std::vector<double>& s, int limit) {
   return w;
 }
 
-double TableLogProbability(const std::vector<int64_t>& x, const std::vector<int64_t>& R,
-                           const std::vector<int64_t>& C, int64_t N, const double* lf) {
-  double lp = -LogFactorial(N, lf);
-  for (int64_t r : R) lp += LogFactorial(r, lf);
-  for (int64_t c : C) lp += LogFactorial(c, lf);
-  for (int64_t v : x) lp -= LogFactorial(v, lf);
-  return lp;
-}
-
 // Sorts the margins by ascending score, the totals moving with their
 // scores: for each position, every later element with a smaller score is
 // swapped in.

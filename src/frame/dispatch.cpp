@@ -2,6 +2,9 @@
 
 #include "engines/related_samples.h"
 #include "engines/ks_one_sample.h"
+#include "association/gk_tau.h"
+#include "association/kappa.h"
+#include "association/likelihood.h"
 #include "association/linear.h"
 #include "kernel/binomial.h"
 #include "network/contingency.h"
@@ -36,10 +39,10 @@ constexpr Route kRoutes[] = {
     {21, 8, nullptr},   {24, 1, eng::RelatedSamplesDriver},
     {26, 2, eng::RelatedSamplesDriver},     {51, 3, eng::RelatedSamplesDriver},
     {32, 1, net::FisherDriver},
-    {40, 2, nullptr},   {45, 1, nullptr},   {41, 3, assoc::LinearDriver},
+    {40, 2, assoc::LikelihoodDriver},      {45, 1, assoc::LikelihoodDriver},   {41, 3, assoc::LinearDriver},
     {47, 1, assoc::LinearDriver},           {48, 2, assoc::LinearDriver},
-    {43, 1, nullptr},
-    {46, 1, nullptr},   {49, 1, nullptr},   {50, 1, nullptr},
+    {43, 1, assoc::KappaDriver},
+    {46, 1, assoc::GkTauDriver},   {49, 1, nullptr},   {50, 1, nullptr},
 };
 
 const Route* Find(int64_t procedure) {

@@ -486,14 +486,16 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
 
 // Opens the spill file for the network's node records (the stage byte,
 // the key words and two doubles; canonical records carry no stage byte)
-// and runs both passes against `obs`.  Returns 0 or the failure code.
+// and runs both passes against `obs` (a two-cut member: its HighBound, and
+// its LowBound as `low_bound`).  Returns 0 or the failure code.
 template <NetworkMember M>
-int RunPasses(Network& net, const M& member, double obs, PassResult& pass) {
+int RunPasses(Network& net, const M& member, double obs, PassResult& pass,
+              double low_bound = 0.0) {
   const int64_t record_bytes = 8 * net.codec.n_words + 16 + (M::kCanonical ? 0 : 1);
   const int opened = OpenNodeFile(record_bytes);
   if (opened != 0) return opened;
   int code = BackwardInduction(net, member);
-  if (code == 0) code = ForwardPass(net, member, obs, pass);
+  if (code == 0) code = ForwardPass(net, member, obs, pass, low_bound);
   return code;
 }
 

@@ -22,4 +22,11 @@ int TwoByTwoPearsonRun(const int64_t* table);
 // "Processing..." on a tick.  0, or -1 as above; nothing published then.
 int TwoByTwoFisherRun(const int64_t* table);
 
+// The likelihood-ratio test on the 2 x 2 table (procedure 40): the same
+// walk on the entropy H(x) = sum n log n of the four cells (a value counts
+// when H(x) >= obs - tol, at the point when within tol, tol = 1e-7 of
+// |obs|), G^2 with its chi-square p-value on 1 degree of freedom (1 when
+// G^2 <= 0), and the law of the first cell.  0, or -1 as above.
+int TwoByTwoLikelihoodRun(const int64_t* table);
+
 }  // namespace anvl::net

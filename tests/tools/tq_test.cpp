@@ -609,6 +609,38 @@ TEST(TqReadme, ExamplesRunAsWritten) {
   EXPECT_GE(commands, 5);
 }
 
+// The four nominal-association commands against the peer values of
+// tests/data/association_refs.csv (table s3x3), and their failures.
+TEST(TqResults, NominalAssociationCommandsMatchTheirPeers) {
+  const Args table = {"--table", "2 1 1; 0 3 2; 1 0 4", "--asymptotic"};
+  auto run = [&](const char* test) { return RunJson(With({test}, {table[0], table[1], table[2]}))["results"]; };
+  EXPECT_NEAR(run("likelihood-ratio")["g_squared"].get<double>(), 8.9169274492912862, 1e-11);
+  const Json u = run("uncertainty");
+  EXPECT_NEAR(u["symmetric"].get<double>(), 0.29930948660174772, 1e-12);
+  EXPECT_NEAR(u["columns_given_rows"].get<double>(), 0.30781105269105496, 1e-12);
+  EXPECT_NEAR(u["rows_given_columns_ase"].get<double>(), 0.11719999619105709, 1e-7);
+  const Json k = run("kappa");
+  EXPECT_NEAR(k["kappa"].get<double>(), 0.45736434108527141, 1e-12);
+  EXPECT_NEAR(k["ase"].get<double>(), 0.18987750570958817, 1e-9);
+  const Json t = run("gk-tau");
+  EXPECT_NEAR(t["symmetric_tau"].get<double>(), 0.25925925925925924, 1e-12);
+  EXPECT_NEAR(t["ase"].get<double>(), 0.15225070794695891, 1e-7);
+  struct Case {
+    Args args;
+    int code;
+  } failures[] = {
+      {{"kappa", "--table", "1 2 3; 4 5 6"}, 88},
+      {{"uncertainty", "--table", "1 2 3"}, 901},
+      {{"likelihood-ratio", "--table", "1 2; 0 0"}, -1},
+      {{"gk-tau", "--table", "1 2 3"}, -16},
+  };
+  for (const Case& c : failures) {
+    const Json j = RunJson(c.args, 1);
+    EXPECT_EQ(j["failure"]["code"], c.code) << Joined(c.args);
+    EXPECT_TRUE(j["results"].empty());
+  }
+}
+
 }  // namespace
 
 // Two raw samples for ks2 and wald-wolfowitz, a series with its cut for
