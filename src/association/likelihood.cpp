@@ -62,7 +62,7 @@ int LikelihoodRun::Observed(const std::vector<int64_t>& table, int64_t rows, int
       ai += xd * ((std::log(C) + (std::log(R) - L)) - lx);
     }
   g2_ *= 2.0;
-  p_ = g2_ > 0.0 ? ChiSquareTail(g2_, df_) : 1.0;
+  p_ = ChiSquareTail(g2_, df_);  // 0 at G² = 0, as for every chi-square test of the engine
   table_probability_ = std::exp(TableLogProbability(table, row_totals_, col_totals_, N_, lf));
   if (selector_ != kUncertainty) return 0;
 
