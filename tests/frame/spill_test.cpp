@@ -146,10 +146,11 @@ TEST(SpillBudget, MemoryFieldThroughTheClamp) {
 }
 
 // Every form round trips in any order: reads in file order and at random,
-// then rewrites in place interleaved with reads of their neighbours, which
-// keep their contents wherever their bytes are held: 6000 records cross the
-// in-memory window many times, 20000 of 16 bytes hold more than it, and
-// records of 80 KB are larger than it.
+// then rewrites in place, interleaved with reads of their neighbours or
+// back to back over skipped records, which keep their contents wherever
+// their bytes are held: 6000 records cross the in-memory window many
+// times, 20000 of 16 bytes hold more than it, and records of 80 KB are
+// larger than it.
 TEST_F(SpillTest, EveryFormRoundTripsInAnyOrder) {
   struct Case {
     Form form;
@@ -172,13 +173,14 @@ TEST_F(SpillTest, EveryFormRoundTripsInAnyOrder) {
     std::iota(order.begin(), order.end(), 1);
     std::shuffle(order.begin(), order.end(), std::mt19937(12345));
     for (int64_t r : order) ASSERT_EQ(Check(c.form, r, c.words, 1), "") << "random read of " << r;
-    if (c.rewritten.empty()) c.rewritten.assign(order.begin(), order.begin() + 500);
+    const bool interleave = c.rewritten.empty();  // else rewrites back to back, skipping records
+    if (interleave) c.rewritten.assign(order.begin(), order.begin() + 500);
     std::vector<bool> again(c.records + 1, false);
     for (int64_t r : c.rewritten) {
       const int64_t next = r % c.records + 1;
       ASSERT_EQ(Write(c.form, Make(r, c.words, 2), r), 0) << r;
       again[r] = true;
-      ASSERT_EQ(Check(c.form, next, c.words, again[next] ? 2 : 1), "") << "neighbour " << next;
+      if (interleave) ASSERT_EQ(Check(c.form, next, c.words, again[next] ? 2 : 1), "") << "neighbour " << next;
     }
     for (int64_t r = 1; r <= c.records; ++r)
       ASSERT_EQ(Check(c.form, r, c.words, again[r] ? 2 : 1), "") << "after overwrite, record " << r;
