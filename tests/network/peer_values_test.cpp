@@ -120,7 +120,7 @@ TEST(MonteCarloFromTheHost, EstimatesBracketTheExactValue) {
   for (const Table& t : tables) {
     SCOPED_TRACE(anvl::support::Describe(t));
     for (int64_t procedure : {TQ_PROC_CHISQ, TQ_PROC_NOMINAL, TQ_PROC_FISHER, TQ_PROC_MEDIAN}) {
-      if ((procedure == TQ_PROC_MEDIAN) != (&t == &tables[3])) continue;
+      if ((procedure == TQ_PROC_MEDIAN) != (&t == &tables[3])) continue;  // the last table is the median test's
       HostCall exact(procedure, TQ_METHOD_EXACT);
       if (procedure == TQ_PROC_MEDIAN) exact.MedianCut({1, 2, 3, 4}, 2.5);
       const double p = exact.Run(t)[16];
