@@ -181,7 +181,9 @@ TEST_F(SpillTest, EveryFormRoundTripsInAnyOrder) {
       const int64_t next = r % c.records + 1;
       ASSERT_EQ(Write(c.form, Make(r, c.words, 2), r), 0) << r;
       again[r] = true;
-      if (interleave) ASSERT_EQ(Check(c.form, next, c.words, again[next] ? 2 : 1), "") << "neighbour " << next;
+      if (interleave) {
+        ASSERT_EQ(Check(c.form, next, c.words, again[next] ? 2 : 1), "") << "neighbour " << next;
+      }
     }
     for (int64_t r = 1; r <= c.records; ++r)
       ASSERT_EQ(Check(c.form, r, c.words, again[r] ? 2 : 1), "") << "after overwrite, record " << r;
