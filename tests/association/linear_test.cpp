@@ -6,9 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 
 #include "association/linear.h"
 #include "support/enumerate.h"
@@ -175,107 +173,54 @@ TEST(LinearFamily, ExactMassesMatchEnumeration) {
   EXPECT_LT(early, cases / 10);
 }
 
-// ---------------------------------------------------------------------------
-// Measures against R (tests/data/gen_linear_refs.R).
-// ---------------------------------------------------------------------------
-
-struct LinearRef {
-  std::string id;
-  int rows = 0, cols = 0;
-  std::vector<int64_t> cells;
-  std::vector<double> u, v;
-  double T, mean, var, z, r, ase_r, t_r, p_r, rs, ase_s, t_s, p_s;
-};
-
-template <class X>
-std::vector<X> Split(const std::string& s) {
-  std::istringstream in(s);
-  std::vector<X> out;
-  X x;
-  while (in >> x) out.push_back(x);
-  return out;
-}
-
-std::vector<LinearRef> LoadLinearRefs() {
-  std::ifstream in(support::TestDataDir() + "/linear_refs.csv");
-  std::string line;
-  std::vector<LinearRef> refs;
-  std::getline(in, line);
-  while (std::getline(in, line)) {
-    std::vector<std::string> f;
-    std::stringstream ss(line);
-    std::string item;
-    while (std::getline(ss, item, ',')) f.push_back(item);
-    if (f.size() != 18) continue;
-    LinearRef r;
-    r.id = f[0];
-    r.rows = std::stoi(f[1]);
-    r.cols = std::stoi(f[2]);
-    r.cells = Split<int64_t>(f[3]);
-    r.u = Split<double>(f[4]);
-    r.v = Split<double>(f[5]);
-    double* d[] = {&r.T, &r.mean, &r.var, &r.z, &r.r, &r.ase_r, &r.t_r, &r.p_r,
-                   &r.rs, &r.ase_s, &r.t_s, &r.p_s};
-    for (int i = 0; i < 12; ++i) *d[i] = std::stod(f[6 + i]);
-    refs.push_back(r);
-  }
-  return refs;
-}
-
 void ExpectClose(double engine, double ref, double rel, double abs, const std::string& what) {
-  EXPECT_LE(std::fabs(engine - ref), rel * std::fabs(ref) + abs) << what << ": " << engine
-                                                                 << " vs " << ref;
+  EXPECT_LE(std::fabs(engine - ref), rel * std::fabs(ref) + abs) << what << ": " << engine << " vs " << ref;
 }
 
+// The measures from the host, and the t test's p-value: the series against
+// R's pt.  The series is defined with 1/pi in single precision, whose error
+// (about 1e-8 of 1/pi) reaches the result as an absolute error of up to
+// 1/pi x 1e-8 x pi/2.
 TEST(LinearFamily, MeasuresMatchR) {
-  const auto refs = LoadLinearRefs();
+  const auto refs = support::LoadCsv("linear_refs.csv");
   ASSERT_GE(refs.size(), 12u);
-  for (const LinearRef& ref : refs) {
-    const Table t = support::FromColumnMajor(ref.rows, ref.cols, ref.cells);
+  for (const support::CsvRow& ref : refs) {
+    const std::vector<int64_t> cells = ref.Ints("cells");
+    const Table t = support::FromColumnMajor(ref.Int("rows"), ref.Int("cols"), cells);
     for (int proc : {41, 47, 48}) {
       HostCall call(proc, TQ_METHOD_ASYMPTOTIC);
-      call.row_scores = ref.u;
-      call.scores = ref.v;
+      call.row_scores = ref.Reals("row_scores");
+      call.scores = ref.Reals("col_scores");
       const double* f = call.Run(t);
-      const std::string what = ref.id + " procedure " + std::to_string(proc);
+      const std::string what = ref.Text("id") + " procedure " + std::to_string(proc);
       ASSERT_EQ(f[48], 0.0) << what;
       if (proc == 41) {
-        ExpectClose(f[0], ref.T, 1e-12, 0, what + " T");
-        ExpectClose(f[2], ref.mean, 1e-12, 0, what + " mean");
-        ExpectClose(f[3], std::sqrt(ref.var), 1e-12, 0, what + " sd");
-        ExpectClose(f[1], ref.z, 1e-10, 1e-12, what + " z");
-        const double p = 0.5 * std::erfc(std::fabs(ref.z) / std::sqrt(2.0));
+        ExpectClose(f[0], ref.Real("T"), 1e-12, 0, what + " T");
+        ExpectClose(f[2], ref.Real("mean"), 1e-12, 0, what + " mean");
+        ExpectClose(f[3], std::sqrt(ref.Real("var")), 1e-12, 0, what + " sd");
+        ExpectClose(f[1], ref.Real("z"), 1e-10, 1e-12, what + " z");
+        const double p = 0.5 * std::erfc(std::fabs(ref.Real("z")) / std::sqrt(2.0));
         ExpectClose(f[13], p, 1e-7, 1e-15, what + " one-sided");
         ExpectClose(f[14], std::min(1.0, 2 * p), 1e-7, 1e-15, what + " two-sided");
       } else {
-        const bool pearson = proc == 47;
-        const double r = pearson ? ref.r : ref.rs, t_ref = pearson ? ref.t_r : ref.t_s;
-        const double ase = pearson ? ref.ase_r : ref.ase_s;
-        ExpectClose(f[0], r, 1e-12, 1e-15, what + " r");
-        ExpectClose(f[3], ase, 1e-6, 0, what + " ASE");
-        ExpectClose(f[1], t_ref, 1e-10, 1e-12, what + " t");
+        const std::string k = proc == 47 ? "r" : "s";  // the columns r, ase_r, t_r or rs, ase_s, t_s
+        ExpectClose(f[0], ref.Real(proc == 47 ? "r" : "rs"), 1e-12, 1e-15, what + " r");
+        ExpectClose(f[3], ref.Real("ase_" + k), 1e-6, 0, what + " ASE");
+        ExpectClose(f[1], ref.Real("t_" + k), 1e-10, 1e-12, what + " t");
       }
     }
-  }
-}
-
-// The t test's p-value: the series against R's pt.  The series is defined
-// with 1/pi in single precision, whose error (about 1e-8 of 1/pi) reaches
-// the result as an absolute error of up to 1/pi x 1e-8 x pi/2.
-TEST(LinearFamily, StudentLowerTailMatchesR) {
-  for (const LinearRef& ref : LoadLinearRefs()) {
-    const int64_t n = [&] { int64_t s = 0; for (int64_t c : ref.cells) s += c; return s; }();
-    ExpectClose(assoc::StudentLowerTail(ref.t_r, n - 2), ref.p_r, 1e-9, 2.5e-8, ref.id);
-    ExpectClose(assoc::StudentLowerTail(ref.t_s, n - 2), ref.p_s, 1e-9, 2.5e-8, ref.id);
+    int64_t n = 0;
+    for (int64_t c : cells) n += c;
+    for (const char* k : {"r", "s"})
+      ExpectClose(assoc::StudentLowerTail(ref.Real(std::string("t_") + k), n - 2), ref.Real(std::string("p_") + k), 1e-9,
+                  2.5e-8, ref.Text("id"));
   }
   EXPECT_EQ(assoc::StudentLowerTail(1.0, 0), 0.0);
   ExpectClose(assoc::StudentLowerTail(1.0, 1), 0.75, 1e-7, 0, "t = 1, f = 1");
 }
 
-// ---------------------------------------------------------------------------
-// Monte Carlo, the degenerate run and failures.
-// ---------------------------------------------------------------------------
-
+// Estimates within 4 standard errors of the exact values, a seed that
+// repeats its run, and the intervals at the edges.
 TEST(LinearFamily, MonteCarloAgreesWithExactAndRepeats) {
   const Table t = support::MakeTable({{4, 2, 1, 0}, {2, 3, 3, 1}, {0, 1, 3, 5}});
   for (int proc : {41, 48}) {
@@ -302,9 +247,6 @@ TEST(LinearFamily, MonteCarloAgreesWithExactAndRepeats) {
     }
     EXPECT_EQ(a[0], e[0]);
   }
-}
-
-TEST(LinearFamily, MonteCarloIntervalEdges) {
   // The observed value at its mean: every drawn table is a two-sided hit.
   HostCall all(41, TQ_METHOD_MONTE_CARLO);
   all.MonteCarlo(500, 7, 0.99);

@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,33 +20,6 @@ using anvl::support::HostCall;
 constexpr double kMissing = anvl::support::kTestFiller;
 
 double Rel(double a, double b) { return std::fabs(a - b) / std::max(std::fabs(b), 1e-300); }
-
-std::vector<std::string> Split(const std::string& s, char sep) {
-  std::vector<std::string> out;
-  std::stringstream in(s);
-  std::string item;
-  while (std::getline(in, item, sep)) out.push_back(item);
-  return out;
-}
-
-std::vector<double> Reals(const std::string& s) {
-  std::vector<double> out;
-  for (const std::string& x : Split(s, ' '))
-    if (!x.empty()) out.push_back(std::stod(x));
-  return out;
-}
-
-// Lines of a committed reference file, split at commas, header dropped.
-std::vector<std::vector<std::string>> ReadRefs(const std::string& name) {
-  std::ifstream in(anvl::support::TestDataDir() + "/" + name);
-  EXPECT_TRUE(in.good()) << name;
-  std::vector<std::vector<std::string>> rows;
-  std::string line;
-  std::getline(in, line);
-  while (std::getline(in, line))
-    if (!line.empty()) rows.push_back(Split(line, ','));
-  return rows;
-}
 
 // 1 - sqrt(2 pi) / z sum_{k >= 1} exp(-(2k - 1)^2 pi^2 / (8 z^2)): the
 // limiting two-sided tail in the form that converges fast for small z.
@@ -79,15 +50,15 @@ HostCall KsCall(int64_t model, double p1, double p2, std::vector<double> values,
 }
 
 TEST(KsOneSample, ContinuousModelsAgreeWithR) {
-  const auto refs = ReadRefs("ks1_refs.csv");
+  const auto refs = anvl::support::LoadCsv("ks1_refs.csv");
   ASSERT_GE(refs.size(), 100u);
   for (const auto& r : refs) {
-    SCOPED_TRACE(r[0]);
-    const int64_t model = std::stoll(r[1]);
-    const double p1 = std::stod(r[2]), p2 = std::stod(r[3]);
-    const std::vector<double> x = Reals(r[5]);
-    ASSERT_EQ(x.size(), std::stoul(r[4]));
-    const double d = std::stod(r[6]), dplus = std::stod(r[7]), dminus = std::stod(r[8]);
+    SCOPED_TRACE(r.Text("id"));
+    const int64_t model = r.Int("model");
+    const double p1 = r.Real("param1"), p2 = r.Real("param2");
+    const std::vector<double> x = r.Reals("values");
+    ASSERT_EQ(x.size(), static_cast<size_t>(r.Int("n")));
+    const double d = r.Real("d"), dplus = r.Real("d_plus"), dminus = r.Real("d_minus");
 
     HostCall exact = KsCall(model, p1, p2, x);
     const double* f = exact.RunCases();
@@ -95,12 +66,12 @@ TEST(KsOneSample, ContinuousModelsAgreeWithR) {
     EXPECT_LE(Rel(f[0], d), 1e-13);
     EXPECT_LE(Rel(f[6], std::sqrt(static_cast<double>(x.size())) * d), 1e-13);
     EXPECT_EQ(f[47], static_cast<double>(x.size()));
-    EXPECT_LE(Rel(f[16], std::stod(r[9])), 1e-9) << f[16] << " vs " << r[9];
+    EXPECT_LE(Rel(f[16], r.Real("exact_two")), 1e-9) << f[16] << " vs " << r.Text("exact_two");
     EXPECT_EQ(f[17], 0.0);
     EXPECT_LE(Rel(anvl::Slot(84).value, dplus), 1e-13);
     EXPECT_LE(Rel(anvl::Slot(91).value, dminus), 1e-13);
-    EXPECT_LE(Rel(anvl::Slot(86).value, std::stod(r[10])), 1e-9) << "P(D+ >= d+)";
-    EXPECT_LE(Rel(anvl::Slot(93).value, std::stod(r[11])), 1e-9) << "P(D- >= d-)";
+    EXPECT_LE(Rel(anvl::Slot(86).value, r.Real("exact_plus")), 1e-9) << "P(D+ >= d+)";
+    EXPECT_LE(Rel(anvl::Slot(93).value, r.Real("exact_minus")), 1e-9) << "P(D- >= d-)";
     EXPECT_EQ(anvl::Word(anvl::word::kPublishedVariant), model == 1 ? 4 : (model == 4 ? 6 : 5));
 
     HostCall limit = KsCall(model, p1, p2, x, {}, TQ_METHOD_ASYMPTOTIC);
@@ -115,38 +86,32 @@ TEST(KsOneSample, ContinuousModelsAgreeWithR) {
     const double asym = anvl::Slot(anvl::slot::kAsymTwoSided).value;
     const double r_missed =
         z < 1.0 ? std::sqrt(2.0 * M_PI) / z * std::exp(-9.0 * M_PI * M_PI / (8.0 * z * z)) : 0.0;
-    EXPECT_LE(std::fabs(asym - std::stod(r[12])), 1.000001 * r_missed + 2e-12);
+    EXPECT_LE(std::fabs(asym - r.Real("asym_two")), 1.000001 * r_missed + 2e-12);
     EXPECT_LE(std::fabs(asym - ThetaTail(z)), 2e-12);
-    EXPECT_LE(Rel(anvl::Slot(85).value, std::stod(r[13])), 1e-12);
-    EXPECT_LE(Rel(anvl::Slot(92).value, std::stod(r[14])), 1e-12);
+    EXPECT_LE(Rel(anvl::Slot(85).value, r.Real("asym_plus")), 1e-12);
+    EXPECT_LE(Rel(anvl::Slot(92).value, r.Real("asym_minus")), 1e-12);
   }
 }
 
-std::vector<int64_t> Counts(const std::string& s) {
-  std::vector<int64_t> out;
-  for (double x : Reals(s)) out.push_back(static_cast<int64_t>(x));
-  return out;
-}
-
 TEST(KsOneSample, PoissonAgreesWithExactRationalSums) {
-  const auto refs = ReadRefs("ks1_poisson_refs.csv");
+  const auto refs = anvl::support::LoadCsv("ks1_poisson_refs.csv");
   ASSERT_GE(refs.size(), 48u);
   for (const auto& r : refs) {
-    SCOPED_TRACE(r[0]);
-    HostCall c = KsCall(3, std::stod(r[1]), 0.0, Reals(r[3]), Counts(r[4]));
+    SCOPED_TRACE(r.Text("id"));
+    HostCall c = KsCall(3, r.Real("mean"), 0.0, r.Reals("values"), r.Ints("weights"));
     const double* f = c.RunCases();
     ASSERT_EQ(f[48], 0.0);
-    EXPECT_EQ(f[47], std::stod(r[2]));
-    EXPECT_LE(Rel(f[0], std::stod(r[5])), 1e-13);
-    EXPECT_LE(Rel(f[16], std::stod(r[10])), 1e-12) << f[16] << " vs " << r[10];
-    const double point = std::stod(r[11]);  // nan: not formed for samples above 30
+    EXPECT_EQ(f[47], r.Real("n"));
+    EXPECT_LE(Rel(f[0], r.Real("d")), 1e-13);
+    EXPECT_LE(Rel(f[16], r.Real("two_sided")), 1e-12) << f[16] << " vs " << r.Text("two_sided");
+    const double point = r.Text("point") == "nan" ? NAN : r.Real("point");  // not formed for samples above 30
     if (!std::isnan(point)) {
-      EXPECT_LE(std::fabs(f[17] - point), 1e-12 * point) << f[17] << " vs " << r[11];
+      EXPECT_LE(std::fabs(f[17] - point), 1e-12 * point) << f[17] << " vs " << point;
     }
     EXPECT_EQ(anvl::Word(anvl::word::kPublishedVariant), 3);
     // The one-sided tails, also at d = 0 where Conover's sums leave out a term.
-    EXPECT_LE(Rel(anvl::Slot(86).value, std::stod(r[8])), 1e-12);
-    EXPECT_LE(Rel(anvl::Slot(93).value, std::stod(r[9])), 1e-12);
+    EXPECT_LE(Rel(anvl::Slot(86).value, r.Real("p_plus")), 1e-12);
+    EXPECT_LE(Rel(anvl::Slot(93).value, r.Real("p_minus")), 1e-12);
   }
 }
 
@@ -189,16 +154,6 @@ TEST(KsOneSample, MonteCarloEstimatesTheExactTails) {
       EXPECT_TRUE(near(anvl::Slot(95).value, minus)) << anvl::Slot(95).value << " vs " << minus;
     }
   }
-}
-
-// A host that asks to stop at once ends a long Monte Carlo run.
-TEST(KsOneSample, MonteCarloStopsWhenTheHostAsks) {
-  HostCall c = KsCall(4, 0.0, 1.0, {0.1, -0.4, 1.3, 0.8, -2.0});
-  c.MonteCarlo(100000000, 5, 0.99);
-  c.poll = [](int64_t* flag) { *flag = 1; };
-  c.RunCases();
-  EXPECT_EQ(c.f[48], -1006.0);
-  EXPECT_EQ(c.f[21], kMissing);
 }
 
 TEST(KsOneSample, ModelsAndSamplesAsTheUserGivesThem) {
@@ -279,6 +234,10 @@ TEST(KsOneSample, BadInputGivesItsFailureCodeAndNothingElse) {
   HostCall no_samples = KsCall(4, 0.0, 1.0, {0.1, 0.2});
   no_samples.MonteCarlo(0, 1, 0.99);
   add("Monte Carlo without samples", no_samples, -1003.0);
+  HostCall stopped = KsCall(4, 0.0, 1.0, {0.1, -0.4, 1.3, 0.8, -2.0});
+  stopped.MonteCarlo(100000000, 5, 0.99);
+  stopped.poll = [](int64_t* flag) { *flag = 1; };
+  add("a host that stops a long Monte Carlo run at once", stopped, -1006.0);
   for (Case& c : cases) {
     SCOPED_TRACE(c.what);
     const double* f = c.call.RunCases();

@@ -1,17 +1,16 @@
 // Procedures 24, 26 and 51 from the host's side: exact p-values against
-// enumeration of every within-block permutation, statistics and asymptotic
+// the distribution over every within-block order, statistics and asymptotic
 // p-values against R, the Monte Carlo route against the exact value, the
 // compaction of the caller's data and the failure codes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <map>
-#include <numeric>
 #include <random>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "anvlwtq.h"
@@ -48,40 +47,12 @@ struct Exact {
   double point = 0.0;  // P(S = S_obs)
 };
 
-// Brute force: all K!^(N-1) orders of the blocks after the first.
-Exact Enumerate(const std::vector<double>& values, int K, int N) {
-  const auto ranks = Ranks2(values, K, N);
-  std::vector<int> sums(K, 0), perm(K);
-  for (const auto& block : ranks)
-    for (int i = 0; i < K; ++i) sums[i] += block[i];
-  const double observed = S(sums, K, N);
-  std::vector<std::vector<int>> orders;
-  std::iota(perm.begin(), perm.end(), 0);
-  do orders.push_back(perm);
-  while (std::next_permutation(perm.begin(), perm.end()));
-  uint64_t total = 0, above = 0, equal = 0;
-  sums = ranks[0];
-  auto walk = [&](auto&& self, int b) -> void {
-    if (b == N) {
-      const double s = S(sums, K, N);
-      ++total;
-      above += s >= observed - 1e-7;
-      equal += std::fabs(s - observed) <= 1e-7;
-      return;
-    }
-    for (const std::vector<int>& o : orders) {
-      for (int i = 0; i < K; ++i) sums[i] += ranks[b][o[i]];
-      self(self, b + 1);
-      for (int i = 0; i < K; ++i) sums[i] -= ranks[b][o[i]];
-    }
-  };
-  walk(walk, 1);
-  return {double(above) / double(total), double(equal) / double(total)};
-}
-
-// The distribution of the ordered vector of rank sums, block by block, over
-// the distinct orders of each block (each stands for the same number of
-// the K! orders): neither bounds nor the sorting of the engine.
+// The distribution of the vector of rank sums, block by block, over the
+// distinct orders of each block after the first (each stands for the same
+// number of the K! orders): neither bounds nor the sorting of the engine.
+// The margin 1e-7 on S sits far below the step between two values of S
+// (0.25 at least) and, for sums of squared rank sums below 10^4, far above
+// the engine's final margin of 5e-5 of S_obs.
 Exact Convolve(const std::vector<double>& values, int K, int N) {
   const auto ranks = Ranks2(values, K, N);
   std::map<std::vector<int>, long double> dist{{ranks[0], 1.0L}};
@@ -139,57 +110,38 @@ std::vector<double> RandomBlocks(std::mt19937_64& rng, int K, int N, int levels)
   return v;
 }
 
-TEST(RelatedSamples, ExactMatchesEnumerationOfAllWithinBlockOrders) {
+// Small designs with every procedure (Kendall's W is Friedman's statistic
+// over N (K - 1), Cochran's Q Friedman's statistic on 0/1 data; all three
+// have the same p), then larger designs with Friedman's.
+TEST(RelatedSamples, ExactMatchesTheConvolutionOfAllWithinBlockOrders) {
   std::mt19937_64 rng(24);
-  // (K, largest N): K!^(N-1) stays at or below about 2 x 10^4.
-  const int shapes[][2] = {{2, 13}, {3, 6}, {4, 4}, {5, 3}, {6, 2}};
-  int cases = 0;
+  auto check = [](const std::vector<double>& data, int K, int N, std::vector<int64_t> procedures) {
+    const Exact ref = Convolve(data, K, N);
+    SCOPED_TRACE("K " + std::to_string(K) + " N " + std::to_string(N) + ":" + Show(data, K));
+    double friedman = 0.0;
+    for (int64_t proc : procedures) {
+      HostCall c = Call(proc, TQ_METHOD_EXACT, data, K);
+      const double* r = c.RunCases();
+      ASSERT_EQ(r[48], 0.0) << proc;
+      if (proc == TQ_PROC_FRIEDMAN) friedman = r[0];
+      const double stat = proc == TQ_PROC_KENDALL_W ? friedman / (N * (K - 1.0)) : friedman;
+      EXPECT_NEAR(r[0], stat, 1e-12 * stat) << proc;
+      EXPECT_NEAR(r[16], ref.p, 1e-9 * ref.p) << proc;
+      EXPECT_NEAR(r[17], ref.point, 1e-9 * ref.point) << proc;
+    }
+  };
+  const int shapes[][2] = {{2, 13}, {3, 6}, {4, 4}, {5, 3}, {6, 2}};  // (K, largest N)
   for (int round = 0; round < 44; ++round) {
     for (const auto& shape : shapes) {
-      const int K = shape[0];
-      const int N = std::uniform_int_distribution<int>(2, shape[1])(rng);
+      const int K = shape[0], N = std::uniform_int_distribution<int>(2, shape[1])(rng);
       const int levels = round % 3 == 0 ? 2 : round % 3 == 1 ? 3 : K + 2;
-      const std::vector<double> data = RandomBlocks(rng, K, N, levels);
-      const Exact ref = Enumerate(data, K, N);
-      SCOPED_TRACE("K " + std::to_string(K) + " N " + std::to_string(N) + ":" + Show(data, K));
-      // Kendall's W is Friedman's statistic over N (K - 1), Cochran's Q
-      // Friedman's statistic on 0/1 data; all three have the same p.
       std::vector<int64_t> procedures = {TQ_PROC_FRIEDMAN, TQ_PROC_KENDALL_W};
       if (levels == 2) procedures.push_back(TQ_PROC_COCHRAN_Q);
-      double friedman = 0.0;
-      for (int64_t proc : procedures) {
-        HostCall c = Call(proc, TQ_METHOD_EXACT, data, K);
-        const double* r = c.RunCases();
-        ASSERT_EQ(r[48], 0.0) << proc;
-        if (proc == TQ_PROC_FRIEDMAN) friedman = r[0];
-        const double stat = proc == TQ_PROC_KENDALL_W ? friedman / (N * (K - 1.0)) : friedman;
-        EXPECT_NEAR(r[0], stat, 1e-12 * stat) << proc;
-        EXPECT_NEAR(r[16], ref.p, 1e-9 * ref.p) << proc;
-        EXPECT_NEAR(r[17], ref.point, 1e-9 * ref.point) << proc;
-      }
-      ++cases;
+      check(RandomBlocks(rng, K, N, levels), K, N, procedures);
     }
   }
-  EXPECT_GE(cases, 200);
-}
-
-// Designs whose sum of squared rank sums stays below 10^4: there the step
-// between two values of the sum (0.5 at least) is wider than the final
-// margin of 5e-5 of the observed sum, so no value above it is missed.
-TEST(RelatedSamples, ExactMatchesTheFullConvolutionOnLargerDesigns) {
-  std::mt19937_64 rng(51);
-  for (auto [K, N] : {std::pair{3, 14}, {4, 8}, {5, 5}, {3, 25}}) {
-    for (int levels : {3, 6}) {
-      const std::vector<double> data = RandomBlocks(rng, K, N, levels);
-      const Exact ref = Convolve(data, K, N);
-      SCOPED_TRACE("K " + std::to_string(K) + " N " + std::to_string(N) + ":" + Show(data, K));
-      HostCall c = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, K);
-      const double* r = c.RunCases();
-      ASSERT_EQ(r[48], 0.0);
-      EXPECT_NEAR(r[16], ref.p, 1e-9 * ref.p);
-      EXPECT_NEAR(r[17], ref.point, 1e-9 * ref.point);
-    }
-  }
+  for (auto [K, N] : {std::pair{3, 14}, {4, 8}, {5, 5}, {3, 25}})
+    for (int levels : {3, 6}) check(RandomBlocks(rng, K, N, levels), K, N, {TQ_PROC_FRIEDMAN});
 }
 
 TEST(RelatedSamples, BlocksAllInOneOrderWithoutTies) {
@@ -207,58 +159,32 @@ TEST(RelatedSamples, BlocksAllInOneOrderWithoutTies) {
   }
 }
 
-// One line of related_refs.csv (see gen_related_refs.R); NA reads as NaN.
-struct RelatedRef {
-  std::string id;
-  int k = 0, n = 0;
-  bool binary = false;
-  std::vector<double> values;
-  double friedman, friedman_p, coin, coin_p, cochran, symmetry, symmetry_p;
-};
-
-std::vector<RelatedRef> LoadRelatedRefs() {
-  std::ifstream in(anvl::support::TestDataDir() + "/related_refs.csv");
-  std::vector<RelatedRef> out;
-  std::string line;
-  for (std::getline(in, line); std::getline(in, line);) {
-    std::vector<std::string> f;
-    std::stringstream ss(line);
-    for (std::string cell; std::getline(ss, cell, ',');) f.push_back(cell);
-    auto num = [&](int i) { return f[i] == "NA" ? NAN : std::stod(f[i]); };
-    RelatedRef r{f[0],   std::stoi(f[1]), std::stoi(f[2]), f[3] == "1", {},      num(5),
-                 num(6), num(7),          num(8),          num(9),      num(10), num(11)};
-    std::stringstream vs(f[4]);
-    for (double x; vs >> x;) r.values.push_back(x);
-    out.push_back(r);
-  }
-  return out;
-}
-
 TEST(RelatedSamples, AsymptoticMatchesR) {
-  const std::vector<RelatedRef> refs = LoadRelatedRefs();
+  const auto refs = anvl::support::LoadCsv("related_refs.csv");  // see gen_related_refs.R
   ASSERT_EQ(refs.size(), 36u);
-  for (const RelatedRef& ref : refs) {
-    SCOPED_TRACE(ref.id);
-    ASSERT_EQ(ref.values.size(), size_t(ref.k * ref.n));
-    const int64_t proc = ref.binary ? TQ_PROC_COCHRAN_Q : TQ_PROC_FRIEDMAN;
-    HostCall c = Call(proc, TQ_METHOD_ASYMPTOTIC, ref.values, ref.k);
+  for (const auto& ref : refs) {
+    SCOPED_TRACE(ref.Text("id"));
+    const int k = ref.Int("k"), n = ref.Int("n");
+    const bool binary = ref.Int("binary") == 1;
+    const std::vector<double> values = ref.Reals("values");
+    ASSERT_EQ(values.size(), size_t(k * n));
+    HostCall c = Call(binary ? TQ_PROC_COCHRAN_Q : TQ_PROC_FRIEDMAN, TQ_METHOD_ASYMPTOTIC, values, k);
     const double* r = c.RunCases();
     ASSERT_EQ(r[48], 0.0);
     EXPECT_EQ(c.Published(), std::vector<int>{0});
     const double p = anvl::Slot(anvl::slot::kAsymTwoSided).value;
-    for (auto [stat, pv] : {std::pair{ref.friedman, ref.friedman_p}, {ref.coin, ref.coin_p}}) {
-      EXPECT_NEAR(r[0], stat, 1e-12 * stat);
-      EXPECT_NEAR(p, pv, 1e-12 * pv);
+    std::vector<std::pair<const char*, const char*>> peers = {{"friedman", "friedman_p"}, {"coin", "coin_p"}};
+    if (binary) peers.insert(peers.end(), {{"cochran", nullptr}, {"symmetry", "symmetry_p"}});
+    for (auto [stat, pv] : peers) {
+      EXPECT_NEAR(r[0], ref.Real(stat), 1e-12 * ref.Real(stat)) << stat;
+      if (pv) {
+        EXPECT_NEAR(p, ref.Real(pv), 1e-12 * ref.Real(pv)) << pv;
+      }
     }
-    if (ref.binary) {
-      EXPECT_NEAR(r[0], ref.cochran, 1e-12 * ref.cochran);
-      EXPECT_NEAR(r[0], ref.symmetry, 1e-12 * ref.symmetry);
-      EXPECT_NEAR(p, ref.symmetry_p, 1e-12 * ref.symmetry_p);
-    }
-    EXPECT_EQ(anvl::Word(anvl::word::kDegreesOfFreedom), ref.k - 1);
-    HostCall w = Call(TQ_PROC_KENDALL_W, TQ_METHOD_ASYMPTOTIC, ref.values, ref.k);
+    EXPECT_EQ(anvl::Word(anvl::word::kDegreesOfFreedom), k - 1);
+    HostCall w = Call(TQ_PROC_KENDALL_W, TQ_METHOD_ASYMPTOTIC, values, k);
     const double W = w.RunCases()[0];
-    EXPECT_NEAR(W, ref.friedman / (ref.n * (ref.k - 1.0)), 1e-12 * W);
+    EXPECT_NEAR(W, ref.Real("friedman") / (n * (k - 1.0)), 1e-12 * W);
   }
 }
 
@@ -316,32 +242,13 @@ TEST(RelatedSamples, FailuresShowTheCodeAndLeaveDataAsPrescribed) {
     std::vector<double> data_after;
   };
   const std::vector<Case> cases = {
-      {"one block left",
-       TQ_PROC_FRIEDMAN,
-       {4, 4, 4, 1, 2, 3, 7, 7, 7},
-       3,
-       -849.0,
-       {1, 2, 3, 1, 2, 3, 7, 7, 7}},
+      {"one block left", TQ_PROC_FRIEDMAN, {4, 4, 4, 1, 2, 3, 7, 7, 7}, 3, -849.0, {1, 2, 3, 1, 2, 3, 7, 7, 7}},
       {"one row", TQ_PROC_KENDALL_W, {1, 2, 3}, 1, -849.0, {1, 2, 3}},
       {"no blocks", TQ_PROC_FRIEDMAN, {}, 3, -849.0, {}},
-      {"a 2 under Cochran's Q",
-       TQ_PROC_COCHRAN_Q,
-       {1, 1, 1, 0, 1, 2, 1, 0, 0},
-       3,
-       -1035.0,
+      {"a 2 under Cochran's Q", TQ_PROC_COCHRAN_Q, {1, 1, 1, 0, 1, 2, 1, 0, 0}, 3, -1035.0,
        {0, 1, 2, 1, 0, 0, 1, 0, 0}},
-      {"NaN",
-       TQ_PROC_FRIEDMAN,
-       {5, 5, 5, 1, NAN, 3, 2, 1, 3},
-       3,
-       -1003.0,
-       {5, 5, 5, 1, NAN, 3, 2, 1, 3}},
-      {"infinity",
-       TQ_PROC_COCHRAN_Q,
-       {1, 1, 0, 1, 0, INFINITY},
-       3,
-       -1003.0,
-       {1, 1, 0, 1, 0, INFINITY}},
+      {"NaN", TQ_PROC_FRIEDMAN, {5, 5, 5, 1, NAN, 3, 2, 1, 3}, 3, -1003.0, {5, 5, 5, 1, NAN, 3, 2, 1, 3}},
+      {"infinity", TQ_PROC_COCHRAN_Q, {1, 1, 0, 1, 0, INFINITY}, 3, -1003.0, {1, 1, 0, 1, 0, INFINITY}},
   };
   for (const Case& c : cases) {
     for (int64_t method : {TQ_METHOD_EXACT, TQ_METHOD_MONTE_CARLO, TQ_METHOD_ASYMPTOTIC}) {

@@ -66,6 +66,7 @@ TEST(Distributions, AgreeWithRAndKeepTheirEdges) {
   const std::string line = testing::internal::GetCapturedStderr();
   EXPECT_NE(line.find("CHISQR"), std::string::npos) << line;
   EXPECT_NE(line.find("IDF .GT. 0"), std::string::npos) << line;
+  EXPECT_EQ(line.find('\n'), line.size() - 1) << "one line: " << line;
   testing::internal::CaptureStderr();
   ChiSquareTail(2.0, 1);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");

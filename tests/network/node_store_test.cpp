@@ -10,38 +10,29 @@
 namespace anvl::net {
 namespace {
 
-TEST(KeyCodec, PacksAndHashesTheWorkedNode) {
-  // A = (4, 5, 5), B = (3, 4, 7), N = 14: radices min(A_i, N - B_S) + 1.
+// The worked node (A = (4, 5, 5), B = (3, 4, 7), N = 14: radices
+// min(A_i, N - B_S) + 1), words that close where the running product passes
+// 2147483647, random round trips, and the hash's range.
+TEST(KeyCodec, PacksUnpacksAndHashes) {
   KeyCodec c;
   c.Build(3, {5, 6});
-  ASSERT_EQ(c.n_words, 1);
   EXPECT_EQ(c.word_end, std::vector<int>{1});
   const int64_t m[3] = {1, 2, 4};
-  int64_t key[1];
+  int64_t key[1], back[3] = {};
   c.Pack(m, 7, key);
   EXPECT_EQ(key[0], 8);  // 1 x 6 + 2
   EXPECT_EQ(LargestPrimeBelow(40000), 39989);
-  EXPECT_EQ(std::fmod(2147483648.0, 39989.0), 34359.0);
   EXPECT_EQ(HashKey(2, key, 1, 39989), 28737);
-  int64_t back[3] = {};
   c.Unpack(key, back);
   EXPECT_EQ(back[0], 1);
   EXPECT_EQ(back[1], 2);
-}
-
-TEST(KeyCodec, TwoColumnsHaveOneWordOfOneDigit) {
-  KeyCodec c;
-  c.Build(2, {17});
-  EXPECT_EQ(c.n_words, 1);
+  c.Build(2, {17});  // two columns: one word of one digit
   EXPECT_EQ(c.word_end, std::vector<int>{0});
   EXPECT_FALSE(c.last_word_empty);
-}
 
-TEST(KeyCodec, WordsCloseWhereTheRunningProductPasses2147483647) {
   // Radix 1000: 1000^3 = 1e9 fits, 1000^4 doesn't, so the first word closes
   // at digit 3 (0-based), which still belongs to it; the running product
   // restarts from that digit's radix, so the next word closes at digit 6.
-  KeyCodec c;
   c.Build(9, std::vector<int64_t>(8, 1000));
   EXPECT_EQ(c.word_end, (std::vector<int>{3, 6, 7}));
   EXPECT_FALSE(c.last_word_empty);
@@ -51,13 +42,12 @@ TEST(KeyCodec, WordsCloseWhereTheRunningProductPasses2147483647) {
   e.Build(5, std::vector<int64_t>(4, 1000));
   EXPECT_EQ(e.word_end, (std::vector<int>{3, 3}));
   EXPECT_TRUE(e.last_word_empty);
-  const int64_t m[5] = {999, 0, 5, 998, 12};
-  int64_t key[2];
-  e.Pack(m, 4321, key);
-  EXPECT_EQ(key[1], 4321);
-  int64_t back[5] = {};
-  e.Unpack(key, back);
-  for (int i = 0; i < 4; ++i) EXPECT_EQ(back[i], m[i]);
+  const int64_t m5[5] = {999, 0, 5, 998, 12};
+  int64_t key2[2], back5[5] = {};
+  e.Pack(m5, 4321, key2);
+  EXPECT_EQ(key2[1], 4321);
+  e.Unpack(key2, back5);
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(back5[i], m5[i]);
 
   std::mt19937_64 rng(7);
   for (int trial = 0; trial < 200; ++trial) {
@@ -73,14 +63,11 @@ TEST(KeyCodec, WordsCloseWhereTheRunningProductPasses2147483647) {
     k.Unpack(packed.data(), w.data());
     for (int i = 0; i < K - 1; ++i) ASSERT_EQ(w[i], v[i]) << "K=" << K << " digit " << i;
   }
-}
 
-TEST(HashKey, ZeroMapsToThePrimeAndEveryValueIsInRange) {
-  const int64_t zero = 0;
+  // Zero maps to the prime; every value lies in 1..prime.
+  const int64_t zero = 0, p = 39989;
   EXPECT_EQ(HashKey(0, &zero, 1, 39989), 39989);
-  const int64_t p = 39989;
   EXPECT_EQ(HashKey(0, &p, 1, 39989), 39989);
-  std::mt19937_64 rng(3);
   for (int i = 0; i < 1000; ++i) {
     const int64_t words[2] = {static_cast<int64_t>(rng() >> 1), static_cast<int64_t>(rng() >> 2)};
     const int64_t h = HashKey(static_cast<int>(rng() % 128), words, 2, 4001);
@@ -110,15 +97,13 @@ TEST(NodeStore, FindsNodesPastFreedSlotsAndWrapsAround) {
   EXPECT_EQ(s.NextSlotOfStage(1, 0), 7);
   EXPECT_EQ(s.NextSlotOfStage(7, 0), 9);
   EXPECT_EQ(s.Insert(0, &k14, 3, 4, false), 8);  // the freed slot is taken again
-}
-
-TEST(NodeStore, FullTableRefusesAnInsert) {
-  NodeStore s;
-  ASSERT_EQ(s.Create(4, 1, 3), 0);
-  for (int64_t k = 0; k < 4; ++k) ASSERT_NE(s.Insert(1, &k, 0, 0, false), 0);
+  // A full table refuses an insert.
+  NodeStore full;
+  ASSERT_EQ(full.Create(4, 1, 3), 0);
+  for (int64_t k = 0; k < 4; ++k) ASSERT_NE(full.Insert(1, &k, 0, 0, false), 0);
   const int64_t extra = 99;
-  EXPECT_EQ(s.Insert(1, &extra, 0, 0, false), 0);
-  EXPECT_EQ(s.Find(1, &extra), 0);
+  EXPECT_EQ(full.Insert(1, &extra, 0, 0, false), 0);
+  EXPECT_EQ(full.Find(1, &extra), 0);
 }
 
 TEST(CapacityEstimate, HasAFloorAndFailsOnOverflow) {
@@ -157,6 +142,9 @@ TEST(PastPool, MergesCloseValuesKeepsSumsAndRunsOut) {
   EXPECT_EQ(root, 0);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(pool.AddToTree(other, i * 1.0, 0.0, tol), 1);
   EXPECT_EQ(pool.AddToTree(other, 9.0, 0.0, tol), -1);
+  // The entry limit follows the memory budget.
+  EXPECT_EQ(PastPool::EntryLimit(2097152), 48428);
+  EXPECT_EQ(PastPool::EntryLimit(16777216), 415430);
 }
 
 // Inserts that start from the previous insert's path build the same tree,
@@ -191,11 +179,6 @@ TEST(PastPool, FingerInsertsBuildTheSameTree) {
       ASSERT_EQ(plain[e].q, finger_pool[e].q) << e;
     }
   }
-}
-
-TEST(PastPool, EntryLimitFollowsTheBudget) {
-  EXPECT_EQ(PastPool::EntryLimit(2097152), 48428);
-  EXPECT_EQ(PastPool::EntryLimit(16777216), 415430);
 }
 
 }  // namespace

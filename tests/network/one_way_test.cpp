@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <fstream>
 #include <random>
 #include <sstream>
 #include <string>
@@ -124,44 +123,18 @@ TEST(OneWay, ExactMatchesEnumerationOfAllTablesWithTheTotal) {
   EXPECT_LE(unclear, 5);
 }
 
-// One line of oneway_refs.csv (see gen_related_refs.R).
-struct OneWayRef {
-  std::string id;
-  std::vector<int64_t> counts;
-  std::vector<double> expected;
-  double x2, p;
-  int df;
-};
-
-std::vector<OneWayRef> LoadOneWayRefs() {
-  std::ifstream in(anvl::support::TestDataDir() + "/oneway_refs.csv");
-  std::vector<OneWayRef> out;
-  std::string line;
-  for (std::getline(in, line); std::getline(in, line);) {
-    std::vector<std::string> f;
-    std::stringstream ss(line);
-    for (std::string cell; std::getline(ss, cell, ',');) f.push_back(cell);
-    OneWayRef r{f[0], {}, {}, std::stod(f[4]), std::stod(f[6]), std::stoi(f[5])};
-    std::stringstream cs(f[2]), es(f[3]);
-    for (int64_t x; cs >> x;) r.counts.push_back(x);
-    for (double x; es >> x;) r.expected.push_back(x);
-    out.push_back(r);
-  }
-  return out;
-}
-
 TEST(OneWay, AsymptoticMatchesR) {
-  const std::vector<OneWayRef> refs = LoadOneWayRefs();
+  const auto refs = anvl::support::LoadCsv("oneway_refs.csv");  // see gen_related_refs.R
   ASSERT_EQ(refs.size(), 24u);
-  for (const OneWayRef& ref : refs) {
-    SCOPED_TRACE(ref.id);
-    HostCall c = OneWay(TQ_PROC_CHISQ, TQ_METHOD_ASYMPTOTIC, ref.counts, ref.expected);
+  for (const auto& ref : refs) {
+    SCOPED_TRACE(ref.Text("id"));
+    HostCall c = OneWay(TQ_PROC_CHISQ, TQ_METHOD_ASYMPTOTIC, ref.Ints("counts"), ref.Reals("expected"));
     const double* r = c.RunCases();
     ASSERT_EQ(r[48], 0.0);
     EXPECT_EQ(c.Published(), std::vector<int>{0});
-    EXPECT_NEAR(r[0], ref.x2, 1e-12 * ref.x2);
-    EXPECT_NEAR(anvl::Slot(anvl::slot::kAsymTwoSided).value, ref.p, 1e-10 * ref.p);
-    EXPECT_EQ(anvl::Word(anvl::word::kDegreesOfFreedom), ref.df);
+    EXPECT_NEAR(r[0], ref.Real("x2"), 1e-12 * ref.Real("x2"));
+    EXPECT_NEAR(anvl::Slot(anvl::slot::kAsymTwoSided).value, ref.Real("p"), 1e-10 * ref.Real("p"));
+    EXPECT_EQ(anvl::Word(anvl::word::kDegreesOfFreedom), ref.Int("df"));
   }
 }
 

@@ -1,5 +1,6 @@
-// The two network passes for Pearson's statistic, called inside the engine,
-// against the worked 3 x 3 table and brute-force enumeration.
+// The network members (Pearson's statistic, Fisher's canonical network)
+// inside the engine and from the host, against the worked 3 x 3 table and
+// brute-force enumeration of every table with the margins.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include "frame/run_store.h"
 #include "frame/spill.h"
 #include "kernel/log_factorial.h"
+#include "network/fisher.h"
 #include "network/passes.h"
 #include "network/pearson.h"
 #include "support/enumerate.h"
@@ -18,6 +20,9 @@
 
 namespace anvl::net {
 namespace {
+
+using support::HostCall;
+using support::Table;
 
 struct NetworkRun {
   int code = 0;
@@ -27,16 +32,20 @@ struct NetworkRun {
   int K = 0;
 };
 
-// The exact route of Pearson's test, step by step, on a table.
-NetworkRun RunPearsonNetwork(const support::Table& t) {
+void StartRun(LogFactorialTable& lf) {
   ResetStore();
   SetSetting(setting::kMemoryLimit, int64_t{-1});
   SetSetting(setting::kTimeLimit, int64_t{0});
   Host() = HostContact{};
   StartTimeLimit();
   StartTicks();
-  LogFactorialTable lf;
   BuildLogFactorials(lf);
+}
+
+// The exact route of Pearson's test, step by step, on a table.
+NetworkRun RunPearsonNetwork(const Table& t) {
+  LogFactorialTable lf;
+  StartRun(lf);
   NetworkRun run;
   std::vector<int64_t> cells = support::ColumnMajor(t);
   int64_t cols = t.cols;
@@ -66,70 +75,123 @@ NetworkRun RunPearsonNetwork(const support::Table& t) {
   return run;
 }
 
-TEST(PearsonNetwork, WorkedThreeByThreeTable) {
-  const support::Table t = support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
+// Rows 2 1 1 / 0 3 2 / 1 0 4 (published to 9 decimals): the nodes per stage
+// of both networks (records are written from the root down: stage 3, 2,
+// 1), the passes, and the host's records of 7 and 32.
+TEST(NetworkExact, WorkedThreeByThreeTable) {
+  const Table t = support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
   const NetworkRun run = RunPearsonNetwork(t);
   ASSERT_EQ(run.code, 0);
   EXPECT_NEAR(run.x2, 7.275, 1e-12);
-  ASSERT_EQ(run.stage_end.size(), 3u);
-  // Records are written from the root down: stage 3, 2, 1.
-  EXPECT_EQ(run.stage_end[2], 1);
-  EXPECT_EQ(run.stage_end[1] - run.stage_end[2], 24);
-  EXPECT_EQ(run.stage_end[0] - run.stage_end[1], 10);
+  EXPECT_EQ(run.stage_end, (std::vector<int64_t>{35, 25, 1}));
   EXPECT_NEAR(run.pass.tail_high, 0.134199134, 1e-9);
   EXPECT_NEAR(run.pass.point, 0.023310023, 1e-9);
   EXPECT_FALSE(run.pass.stopped_early);
+
+  LogFactorialTable lf;
+  StartRun(lf);
+  Network net;
+  net.SetMargins({4, 5, 5}, {3, 4, 7}, lf.data(), true);
+  int64_t limit = 0;
+  ASSERT_EQ(EstimateCanonicalStageNodes(net.A, net.B, &limit), 0);
+  net.SetCapacity(limit);
+  NodeFileGuard guard;
+  ASSERT_EQ(OpenNodeFile(8 * net.codec.n_words + 16), 0);
+  const FisherMember member;
+  ASSERT_EQ(BackwardInduction(net, member), 0);
+  EXPECT_EQ(net.stage_end, (std::vector<int64_t>{11, 7, 1})) << "canonical nodes fold together";
+  const double obs = static_cast<double>(support::LogTableProbability(t));
+  EXPECT_NEAR(obs, -5.299316867, 1e-9);
+  PassResult pass;
+  ASSERT_EQ(ForwardPass(net, member, obs, pass), 0);
+  EXPECT_NEAR(pass.tail_high, 0.084249084, 1e-9);
+  EXPECT_NEAR(pass.point, 0.069930070, 1e-9);
+
+  HostCall chisq(TQ_PROC_CHISQ, TQ_METHOD_EXACT), fisher(TQ_PROC_FISHER, TQ_METHOD_EXACT);
+  const double* r = chisq.Run(t);
+  EXPECT_NEAR(r[0], 7.275, 1e-12);
+  EXPECT_NEAR(r[16], 0.157509158, 1e-9);
+  EXPECT_NEAR(r[17], 0.023310023, 1e-9);
+  r = fisher.Run(t);
+  ASSERT_EQ(r[48], 0.0);
+  EXPECT_NEAR(r[16], 0.154179154, 1e-9);
+
+  // A diagonal table is the most extreme of its margins.
+  const Table diagonal = support::MakeTable({{4, 0, 0}, {0, 3, 0}, {0, 0, 5}});
+  const NetworkRun top = RunPearsonNetwork(diagonal);
+  ASSERT_EQ(top.code, 0);
+  EXPECT_EQ(top.pass.tail_high, 0.0);
+  EXPECT_NEAR(top.pass.point, (double)support::FisherExact(diagonal).pointProb, 1e-12);
 }
 
-// Both members of the network against the sums over every table with the
-// margins, on 500 random tables up to 5 x 6 and N = 30 (plain and skewed
-// cells): Pearson's tail above and point mass, and Fisher's two-sided
-// p-value through the host.  The passes sum probabilities in their own
-// order; the sums must agree with the enumeration's long double sums.
-TEST(NetworkExact, BothMembersAgreeWithEnumerationOn500Tables) {
-  std::mt19937_64 rng(20261123);
+// Both members against the sums over every table with the margins, on 500
+// random tables up to 5 x 6 and N = 30 (plain and skewed cells): Pearson's
+// tail above and point mass, and Fisher's two-sided p-value through the
+// host; on every fourth table also the host's records of 7 and 42 and the
+// median test (31) at a random cut, on its collapsed table.  The passes sum
+// probabilities in their own order; the sums must agree with the
+// enumeration's long double sums.
+TEST(NetworkExact, AllMembersAgreeWithEnumerationOn500Tables) {
+  std::mt19937_64 rng(20261123), cuts(42);
   // Margins with more tables than this are passed over to keep the
   // enumeration quick.
   constexpr uint64_t kMaxTables = 100000;
-  constexpr double kRelative = 1e-12;
-  int checked = 0;
+  constexpr double kRelative = 1e-12, kHostRelative = 1e-9;
+  int checked = 0, medians = 0;
   for (int i = 0; checked < 500 && i < 5000; ++i) {
     const int rows = 2 + static_cast<int>(rng() % 4);
     const int cols = 2 + static_cast<int>(rng() % 5);
     const int64_t n = std::max(rows, cols) + static_cast<int64_t>(rng() % (31 - std::max(rows, cols)));
-    const support::Table t = (i % 2) ? support::RandomSkewedTable(rng, rows, cols, n)
-                                     : support::RandomTable(rng, rows, cols, n);
-    if (support::CountTables(support::RowTotals(t), support::ColTotals(t), kMaxTables) >
-        kMaxTables)
-      continue;
+    const Table t = (i % 2) ? support::RandomSkewedTable(rng, rows, cols, n) : support::RandomTable(rng, rows, cols, n);
+    if (support::CountTables(support::RowTotals(t), support::ColTotals(t), kMaxTables) > kMaxTables) continue;
+    SCOPED_TRACE(support::Describe(t));
     const NetworkRun run = RunPearsonNetwork(t);
-    ASSERT_EQ(run.code, 0) << support::Describe(t);
-    const double rel = run.K == 2 ? PearsonMember::kTwoColumnTolerance
-                                  : PearsonMember::kManyColumnTolerance;
+    ASSERT_EQ(run.code, 0);
+    const double rel = run.K == 2 ? PearsonMember::kTwoColumnTolerance : PearsonMember::kManyColumnTolerance;
     const support::TailResult ref = support::PearsonTails(t, rel, 0.0);
     const double point = run.pass.stopped_early ? run.table_probability : run.pass.point;
-    EXPECT_NEAR(run.pass.tail_high, (double)ref.above, kRelative * (double)ref.above + 1e-300)
-        << support::Describe(t);
-    EXPECT_NEAR(point, (double)ref.equal, kRelative * (double)ref.equal) << support::Describe(t);
-    if (rows * cols > 4) {  // 2 x 2 tables take the direct walk
-      support::HostCall fisher(TQ_PROC_FISHER, TQ_METHOD_EXACT);
-      const double* r = fisher.Run(t);
-      ASSERT_EQ(r[48], 0.0) << support::Describe(t);
-      const double p = (double)support::FisherExact(t).pValue;
-      EXPECT_NEAR(r[16], p, kRelative * p) << support::Describe(t);
-    }
+    EXPECT_NEAR(run.pass.tail_high, (double)ref.above, kRelative * (double)ref.above + 1e-300);
+    EXPECT_NEAR(point, (double)ref.equal, kRelative * (double)ref.equal);
     ++checked;
+    if (rows * cols == 4) continue;  // 2 x 2 tables take the direct walk
+    HostCall fisher(TQ_PROC_FISHER, TQ_METHOD_EXACT);
+    const double* r = fisher.Run(t);
+    ASSERT_EQ(r[48], 0.0);
+    const double p = (double)support::FisherExact(t).pValue;
+    EXPECT_NEAR(r[16], p, kRelative * p);
+    if (checked % 4 != 0) continue;
+    const double pearson = (double)(ref.above + ref.equal);
+    for (int64_t procedure : {TQ_PROC_CHISQ, TQ_PROC_NOMINAL}) {
+      HostCall call(procedure, TQ_METHOD_EXACT);
+      r = call.Run(t);
+      ASSERT_EQ(r[48], 0.0) << procedure;
+      EXPECT_NEAR(r[16], pearson, kHostRelative * pearson) << procedure;
+      if (procedure == TQ_PROC_CHISQ) {
+        EXPECT_NEAR(r[17], (double)ref.equal, kHostRelative * (double)ref.equal);
+      }
+    }
+    // The median test at a cut between the levels: X^2 of the collapsed table.
+    HostCall median(TQ_PROC_MEDIAN, TQ_METHOD_EXACT);
+    std::vector<double> levels;
+    for (int j = 0; j < cols; ++j) levels.push_back(j + 1);
+    const double cut = 1.0 + static_cast<double>(cuts() % (cols - 1));
+    median.MedianCut(levels, cut);
+    std::vector<std::vector<int64_t>> collapsed(rows, std::vector<int64_t>(2, 0));
+    for (int a = 0; a < rows; ++a)
+      for (int b = 0; b < cols; ++b) collapsed[a][b + 1 > cut ? 0 : 1] += t.at(a, b);
+    const Table c = support::MakeTable(collapsed);
+    r = median.Run(t);
+    if (r[48] == -1032.0) continue;  // one side of the cut is empty
+    ASSERT_EQ(r[48], 0.0);
+    const auto cref = support::PearsonTails(c, PearsonMember::kTwoColumnTolerance, 0.0);
+    EXPECT_NEAR(r[0], support::PearsonX2(c), kHostRelative * r[0] + 1e-12);
+    const double cp = (double)(cref.above + cref.equal);
+    EXPECT_NEAR(r[16], cp, kHostRelative * cp) << "median";
+    EXPECT_NEAR(r[17], (double)cref.equal, kHostRelative * (double)cref.equal) << "median";
+    ++medians;
   }
   EXPECT_GE(checked, 500);
-}
-
-TEST(PearsonNetwork, ObservedMaximumHasNoUpperTail) {
-  // A diagonal table is the most extreme of its margins.
-  const support::Table t = support::MakeTable({{4, 0, 0}, {0, 3, 0}, {0, 0, 5}});
-  const NetworkRun run = RunPearsonNetwork(t);
-  ASSERT_EQ(run.code, 0);
-  EXPECT_EQ(run.pass.tail_high, 0.0);
-  EXPECT_NEAR(run.pass.point, (double)support::FisherExact(t).pointProb, 1e-12);
+  EXPECT_GE(medians, 60);
 }
 
 }  // namespace

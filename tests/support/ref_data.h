@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -61,6 +62,22 @@ struct KernelRef {
 
 // Directory of the data files: the compile definition ANVL_TEST_DATA.
 std::string TestDataDir();
+
+// One data line of a committed CSV file (a header line, no quoted fields),
+// read by column name. Each accessor throws std::runtime_error on a missing
+// column or a field that doesn't parse in full; "NA" reads as NaN.
+struct CsvRow {
+  std::string file;
+  std::map<std::string, std::string> field;
+  const std::string& Text(const std::string& name) const;
+  double Real(const std::string& name) const;
+  int Int(const std::string& name) const;
+  std::vector<double> Reals(const std::string& name) const;  // blank-separated
+  std::vector<int64_t> Ints(const std::string& name) const;  // blank-separated
+};
+// The data lines of TestDataDir()/name; throws when the file is missing or a
+// line has the wrong number of fields.
+std::vector<CsvRow> LoadCsv(const std::string& name);
 
 // Each reads its file from TestDataDir(); throws std::runtime_error when the
 // file is missing or a line doesn't parse.
