@@ -79,4 +79,8 @@ int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, d
 // this thread, for tests and benchmarks.
 int64_t LastNetworkPeakNodes();
 
+// Makes the runs of this thread take the hashed tables even where the scores
+// lie on a lattice, so that tests can hold the two routes side by side.
+void ForceHashedNetworkForTesting(bool on);
+
 }  // namespace anvl::scores
