@@ -32,7 +32,9 @@ constexpr double kPastGrid = 4096.0;
 constexpr double kExactBucketLimit = 4503599627370496.0;
 
 thread_local int64_t t_peak_nodes = 0;
-thread_local bool t_force_hashed = false;
+// The route that tests ask for: 0 by the scores, else hashed or flagged.
+constexpr int kRouteHashed = 1, kRouteFlagged = 2;
+thread_local int t_route = 0;
 
 // What v observations add when they are handed to a list of columns in
 // the list's order, each taking all it can: pc[k] and pv[k] are the count
@@ -470,6 +472,9 @@ int HashedPasses(const Network& net, const Cuts& cut, const double* lf, PassCach
 // Shifts q of the lattice tried, and the largest score sum in lattice units.
 constexpr int kLatticeShiftLimit = 16;
 constexpr double kLatticeTop = 1125899906842624.0;  // 2^50
+// Weights above exp(-kUnflaggedLogFloor) stay normal doubles (2^-1022 is
+// about exp(-708.4)), with room for the rounding of the scales.
+constexpr double kUnflaggedLogFloor = 700.0;
 
 // q with every score a multiple of 2^-q and sums exact, or -1.
 template <class Form>
@@ -518,18 +523,19 @@ struct LatticeStage {
     used = 0;
   }
   // Room for n more entries, cleared; returns their offset.
-  size_t Take(size_t n) {
+  size_t Take(size_t n, bool flags) {
     if (used + n > w.size()) {
       const size_t size = std::max(used + n, 2 * w.size());
       w.resize(size);
       pre.resize(size);
       suf.resize(size);
-      on.resize(size);
+      if (flags) on.resize(size);
     }
     std::fill(w.begin() + static_cast<std::ptrdiff_t>(used),
               w.begin() + static_cast<std::ptrdiff_t>(used + n), 0.0);
-    std::fill(on.begin() + static_cast<std::ptrdiff_t>(used),
-              on.begin() + static_cast<std::ptrdiff_t>(used + n), uint8_t{0});
+    if (flags)
+      std::fill(on.begin() + static_cast<std::ptrdiff_t>(used),
+                on.begin() + static_cast<std::ptrdiff_t>(used + n), uint8_t{0});
     const size_t at = used;
     used += n;
     return at;
@@ -551,11 +557,15 @@ int64_t FirstTrue(int64_t a, int64_t b, Pred pred) {
   return lo;
 }
 
-// dst[i] += f * src[i] and the reach flags, over n entries.
-void AddScaled(double* __restrict dst, uint8_t* __restrict dst_on, const double* __restrict src,
-               const uint8_t* __restrict src_on, double f, int64_t n) {
+// dst[i] += f * src[i] over n entries: the inner loop of a pass, in a
+// vector build for the processors that have one.
+__attribute__((target_clones("avx2", "default"), optimize("tree-vectorize")))
+void AddScaled(double* __restrict dst, const double* __restrict src, double f, int64_t n) {
   for (int64_t i = 0; i < n; ++i) dst[i] += f * src[i];
-  for (int64_t i = 0; i < n; ++i) dst_on[i] |= src_on[i];
+}
+__attribute__((target_clones("avx2", "default"), optimize("tree-vectorize")))
+void AddReached(uint8_t* __restrict dst, const uint8_t* __restrict src, int64_t n) {
+  for (int64_t i = 0; i < n; ++i) dst[i] |= src[i];
 }
 
 // Compensated running sums of w[0..n) from the left and from the right.
@@ -585,6 +595,13 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
   std::vector<int64_t> step(static_cast<size_t>(K));
   for (int64_t j = 0; j < K; ++j) step[j] = static_cast<int64_t>(std::ldexp(net.sc[j], shift));
 
+  // Every node's weight is at least 1 / C(N, m) (plain) or 2^-m (balanced),
+  // and a row's scale is at most 1: where that floor is a normal double, a
+  // node is reached exactly when its scaled weight is positive.  Else a
+  // flag per entry says so.
+  const double floor_log = kBalanced ? static_cast<double>(m) * kLog2
+                                     : LogBinomial(net.N, m, lf, FactorialRoute::kTableBelow500LogGamma);
+  const bool track = !(floor_log < kUnflaggedLogFloor) || t_route == kRouteFlagged;
   LatticeStage a, b;
   LatticeStage* src = &a;
   LatticeStage* dst = &b;
@@ -594,9 +611,9 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
     r.rho = kBalanced ? -static_cast<double>(m) * kLog2
                       : -LogBinomial(net.N, m, lf, FactorialRoute::kTableBelow500LogGamma);
     r.runs = 1;
-    r.off[0] = src->Take(1);
+    r.off[0] = src->Take(1, track);
     src->w[r.off[0]] = 1.0;
-    src->on[r.off[0]] = 1;
+    if (track) src->on[r.off[0]] = 1;
     RunSums(&src->w[r.off[0]], &src->pre[r.off[0]], &src->suf[r.off[0]], 1);
   }
   int64_t count = 1;
@@ -662,7 +679,7 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
         add_run(jL, mid_lo - 1);
         add_run(mid_hi + 1, jH);
       }
-      for (int r = 0; r < row.runs; ++r) row.off[r] = dst->Take(static_cast<size_t>(row.hi[r] - row.lo[r] + 1));
+      for (int r = 0; r < row.runs; ++r) row.off[r] = dst->Take(static_cast<size_t>(row.hi[r] - row.lo[r] + 1), track);
 
       double* const dw = dst->w.data();
       uint8_t* const don = dst->on.data();
@@ -692,7 +709,8 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
             if (i0 > i1) continue;
             const size_t from = r.off[q] + static_cast<size_t>(i0 - lo);
             const size_t to = row.off[u] + static_cast<size_t>(i0 + d - row.lo[u]);
-            AddScaled(dw + to, don + to, src->w.data() + from, src->on.data() + from, f, i1 - i0 + 1);
+            AddScaled(dw + to, src->w.data() + from, f, i1 - i0 + 1);
+            if (track) AddReached(don + to, src->on.data() + from, i1 - i0 + 1);
           }
         }
         if (Tick()) SendExactEstimateLine(hi_tail + lo_tail, 1.0 - middle);
@@ -705,7 +723,7 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
       for (int r = 0; r < row.runs; ++r) {
         const size_t n = static_cast<size_t>(row.hi[r] - row.lo[r] + 1);
         for (size_t i = 0; i < n; ++i) {
-          nodes += don[row.off[r] + i];
+          nodes += track ? don[row.off[r] + i] : dw[row.off[r] + i] > 0.0;
           top = std::max(top, dw[row.off[r] + i]);
         }
       }
@@ -743,7 +761,7 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
       for (int q = 0; q < r.runs; ++q)
         for (int64_t j = r.lo[q]; j <= r.hi[q]; ++j) {
           const size_t at = r.off[q] + static_cast<size_t>(j - r.lo[q]);
-          if (!src->on[at]) continue;
+          if (track ? !src->on[at] : !(src->w[at] > 0.0)) continue;
           const double p = static_cast<double>(j) * h, w = src->w[at] * scale;
           if (std::fabs(p - cut.high_bound) <= cut.e) out.high_point += w;
           if (std::fabs(p - cut.low_bound) <= cut.e) out.low_point += w;
@@ -801,11 +819,11 @@ int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, d
   BuildLogFactorials(lf);
   const Cuts cut(high_bound, low_bound);
   const int shift = LatticeShift<Form>(net);
-  if (shift >= 0 && !t_force_hashed) return LatticePasses<Form>(net, cut, lf.data(), pc, shift, out);
+  if (shift >= 0 && t_route != kRouteHashed) return LatticePasses<Form>(net, cut, lf.data(), pc, shift, out);
   return HashedPasses<Form>(net, cut, lf.data(), pc, out);
 }
 
-void ForceHashedNetworkForTesting(bool on) { t_force_hashed = on; }
+void SetNetworkRouteForTesting(int route) { t_route = route; }
 
 template int TwoRowNetwork<PlainForm>(const std::vector<TwoRowColumn>&, double, double, int64_t,
                                       TwoRowTails&);

@@ -140,10 +140,10 @@ std::vector<std::pair<long double, long double>> NetworkRows(
 
 template <class Form>
 int RunNetwork(const std::vector<scores::TwoRowColumn>& cols, double high, double low, int64_t budget,
-               bool hashed, scores::TwoRowTails& out, int64_t& peak) {
-  scores::ForceHashedNetworkForTesting(hashed);
+               int route, scores::TwoRowTails& out, int64_t& peak) {
+  scores::SetNetworkRouteForTesting(route);
   const int code = scores::TwoRowNetwork<Form>(cols, high, low, budget, out);
-  scores::ForceHashedNetworkForTesting(false);
+  scores::SetNetworkRouteForTesting(0);
   peak = scores::LastNetworkPeakNodes();
   return code;
 }
@@ -201,39 +201,41 @@ TEST(TwoRowNetworkRoutes, MatchEnumerationAndEachOther) {
       if (std::fabs(v - low) <= e) ref[3] += p;
     }
     SCOPED_TRACE("trial " + std::to_string(trial));
-    const auto run = [&](int64_t budget, bool hashed, scores::TwoRowTails& t, int64_t& peak) {
-      if (form == 0) return RunNetwork<scores::PlainForm>(cols, high, low, budget, hashed, t, peak);
-      if (form == 1) return RunNetwork<scores::BalancedForm>(cols, high, low, budget, hashed, t, peak);
-      return RunNetwork<scores::BalancedCoarseForm>(cols, high, low, budget, hashed, t, peak);
+    const auto run = [&](int64_t budget, int route, scores::TwoRowTails& t, int64_t& peak) {
+      if (form == 0) return RunNetwork<scores::PlainForm>(cols, high, low, budget, route, t, peak);
+      if (form == 1) return RunNetwork<scores::BalancedForm>(cols, high, low, budget, route, t, peak);
+      return RunNetwork<scores::BalancedCoarseForm>(cols, high, low, budget, route, t, peak);
     };
-    int64_t peak[2] = {};
-    for (bool hashed : {false, true}) {
+    // Routes: lattice (where the scores allow), hashed, lattice with reach flags.
+    int64_t peak[3] = {};
+    for (int route : {0, 1, 2}) {
       scores::TwoRowTails t;
-      const int code = run(16777216, hashed, t, peak[hashed]);
+      const int code = run(16777216, route, t, peak[route]);
       int nonempty = 0;
       for (const auto& col : cols) nonempty += col.first + col.second > 0;
       if (nonempty < 2) {
         EXPECT_EQ(code, -4);
         continue;
       }
-      ASSERT_EQ(code, 0) << "hashed " << hashed;
+      ASSERT_EQ(code, 0) << "route " << route;
       const double got[4] = {t.high_tail, t.high_point, t.low_tail, t.low_point};
       for (int i = 0; i < 4; ++i)
         EXPECT_LE(std::fabs(got[i] - (double)ref[i]), 1e-12 * std::max(1e-300, (double)ref[i]))
-            << "hashed " << hashed << " probability " << i << ": " << got[i] << " want " << (double)ref[i];
+            << "route " << route << " probability " << i << ": " << got[i] << " want " << (double)ref[i];
       EXPECT_NEAR(t.high_tail + t.high_point + t.low_tail + t.low_point + t.middle,
                   1.0 + (high == low ? t.high_point : 0.0), 1e-9);
     }
     if (!lattice || peak[0] == 0) continue;
     ++lattice_runs;
     EXPECT_EQ(peak[0], peak[1]);
+    EXPECT_EQ(peak[0], peak[2]);
     // Budgets whose grid is one row of peak - 1 and of peak slots.
     if (peak[0] < 4) continue;  // a grid of fewer than 3 rows has no odd prime
-    for (bool hashed : {false, true}) {
+    for (int route : {0, 1, 2}) {
       scores::TwoRowTails t;
       int64_t p = 0;
-      EXPECT_EQ(run((peak[0] - 1 + 4000) * 20, hashed, t, p), -1) << "hashed " << hashed;
-      EXPECT_EQ(run((peak[0] + 4000) * 20, hashed, t, p), 0) << "hashed " << hashed;
+      EXPECT_EQ(run((peak[0] - 1 + 4000) * 20, route, t, p), -1) << "route " << route;
+      EXPECT_EQ(run((peak[0] + 4000) * 20, route, t, p), 0) << "route " << route;
     }
     ++failures_pinned;
   }
