@@ -505,42 +505,59 @@ struct LatticeRow {
   int runs = 0;
   int64_t lo[2] = {0, 0}, hi[2] = {0, 0};
   size_t off[2] = {0, 0};
+  // While the stage is built: its takes, and its cuts as lattice indices
+  // (above jh: high tail; below jl: low tail; mid_lo..mid_hi: between).
+  int64_t t_lo = 0, t_hi = -1, jh = 0, jl = 0, mid_lo = 0, mid_hi = -1;
 };
 
 // One stage: rows by first-row sum from `row0`, and per entry the scaled
 // weight, whether a path reached it, and (once the stage is complete)
-// compensated prefix and suffix sums of the weights within its run.
+// compensated prefix and suffix sums of the weights within its run.  The
+// arrays are kept from stage to stage and grow without copying, since a
+// stage's entries are laid out before they are written.
 struct LatticeStage {
   int64_t row0 = 0;
   std::vector<LatticeRow> rows;
-  std::vector<double> w, pre, suf;
-  std::vector<uint8_t> on;
-  size_t used = 0;
+  std::unique_ptr<double[]> w, pre, suf;
+  std::unique_ptr<uint8_t[]> on;
+  size_t room = 0, used = 0;
 
   void Begin(int64_t first_row, int64_t row_count) {
     row0 = first_row;
     rows.assign(static_cast<size_t>(row_count), LatticeRow{});
     used = 0;
   }
-  // Room for n more entries, cleared; returns their offset.
-  size_t Take(size_t n, bool flags) {
-    if (used + n > w.size()) {
-      const size_t size = std::max(used + n, 2 * w.size());
-      w.resize(size);
-      pre.resize(size);
-      suf.resize(size);
-      if (flags) on.resize(size);
-    }
-    std::fill(w.begin() + static_cast<std::ptrdiff_t>(used),
-              w.begin() + static_cast<std::ptrdiff_t>(used + n), 0.0);
-    if (flags)
-      std::fill(on.begin() + static_cast<std::ptrdiff_t>(used),
-                on.begin() + static_cast<std::ptrdiff_t>(used + n), uint8_t{0});
+  // Offset of n more entries.
+  size_t Lay(size_t n) {
     const size_t at = used;
     used += n;
     return at;
   }
+  // Room for the entries laid out; false when it can't be had.
+  bool Allocate(bool flags) {
+    if (used <= room && (!flags || on)) return true;
+    const size_t n = std::max(used, room + room / 2);
+    w.reset(new (std::nothrow) double[n]);
+    pre.reset(new (std::nothrow) double[n]);
+    suf.reset(new (std::nothrow) double[n]);
+    if (flags) on.reset(new (std::nothrow) uint8_t[n]);
+    room = n;
+    return w && pre && suf && (!flags || on);
+  }
 };
+
+// A scaled add of a pass: new entries [to, ..) += f * old entries
+// [from, ..), over the tile coordinates u in [ua, ub].
+struct AddJob {
+  int64_t ua, ub;
+  size_t from, to;
+  double f;
+};
+// New rows that are finished together, and the tile width in entries:
+// the old rows of a block's takes and its new rows, one tile wide, stay
+// within the second-level cache.
+constexpr int64_t kBlockRows = 32;
+constexpr int64_t kTileEntries = 512;
 
 // Smallest j in [a, b] with pred(j), pred false then true along j; b + 1
 // when there is none.
@@ -611,13 +628,15 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
     r.rho = kBalanced ? -static_cast<double>(m) * kLog2
                       : -LogBinomial(net.N, m, lf, FactorialRoute::kTableBelow500LogGamma);
     r.runs = 1;
-    r.off[0] = src->Take(1, track);
+    r.off[0] = src->Lay(1);
+    if (!src->Allocate(track)) return -1;
     src->w[r.off[0]] = 1.0;
     if (track) src->on[r.off[0]] = 1;
     RunSums(&src->w[r.off[0]], &src->pre[r.off[0]], &src->suf[r.off[0]], 1);
   }
   int64_t count = 1;
   double hi_tail = 0.0, lo_tail = 0.0, middle = 0.0;
+  std::vector<AddJob> jobs;
 
   for (int64_t s = 0; s < K; ++s) {
     const int64_t cs = net.c[s], k = step[s];
@@ -630,27 +649,27 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
     SendLongRunNote(0);
     CrowdNote note{kCrowdedShare * static_cast<double>(net.capacity)};
     int64_t fresh = 0;
+    // Layout: for each new row its takes, scale, cuts and runs.
     for (int64_t xp = x_lo; xp <= x_hi; ++xp) {
-      // Takes into this row and the source row of each.
-      const int64_t t_lo = kBalanced ? 0 : std::max<int64_t>(0, xp - src_hi);
-      const int64_t t_hi = kBalanced ? (weightless ? 0 : cs) : std::min(cs, xp - src_lo);
-      const auto source = [&](int64_t t) -> const LatticeRow& {
-        return src->rows[static_cast<size_t>((kBalanced ? 0 : xp - t) - src_lo)];
-      };
+      LatticeRow& row = dst->rows[static_cast<size_t>(xp - x_lo)];
+      row.t_lo = kBalanced ? 0 : std::max<int64_t>(0, xp - src_hi);
+      row.t_hi = kBalanced ? (weightless ? 0 : cs) : std::min(cs, xp - src_lo);
       double rho = -HUGE_VAL;
       int64_t reach_lo = INT64_MAX, reach_hi = INT64_MIN;
-      for (int64_t t = t_lo; t <= t_hi; ++t) {
-        const LatticeRow& r = source(t);
+      for (int64_t t = row.t_lo; t <= row.t_hi; ++t) {
+        const LatticeRow& r = src->rows[static_cast<size_t>((kBalanced ? 0 : xp - t) - src_lo)];
         if (r.runs == 0) continue;
         rho = std::max(rho, r.rho + pc.take_log[t]);
         reach_lo = std::min(reach_lo, r.lo[0] + t * k);
         reach_hi = std::max(reach_hi, r.hi[r.runs - 1] + t * k);
       }
-      if (reach_lo > reach_hi) continue;
-
+      if (reach_lo > reach_hi) {
+        row.t_hi = row.t_lo - 1;
+        continue;
+      }
       // The cuts of this row as lattice indices, on the doubles j*h.
       const int64_t ix = kBalanced ? 0 : xp - pc.x_lo;
-      const double rmin = pc.rest_min[ix], rmax = pc.rest_max[ix], rlog = pc.rest_log[ix];
+      const double rmin = pc.rest_min[ix], rmax = pc.rest_max[ix];
       const int64_t a0 = reach_lo - 1, b0 = reach_hi + 1;
       const auto past = [h](int64_t j) { return static_cast<double>(j) * h; };
       const int64_t jH = FirstTrue(a0, b0, [&](int64_t j) { return past(j) + rmin > cut.high_up; }) - 1;
@@ -658,8 +677,10 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
       const int64_t jMh = FirstTrue(a0, b0, [&](int64_t j) { return !(past(j) + rmax < cut.high_down); });
       const int64_t jMl = FirstTrue(a0, b0, [&](int64_t j) { return past(j) + rmin > cut.low_up; }) - 1;
       // Alive: [jL, jH] less the middle (jMl, jMh).
-      const int64_t mid_lo = std::max(jL, jMl + 1), mid_hi = std::min(jH, jMh - 1);
-      LatticeRow& row = dst->rows[static_cast<size_t>(xp - x_lo)];
+      row.jh = jH;
+      row.jl = jL;
+      row.mid_lo = std::max(jL, jMl + 1);
+      row.mid_hi = std::min(jH, jMh - 1);
       row.rho = rho;
       const auto add_run = [&](int64_t lo, int64_t hi) {
         lo = std::max(lo, reach_lo);
@@ -673,75 +694,117 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
         row.hi[row.runs] = hi;
         ++row.runs;
       };
-      if (mid_lo > mid_hi) {
+      if (row.mid_lo > row.mid_hi) {
         add_run(jL, jH);
       } else {
-        add_run(jL, mid_lo - 1);
-        add_run(mid_hi + 1, jH);
+        add_run(jL, row.mid_lo - 1);
+        add_run(row.mid_hi + 1, jH);
       }
-      for (int r = 0; r < row.runs; ++r) row.off[r] = dst->Take(static_cast<size_t>(row.hi[r] - row.lo[r] + 1), track);
+      for (int r = 0; r < row.runs; ++r) row.off[r] = dst->Lay(static_cast<size_t>(row.hi[r] - row.lo[r] + 1));
+    }
+    if (!dst->Allocate(track)) return -1;
+    double* const dw = dst->w.get();
+    uint8_t* const don = track ? dst->on.get() : nullptr;
+    const double* const sw = src->w.get();
+    const uint8_t* const son = track ? src->on.get() : nullptr;
 
-      double* const dw = dst->w.data();
-      uint8_t* const don = dst->on.data();
-      for (int64_t t = t_lo; t <= t_hi; ++t) {
-        const LatticeRow& r = source(t);
-        if (r.runs == 0) continue;
-        const double base = r.rho + pc.take_log[t];
-        const double f = std::exp(base - rho);
-        double settle = -1.0;  // exp(base + rlog), on first use
-        const int64_t d = t * k;
-        for (int q = 0; q < r.runs; ++q) {
-          const int64_t lo = r.lo[q], hi = r.hi[q];
-          const double* pre = src->pre.data() + r.off[q];  // entry i - lo
-          const double* suf = src->suf.data() + r.off[q];
-          const int64_t above = std::max(lo, jH + 1 - d);
-          const int64_t below = std::min(hi, std::min(jL - 1, jH) - d);
-          const int64_t m_lo = std::max(lo, mid_lo - d), m_hi = std::min(hi, mid_hi - d);
-          if (above <= hi || below >= lo || m_lo <= m_hi) {
-            if (settle < 0.0) settle = std::exp(base + rlog);
-            if (above <= hi) hi_tail += settle * suf[above - lo];
-            if (below >= lo) lo_tail += settle * pre[below - lo];
-            if (m_lo <= m_hi)
-              middle += settle * (pre[m_hi - lo] - (m_lo > lo ? pre[m_lo - 1 - lo] : 0.0));
-          }
-          for (int u = 0; u < row.runs; ++u) {
-            const int64_t i0 = std::max(lo, row.lo[u] - d), i1 = std::min(hi, row.hi[u] - d);
-            if (i0 > i1) continue;
-            const size_t from = r.off[q] + static_cast<size_t>(i0 - lo);
-            const size_t to = row.off[u] + static_cast<size_t>(i0 + d - row.lo[u]);
-            AddScaled(dw + to, src->w.data() + from, f, i1 - i0 + 1);
-            if (track) AddReached(don + to, src->on.data() + from, i1 - i0 + 1);
-          }
+    for (int64_t xa = x_lo; xa <= x_hi; xa += kBlockRows) {
+      const int64_t xb = std::min(x_hi, xa + kBlockRows - 1);
+      jobs.clear();
+      int64_t u_lo = INT64_MAX, u_hi = INT64_MIN;
+      for (int64_t xp = xa; xp <= xb; ++xp) {
+        const LatticeRow& row = dst->rows[static_cast<size_t>(xp - x_lo)];
+        for (int r = 0; r < row.runs; ++r) {
+          std::fill(dw + row.off[r], dw + row.off[r] + (row.hi[r] - row.lo[r] + 1), 0.0);
+          if (track) std::fill(don + row.off[r], don + row.off[r] + (row.hi[r] - row.lo[r] + 1), uint8_t{0});
         }
-        if (Tick()) SendExactEstimateLine(hi_tail + lo_tail, 1.0 - middle);
+        const int64_t ix = kBalanced ? 0 : xp - pc.x_lo;
+        const double rlog = pc.rest_log[ix];
+        // The tiles below work in u = (new lattice index) - x' * k, where a
+        // plain pass keeps u from the old node to the new one.
+        const int64_t skew = kBalanced ? 0 : xp * k;
+        for (int64_t t = row.t_lo; t <= row.t_hi; ++t) {
+          const LatticeRow& r = src->rows[static_cast<size_t>((kBalanced ? 0 : xp - t) - src_lo)];
+          if (r.runs == 0) continue;
+          const double base = r.rho + pc.take_log[t];
+          const double f = std::exp(base - row.rho);
+          double settle = -1.0;  // exp(base + rlog), on first use
+          const int64_t d = t * k;
+          for (int q = 0; q < r.runs; ++q) {
+            const int64_t lo = r.lo[q], hi = r.hi[q];
+            const double* pre = src->pre.get() + r.off[q];  // entry i - lo
+            const double* suf = src->suf.get() + r.off[q];
+            const int64_t above = std::max(lo, row.jh + 1 - d);
+            const int64_t below = std::min(hi, std::min(row.jl - 1, row.jh) - d);
+            const int64_t m_lo = std::max(lo, row.mid_lo - d), m_hi = std::min(hi, row.mid_hi - d);
+            if (above <= hi || below >= lo || m_lo <= m_hi) {
+              if (settle < 0.0) settle = std::exp(base + rlog);
+              if (above <= hi) hi_tail += settle * suf[above - lo];
+              if (below >= lo) lo_tail += settle * pre[below - lo];
+              if (m_lo <= m_hi)
+                middle += settle * (pre[m_hi - lo] - (m_lo > lo ? pre[m_lo - 1 - lo] : 0.0));
+            }
+            for (int u = 0; u < row.runs; ++u) {
+              const int64_t i0 = std::max(lo, row.lo[u] - d), i1 = std::min(hi, row.hi[u] - d);
+              if (i0 > i1) continue;
+              AddJob job;
+              job.ua = i0 + d - skew;
+              job.ub = i1 + d - skew;
+              job.from = r.off[q] + static_cast<size_t>(i0 - lo);
+              job.to = row.off[u] + static_cast<size_t>(i0 + d - row.lo[u]);
+              job.f = f;
+              jobs.push_back(job);
+              u_lo = std::min(u_lo, job.ua);
+              u_hi = std::max(u_hi, job.ub);
+            }
+          }
+          if (Tick()) SendExactEstimateLine(hi_tail + lo_tail, 1.0 - middle);
+        }
+      }
+
+      // The scaled adds of the block, tile by tile, so that the old rows
+      // that feed the block and its new rows stay in cache.
+      for (int64_t ut = u_lo; ut <= u_hi; ut += kTileEntries) {
+        const int64_t ue = std::min(u_hi, ut + kTileEntries - 1);
+        for (const AddJob& job : jobs) {
+          const int64_t ja = std::max(job.ua, ut), jb = std::min(job.ub, ue);
+          if (ja > jb) continue;
+          const size_t from = job.from + static_cast<size_t>(ja - job.ua);
+          const size_t to = job.to + static_cast<size_t>(ja - job.ua);
+          AddScaled(dw + to, sw + from, job.f, jb - ja + 1);
+          if (track) AddReached(don + to, son + from, jb - ja + 1);
+        }
       }
 
       // Count the nodes, scale the weights to at most 1 by a power of 2,
       // and sum them for the next pass.
-      double top = 0.0;
-      int64_t nodes = 0;
-      for (int r = 0; r < row.runs; ++r) {
-        const size_t n = static_cast<size_t>(row.hi[r] - row.lo[r] + 1);
-        for (size_t i = 0; i < n; ++i) {
-          nodes += track ? don[row.off[r] + i] : dw[row.off[r] + i] > 0.0;
-          top = std::max(top, dw[row.off[r] + i]);
-        }
-      }
-      if (top > 0.0) {
-        int e = 0;
-        std::frexp(top, &e);
-        const double scale = std::ldexp(1.0, -e);
+      for (int64_t xp = xa; xp <= xb; ++xp) {
+        LatticeRow& row = dst->rows[static_cast<size_t>(xp - x_lo)];
+        double top = 0.0;
+        int64_t nodes = 0;
         for (int r = 0; r < row.runs; ++r) {
           const size_t n = static_cast<size_t>(row.hi[r] - row.lo[r] + 1);
-          for (size_t i = 0; i < n; ++i) dw[row.off[r] + i] *= scale;
+          for (size_t i = 0; i < n; ++i) {
+            nodes += track ? don[row.off[r] + i] : dw[row.off[r] + i] > 0.0;
+            top = std::max(top, dw[row.off[r] + i]);
+          }
         }
-        row.rho += static_cast<double>(e) * kLog2;
+        if (top > 0.0) {
+          int e = 0;
+          std::frexp(top, &e);
+          const double scale = std::ldexp(1.0, -e);
+          for (int r = 0; r < row.runs; ++r) {
+            const size_t n = static_cast<size_t>(row.hi[r] - row.lo[r] + 1);
+            for (size_t i = 0; i < n; ++i) dw[row.off[r] + i] *= scale;
+          }
+          row.rho += static_cast<double>(e) * kLog2;
+        }
+        for (int r = 0; r < row.runs; ++r)
+          RunSums(dw + row.off[r], dst->pre.get() + row.off[r], dst->suf.get() + row.off[r],
+                  row.hi[r] - row.lo[r] + 1);
+        if (nodes == 0) row.runs = 0;
+        fresh += nodes;
       }
-      for (int r = 0; r < row.runs; ++r)
-        RunSums(dw + row.off[r], dst->pre.data() + row.off[r], dst->suf.data() + row.off[r],
-                row.hi[r] - row.lo[r] + 1);
-      if (nodes == 0) row.runs = 0;
-      fresh += nodes;
       note.Update(std::min(fresh + count, net.capacity));
       if (fresh + count > net.capacity) return -1;  // the grid is full
       if (StoppedByHostOrClock()) return static_cast<int>(FailureCode());
