@@ -533,10 +533,11 @@ struct LatticeStage {
     used += n;
     return at;
   }
-  // Room for the entries laid out; false when it can't be had.
-  bool Allocate(bool flags) {
+  // Room for the entries laid out, at most `most` of them; false when it
+  // can't be had.
+  bool Allocate(bool flags, size_t most) {
     if (used <= room && (!flags || on)) return true;
-    const size_t n = std::max(used, room + room / 2);
+    const size_t n = std::max(used, std::min(most, room + room / 2));
     w.reset(new (std::nothrow) double[n]);
     pre.reset(new (std::nothrow) double[n]);
     suf.reset(new (std::nothrow) double[n]);
@@ -603,9 +604,14 @@ void RunSums(const double* w, double* pre, double* suf, int64_t n) {
   }
 }
 
+// Returned by the lattice passes when the entries of two stages would take
+// more than the memory budget: the runs are sparse on the lattice there,
+// and the hashed passes, which hold nodes only, take over from the start.
+constexpr int kLatticeOutgrown = 1;
+
 template <class Form>
 int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCaches& pc,
-                  int shift, TwoRowTails& out) {
+                  int shift, int64_t budget_bytes, TwoRowTails& out) {
   constexpr bool kBalanced = Form::kBalanced;
   const int64_t K = net.K, m = net.m;
   const double h = std::ldexp(1.0, -shift);
@@ -619,6 +625,7 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
   const double floor_log = kBalanced ? static_cast<double>(m) * kLog2
                                      : LogBinomial(net.N, m, lf, FactorialRoute::kTableBelow500LogGamma);
   const bool track = !(floor_log < kUnflaggedLogFloor) || t_route == kRouteFlagged;
+  const size_t entry_bytes = 3 * sizeof(double) + (track ? 1 : 0);
   LatticeStage a, b;
   LatticeStage* src = &a;
   LatticeStage* dst = &b;
@@ -629,7 +636,7 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
                       : -LogBinomial(net.N, m, lf, FactorialRoute::kTableBelow500LogGamma);
     r.runs = 1;
     r.off[0] = src->Lay(1);
-    if (!src->Allocate(track)) return -1;
+    if (!src->Allocate(track, 1)) return -1;
     src->w[r.off[0]] = 1.0;
     if (track) src->on[r.off[0]] = 1;
     RunSums(&src->w[r.off[0]], &src->pre[r.off[0]], &src->suf[r.off[0]], 1);
@@ -702,7 +709,9 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
       }
       for (int r = 0; r < row.runs; ++r) row.off[r] = dst->Lay(static_cast<size_t>(row.hi[r] - row.lo[r] + 1));
     }
-    if (!dst->Allocate(track)) return -1;
+    if ((src->used + dst->used) * entry_bytes > static_cast<size_t>(budget_bytes))
+      return kLatticeOutgrown;
+    if (!dst->Allocate(track, static_cast<size_t>(budget_bytes) / entry_bytes - src->used)) return -1;
     double* const dw = dst->w.get();
     uint8_t* const don = track ? dst->on.get() : nullptr;
     const double* const sw = src->w.get();
@@ -882,7 +891,12 @@ int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, d
   BuildLogFactorials(lf);
   const Cuts cut(high_bound, low_bound);
   const int shift = LatticeShift<Form>(net);
-  if (shift >= 0 && t_route != kRouteHashed) return LatticePasses<Form>(net, cut, lf.data(), pc, shift, out);
+  if (shift >= 0 && t_route != kRouteHashed) {
+    const int code = LatticePasses<Form>(net, cut, lf.data(), pc, shift, budget_bytes, out);
+    if (code != kLatticeOutgrown) return code;
+    out = TwoRowTails{};
+    t_peak_nodes = 0;
+  }
   return HashedPasses<Form>(net, cut, lf.data(), pc, out);
 }
 
