@@ -164,7 +164,7 @@ TEST(TwoRowNetworkRoutes, MatchEnumerationAndEachOther) {
   const double on_lattice[] = {0, 0.5, 1, 1.5, 2, 3, 4.5, 7, 12.25, -1, -2.5};
   const double off_lattice[] = {0.1, 0.3, 1.7, 2.2, 0.001, 3.14159, 5.05};
   int lattice_runs = 0, failures_pinned = 0;
-  for (int trial = 0; trial < 1500; ++trial) {
+  for (int trial = 0; trial < 800; ++trial) {
     const int form = trial % 3;  // plain, balanced, balanced with the coarse merge
     const bool lattice = trial % 4 != 3 || form == 2;
     const int K = 2 + static_cast<int>(rng() % 5);
@@ -239,8 +239,8 @@ TEST(TwoRowNetworkRoutes, MatchEnumerationAndEachOther) {
     }
     ++failures_pinned;
   }
-  EXPECT_GE(lattice_runs, 700);
-  EXPECT_GE(failures_pinned, 500);
+  EXPECT_GE(lattice_runs, 300);
+  EXPECT_GE(failures_pinned, 200);
 }
 
 }  // namespace
