@@ -605,9 +605,10 @@ void RunSums(const double* w, double* pre, double* suf, int64_t n) {
 }
 
 // Returned by the lattice passes when the entries of two stages would take
-// more than the memory budget: the runs are sparse on the lattice there,
-// and the hashed passes, which hold nodes only, take over from the start.
+// more memory than they may: the runs are sparse on the lattice there, and
+// the hashed passes, which hold nodes only, take over from the start.
 constexpr int kLatticeOutgrown = 1;
+constexpr int64_t kLatticeExtraBytes = int64_t{1} << 30;
 
 template <class Form>
 int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCaches& pc,
@@ -626,6 +627,10 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
                                      : LogBinomial(net.N, m, lf, FactorialRoute::kTableBelow500LogGamma);
   const bool track = !(floor_log < kUnflaggedLogFloor) || t_route == kRouteFlagged;
   const size_t entry_bytes = 3 * sizeof(double) + (track ? 1 : 0);
+  // The runs also hold lattice points that no path reaches: they may take
+  // up to four times the budget, but never more than 1 GiB beyond it.
+  const size_t byte_limit = static_cast<size_t>(budget_bytes) +
+                            static_cast<size_t>(std::min(3 * budget_bytes, kLatticeExtraBytes));
   LatticeStage a, b;
   LatticeStage* src = &a;
   LatticeStage* dst = &b;
@@ -709,9 +714,8 @@ int LatticePasses(const Network& net, const Cuts& cut, const double* lf, PassCac
       }
       for (int r = 0; r < row.runs; ++r) row.off[r] = dst->Lay(static_cast<size_t>(row.hi[r] - row.lo[r] + 1));
     }
-    if ((src->used + dst->used) * entry_bytes > static_cast<size_t>(budget_bytes))
-      return kLatticeOutgrown;
-    if (!dst->Allocate(track, static_cast<size_t>(budget_bytes) / entry_bytes - src->used)) return -1;
+    if ((src->used + dst->used) * entry_bytes > byte_limit) return kLatticeOutgrown;
+    if (!dst->Allocate(track, byte_limit / entry_bytes - src->used)) return -1;
     double* const dw = dst->w.get();
     uint8_t* const don = track ? dst->on.get() : nullptr;
     const double* const sw = src->w.get();
