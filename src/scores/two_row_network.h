@@ -79,4 +79,10 @@ int TwoRowNetwork(const std::vector<TwoRowColumn>& columns, double high_bound, d
 // this thread, for tests and benchmarks.
 int64_t LastNetworkPeakNodes();
 
+// The route of the runs of this thread, so that tests can hold the routes
+// side by side: 0 as the scores decide; 1 the hashed tables for any scores;
+// 2 the lattice runs with a reach flag per entry even where the weights
+// can't underflow.
+void SetNetworkRouteForTesting(int route);
+
 }  // namespace anvl::scores

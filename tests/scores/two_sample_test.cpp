@@ -7,6 +7,9 @@
 #include <vector>
 
 #include "anvlwtq.h"
+#include "frame/progress.h"
+#include "frame/run_store.h"
+#include "scores/two_row_network.h"
 #include "support/host_call.h"
 
 namespace anvl::support {
@@ -104,6 +107,142 @@ TEST(TwoSampleScores, ExactMatchesEnumerationWithHeavyTies) {
     }
   }
   EXPECT_GE(checked, 600);
+}
+
+// The network's distribution of T by enumeration: plain (hypergeometric
+// first rows) or balanced (every column but the last binomial with
+// probability one half, the last one of score 0 taking what is left).
+std::vector<std::pair<long double, long double>> NetworkRows(
+    const std::vector<scores::TwoRowColumn>& cols, bool balanced) {
+  std::vector<int64_t> c;
+  std::vector<double> s;
+  int64_t m = 0, N = 0;
+  for (const auto& col : cols) {
+    c.push_back(col.first + col.second);
+    s.push_back(col.score);
+    m += col.first;
+    N += c.back();
+  }
+  std::vector<std::pair<long double, long double>> rows;
+  if (!balanced) {
+    Walk(c, s, 0, m, -LogChoose(N, m), 0, rows);
+    return rows;
+  }
+  rows.emplace_back(0.0L, -(long double)m * std::log(2.0L));
+  for (size_t j = 0; j + 1 < c.size(); ++j) {
+    std::vector<std::pair<long double, long double>> next;
+    for (auto [v, lw] : rows)
+      for (int64_t x = 0; x <= c[j]; ++x) next.emplace_back(v + x * (long double)s[j], lw + LogChoose(c[j], x));
+    rows.swap(next);
+  }
+  return rows;
+}
+
+template <class Form>
+int RunNetwork(const std::vector<scores::TwoRowColumn>& cols, double high, double low, int64_t budget,
+               int route, scores::TwoRowTails& out, int64_t& peak) {
+  scores::SetNetworkRouteForTesting(route);
+  const int code = scores::TwoRowNetwork<Form>(cols, high, low, budget, out);
+  scores::SetNetworkRouteForTesting(0);
+  peak = scores::LastNetworkPeakNodes();
+  return code;
+}
+
+// Both routes of the network (dense lattice runs where the scores are
+// multiples of a power of 1/2, hashed tables for any scores) against the
+// enumerated distribution, to 1e-12; on lattice scores they must hold the
+// same nodes, and a grid one node short of the largest pair of stages must
+// fail on both with -1.
+TEST(TwoRowNetworkRoutes, MatchEnumerationAndEachOther) {
+  ResetStore();
+  SetSetting(setting::kMemoryLimit, int64_t{-1});
+  SetSetting(setting::kTimeLimit, int64_t{0});
+  Host() = HostContact{};
+  StartTimeLimit();
+  StartTicks();
+  std::mt19937_64 rng(4711);
+  // The far scores leave the lattice runs sparse, so that at the smallest
+  // grids the hashed passes take over.
+  const double on_lattice[] = {0, 0.5, 1, 1.5, 2, 3, 4.5, 7, 12.25, -1, -2.5, 1024.5, 3001};
+  const double off_lattice[] = {0.1, 0.3, 1.7, 2.2, 0.001, 3.14159, 5.05};
+  int lattice_runs = 0, failures_pinned = 0;
+  for (int trial = 0; trial < 800; ++trial) {
+    const int form = trial % 3;  // plain, balanced, balanced with the coarse merge
+    const bool lattice = trial % 4 != 3 || form == 2;
+    const int K = 2 + static_cast<int>(rng() % 5);
+    std::vector<scores::TwoRowColumn> cols(K);
+    for (auto& col : cols) {
+      col.first = static_cast<int64_t>(rng() % 6);
+      col.second = static_cast<int64_t>(rng() % 6);
+      col.score = lattice ? on_lattice[rng() % 13] : off_lattice[rng() % 7];
+      if (form != 0) col.score = col.score == 0 ? 1 : std::fabs(col.score);  // differences d > 0
+    }
+    if (form != 0) {
+      int64_t pos = 0, neg = 0;
+      for (const auto& col : cols) pos += col.first, neg += col.second;
+      cols.push_back({neg, pos, 0.0});
+    }
+    long double tobs = 0, total = 0;
+    int64_t m = 0, N = 0;
+    for (const auto& col : cols) {
+      tobs += col.first * (long double)col.score;
+      total += (col.first + col.second) * (long double)col.score;
+      m += col.first;
+      N += col.first + col.second;
+    }
+    if (m == 0 || m == N) continue;
+    const double mean = form == 0 ? (double)(total * m / N) : (double)(total / 2);
+    const double high = std::max<double>(tobs, 2 * mean - tobs), low = std::min<double>(tobs, 2 * mean - tobs);
+    const double e = std::fabs(high) * 0x1p-23;
+    long double ref[4] = {};  // high tail, high point, low tail, low point
+    for (auto [v, lw] : NetworkRows(cols, form != 0)) {
+      const long double p = std::exp(lw);
+      if (v > high + e) ref[0] += p;
+      if (std::fabs(v - high) <= e) ref[1] += p;
+      if (v < low - e) ref[2] += p;
+      if (std::fabs(v - low) <= e) ref[3] += p;
+    }
+    SCOPED_TRACE("trial " + std::to_string(trial));
+    const auto run = [&](int64_t budget, int route, scores::TwoRowTails& t, int64_t& peak) {
+      if (form == 0) return RunNetwork<scores::PlainForm>(cols, high, low, budget, route, t, peak);
+      if (form == 1) return RunNetwork<scores::BalancedForm>(cols, high, low, budget, route, t, peak);
+      return RunNetwork<scores::BalancedCoarseForm>(cols, high, low, budget, route, t, peak);
+    };
+    // Routes: lattice (where the scores allow), hashed, lattice with reach flags.
+    int64_t peak[3] = {};
+    for (int route : {0, 1, 2}) {
+      scores::TwoRowTails t;
+      const int code = run(16777216, route, t, peak[route]);
+      int nonempty = 0;
+      for (const auto& col : cols) nonempty += col.first + col.second > 0;
+      if (nonempty < 2) {
+        EXPECT_EQ(code, -4);
+        continue;
+      }
+      ASSERT_EQ(code, 0) << "route " << route;
+      const double got[4] = {t.high_tail, t.high_point, t.low_tail, t.low_point};
+      for (int i = 0; i < 4; ++i)
+        EXPECT_LE(std::fabs(got[i] - (double)ref[i]), 1e-12 * std::max(1e-300, (double)ref[i]))
+            << "route " << route << " probability " << i << ": " << got[i] << " want " << (double)ref[i];
+      EXPECT_NEAR(t.high_tail + t.high_point + t.low_tail + t.low_point + t.middle,
+                  1.0 + (high == low ? t.high_point : 0.0), 1e-9);
+    }
+    if (!lattice || peak[0] == 0) continue;
+    ++lattice_runs;
+    EXPECT_EQ(peak[0], peak[1]);
+    EXPECT_EQ(peak[0], peak[2]);
+    // Budgets whose grid is one row of peak - 1 and of peak slots.
+    if (peak[0] < 4) continue;  // a grid of fewer than 3 rows has no odd prime
+    for (int route : {0, 1, 2}) {
+      scores::TwoRowTails t;
+      int64_t p = 0;
+      EXPECT_EQ(run((peak[0] - 1 + 4000) * 20, route, t, p), -1) << "route " << route;
+      EXPECT_EQ(run((peak[0] + 4000) * 20, route, t, p), 0) << "route " << route;
+    }
+    ++failures_pinned;
+  }
+  EXPECT_GE(lattice_runs, 300);
+  EXPECT_GE(failures_pinned, 200);
 }
 
 }  // namespace
