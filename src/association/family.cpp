@@ -1,5 +1,7 @@
 #include "association/family.h"
 
+#include <cmath>
+
 #include "kernel/distributions.h"
 
 namespace anvl::assoc {
@@ -47,6 +49,15 @@ void PublishTwoCutMonteCarlo(const net::McResult& one_sided, const net::McResult
   net::PublishMonteCarloOneSided(one_sided);
   PublishSide(high_side);
   SetWord(word::kPublishedMethod, 2);
+}
+
+double TableProbabilityOf(const std::vector<int64_t>& table, const std::vector<int64_t>& R,
+                          const std::vector<int64_t>& C, int64_t N, const double* lf) {
+  double lp = -LogFactorial(N, lf);
+  for (int64_t r : R) lp += LogFactorial(r, lf);
+  for (int64_t c : C) lp += LogFactorial(c, lf);
+  for (int64_t v : table) lp -= LogFactorial(v, lf);
+  return std::exp(lp);
 }
 
 void PublishDegenerate() {

@@ -2,6 +2,7 @@
 
 #include "engines/related_samples.h"
 #include "engines/ks_one_sample.h"
+#include "association/concordance.h"
 #include "association/linear.h"
 #include "kernel/binomial.h"
 #include "network/contingency.h"
@@ -37,7 +38,7 @@ constexpr Route kRoutes[] = {
     {40, 2, nullptr},   {45, 1, nullptr},   {41, 3, assoc::LinearDriver},
     {47, 1, assoc::LinearDriver},           {48, 2, assoc::LinearDriver},
     {43, 1, nullptr},
-    {46, 1, nullptr},   {49, 1, nullptr},   {50, 1, nullptr},
+    {46, 1, nullptr},   {49, 1, assoc::KendallDriver},         {50, 1, assoc::GammaDriver},
 };
 
 const Route* Find(int64_t procedure) {
