@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "association/concordance.h"
+#include "association/jonckheere.h"
 #include "support/enumerate.h"
 #include "support/host_call.h"
 #include "support/ref_data.h"
@@ -58,8 +59,8 @@ Int TwiceJt(const Table& t) {
   return s;
 }
 
-constexpr int kTwoCutCodes[] = {50, 49};
-constexpr int kAllCodes[] = {50, 49};
+constexpr int kTwoCutCodes[] = {50, 49, 20};
+constexpr int kAllCodes[] = {50, 49, 20};
 
 struct Member {
   int proc;
@@ -154,7 +155,7 @@ TEST(OrdinalFamily, ExactMassesMatchEnumeration) {
   std::mt19937_64 rng(20261123);
   const std::vector<Table> tables = CaseTables(rng, 210);
   uint64_t enumerated = 0;
-  for (const Member* m : {&kGamma, &kKendall}) {
+  for (const Member* m : {&kGamma, &kKendall, &kJonckheere}) {
     int at_mean = 0;
     for (const Table& t : tables) {
       const Masses ref = Enumerate(*m, t);
@@ -163,11 +164,18 @@ TEST(OrdinalFamily, ExactMassesMatchEnumeration) {
       at_mean += ref.low_point == ref.high_point && ref.middle == 0;
       if (m->proc == 50) ExpectPassMasses<assoc::GammaRun>(t, ref, what);
       if (m->proc == 49) ExpectPassMasses<assoc::KendallRun>(t, ref, what);
+      if (m->proc == 20) ExpectPassMasses<assoc::JonckheereRun>(t, ref, what);
       HostCall call(m->proc, TQ_METHOD_EXACT);
       const double* f = call.Run(t);
       ASSERT_EQ(f[48], 0.0) << what;
       const long double two = ref.above + ref.high_point + ref.below + ref.low_point;
       ExpectNear(f[16], std::min<long double>(two, 1), what + " two-sided");
+      if (m->proc == 20) {  // the one-sided value and the point on the observed side
+        EXPECT_EQ(f[12], ref.high_side ? 2.0 : 1.0) << what;
+        ExpectNear(f[15], ref.high_side ? ref.above + ref.high_point : ref.below + ref.low_point,
+                   what + " one-sided");
+        ExpectNear(f[17], ref.high_side ? ref.high_point : ref.low_point, what + " point");
+      }
     }
     EXPECT_GE(at_mean, 4) << m->proc;
   }
@@ -240,6 +248,18 @@ TEST(OrdinalFamily, MeasuresMatchR) {
     }
     ExpectClose(f[1], r.v.at("tau_b") / r.v.at("tau_b_ase0"), 1e-10, r.id + " tau-b z");
     for (int field : {7, 25, 29, 33}) EXPECT_EQ(f[field], f[1]) << r.id;
+  }
+  const auto ranks = LoadRefs("rank_refs.csv");
+  ASSERT_GE(ranks.size(), 18u);
+  for (const Ref& r : ranks) {
+    HostCall jt(20, TQ_METHOD_ASYMPTOTIC);
+    const double* f = jt.Run(r.t);
+    ASSERT_EQ(f[48], 0.0) << r.id;
+    ExpectClose(f[0], r.v.at("jt"), 1e-12, r.id + " JT");
+    ExpectClose(f[2], r.v.at("jt_mean"), 1e-12, r.id + " JT mean");
+    ExpectClose(f[3], r.v.at("jt_sd"), 1e-12, r.id + " JT sd");
+    ExpectClose(f[1], (r.v.at("jt") - r.v.at("jt_mean")) / r.v.at("jt_sd"), 1e-10, r.id + " z");
+    EXPECT_EQ(f[46], r.t.rows);
   }
 }
 
