@@ -182,55 +182,53 @@ int FlatBackwardInduction(const net::Network& net, const M& member, FlatNodes<M>
 }
 
 // The table of past values: P slots in parallel arrays, two stages at a
-// time.  Entries of one node are chained through `next`.
-template <class Value>
+// time.  Entries of one node are chained through `next`.  P is the limit
+// that the memory budget sets; the arrays start smaller and double (the
+// entries rehashed) as a stage fills them, so that a large budget costs
+// nothing until a network needs it.  Growth happens only between edges,
+// when the caller reserves room for the entries one edge may add.
+template <class M>
 class FlatPastTable {
  public:
-  int Create(int64_t slots, int64_t nodes) {
-    if (slots < 1 || slots >= INT32_MAX || nodes >= INT32_MAX) return -1;
-    const double bytes = static_cast<double>(slots) * (1 + 4 + 4 + 8 + sizeof(Value)) +
-                         static_cast<double>(nodes + 1) * 4.0;
-    if (!net::FitsInMemory(bytes)) return -1;
-    P_ = slots;
+  using Value = typename M::Value;
+  static constexpr int64_t kFirstSlots = 1 << 18;
+
+  int Create(int64_t limit, int64_t nodes) {
+    if (limit < 1 || limit >= INT32_MAX || nodes >= INT32_MAX) return -1;
+    limit_ = limit;
     try {
-      stage_.reset(new int8_t[slots]);
-      node_.reset(new int32_t[slots]);
-      next_.reset(new int32_t[slots]);
-      value_.reset(new Value[slots]);
-      q_.reset(new double[slots]);
       head_.assign(static_cast<size_t>(nodes + 1), -1);
     } catch (const std::bad_alloc&) {
       return -1;
     }
-    std::fill(stage_.get(), stage_.get() + slots, net::kFreeSlot);
-    return 0;
+    return Allocate(std::min(limit, kFirstSlots));
   }
-  int64_t P() const { return P_; }
+  // The limit P of the budget.
+  int64_t P() const { return limit_; }
+
+  // Makes room for `more` new entries where the limit allows: 0, or -1 when
+  // the memory is refused.
+  int Reserve(int64_t more) {
+    if (4 * (used_ + more) <= 3 * size_ || size_ == limit_) return 0;
+    return Grow(std::min(limit_, std::max(2 * size_, used_ + 2 * more)));
+  }
 
   // Adds q to the entry (stage, node, value), creating it at the first
   // free slot from its hash position upward (wrapping).  Returns 1 for a
   // new entry, 0 for a merge, -1 when no slot is free.
-  template <class M>
   int Add(int stage, int32_t node, const Value& v, double q) {
-    uint64_t h = MixBits(M::HashValue(v) ^ (static_cast<uint64_t>(node) * 0x9E3779B97F4A7C15ull) ^
-                         (static_cast<uint64_t>(stage) << 56));
-    int64_t slot = static_cast<int64_t>(h % static_cast<uint64_t>(P_));
     const int8_t s = static_cast<int8_t>(stage);
-    for (int64_t probes = 0; probes < P_; ++probes) {
+    int64_t slot = Home(s, node, v);
+    for (int64_t probes = 0; probes < size_; ++probes) {
       if (stage_[slot] == net::kFreeSlot) {
-        stage_[slot] = s;
-        node_[slot] = node;
-        value_[slot] = v;
-        q_[slot] = q;
-        next_[slot] = head_[node];
-        head_[node] = static_cast<int32_t>(slot);
+        Put(slot, s, node, v, q);
         return 1;
       }
       if (stage_[slot] == s && node_[slot] == node && M::Same(value_[slot], v)) {
         q_[slot] += q;
         return 0;
       }
-      if (++slot == P_) slot = 0;
+      if (++slot == size_) slot = 0;
     }
     return -1;
   }
@@ -241,12 +239,68 @@ class FlatPastTable {
   double q(int32_t e) const { return q_[e]; }
   // Frees every entry of a node and empties its chain.
   void FreeNode(int64_t node) {
-    for (int32_t e = head_[node]; e >= 0; e = next_[e]) stage_[e] = net::kFreeSlot;
+    for (int32_t e = head_[node]; e >= 0; e = next_[e]) {
+      stage_[e] = net::kFreeSlot;
+      --used_;
+    }
     head_[node] = -1;
   }
 
  private:
-  int64_t P_ = 0;
+  int64_t Home(int8_t s, int32_t node, const Value& v) const {
+    const uint64_t h =
+        MixBits(M::HashValue(v) ^ (static_cast<uint64_t>(node) * 0x9E3779B97F4A7C15ull) ^
+                (static_cast<uint64_t>(static_cast<uint8_t>(s)) << 56));
+    return static_cast<int64_t>(h % static_cast<uint64_t>(size_));
+  }
+  void Put(int64_t slot, int8_t s, int32_t node, const Value& v, double q) {
+    stage_[slot] = s;
+    node_[slot] = node;
+    value_[slot] = v;
+    q_[slot] = q;
+    next_[slot] = head_[node];
+    head_[node] = static_cast<int32_t>(slot);
+    ++used_;
+  }
+  int Allocate(int64_t n) {
+    const double bytes = static_cast<double>(n) * (1 + 4 + 4 + 8 + sizeof(Value));
+    if (!net::FitsInMemory(bytes)) return -1;
+    try {
+      stage_.reset(new int8_t[n]);
+      node_.reset(new int32_t[n]);
+      next_.reset(new int32_t[n]);
+      value_.reset(new Value[n]);
+      q_.reset(new double[n]);
+    } catch (const std::bad_alloc&) {
+      return -1;
+    }
+    std::fill(stage_.get(), stage_.get() + n, net::kFreeSlot);
+    size_ = n;
+    used_ = 0;
+    return 0;
+  }
+  // Rehashes every entry into arrays of n slots; chains are rebuilt.
+  int Grow(int64_t n) {
+    std::unique_ptr<int8_t[]> stage = std::move(stage_);
+    std::unique_ptr<int32_t[]> node = std::move(node_), next = std::move(next_);
+    std::unique_ptr<Value[]> value = std::move(value_);
+    std::unique_ptr<double[]> q = std::move(q_);
+    const int64_t old = size_;
+    if (Allocate(n) != 0) return -1;
+    for (int64_t e = 0; e < old; ++e)
+      if (stage[e] != net::kFreeSlot) head_[node[e]] = -1;
+    for (int64_t e = 0; e < old; ++e) {
+      if (stage[e] == net::kFreeSlot) continue;
+      int64_t slot = Home(stage[e], node[e], value[e]);
+      while (stage_[slot] != net::kFreeSlot)
+        if (++slot == size_) slot = 0;
+      Put(slot, stage[e], node[e], value[e], q[e]);
+    }
+    return 0;
+  }
+
+ private:
+  int64_t limit_ = 0, size_ = 0, used_ = 0;
   std::unique_ptr<int8_t[]> stage_;
   std::unique_ptr<int32_t[]> node_, next_;
   std::unique_ptr<Value[]> value_;
@@ -263,7 +317,7 @@ int FlatForwardPass(const net::Network& net, const M& member, FlatNodes<M>& node
   const int K = net.K, S = net.S;
   r = net::PassResult{};
   const FlatCuts cuts(high, low, tol);
-  FlatPastTable<typename M::Value> table;
+  FlatPastTable<M> table;
   if (table.Create(FlatTableSlots(MemoryBudget()), nodes.store.Z()) != 0) return -1;
   const double fill_limit = 0.6f * static_cast<float>(table.P());
   bool warned = false;
@@ -283,7 +337,7 @@ int FlatForwardPass(const net::Network& net, const M& member, FlatNodes<M>& node
   net::NodeKey<PlainKey>(net, m.data(), 0, scratch.data(), key.data());
   const int64_t zero = nodes.store.Find(0, key.data());
   if (zero == 0) return -1;
-  if (table.template Add<M>(0, static_cast<int32_t>(zero), typename M::Value{}, 1.0) < 0)
+  if (table.Add(0, static_cast<int32_t>(zero), typename M::Value{}, 1.0) < 0)
     return -1;
   cur.push_back(zero);
   int64_t stage_entries = 1;
@@ -298,6 +352,8 @@ int FlatForwardPass(const net::Network& net, const M& member, FlatNodes<M>& node
       const int64_t node = cur[i];
       if (RunStopped()) return static_cast<int>(FailureCode());
       net::NodeOfKey<PlainKey>(net, nodes.store.key(node), Ts, m.data());
+      int64_t chain = 0;  // entries of the node: the most one edge can add
+      for (int32_t e = table.Head(node); e >= 0; e = table.Next(e)) ++chain;
       const double R = net.LogRemainingWeight(Ts, m.data());
       succ.Start(K, net.A.data(), m.data(), net.B[s], net.rest[s], mn.data());
       do {
@@ -310,6 +366,7 @@ int FlatForwardPass(const net::Network& net, const M& member, FlatNodes<M>& node
         if (to == 0) return -1;
         const typename M::Bounds b = nodes.bounds[to];
         const typename M::Value inc = member.Edge(m.data(), d.data());
+        if (table.Reserve(chain) != 0) return -1;
         for (int32_t e = table.Head(node); e >= 0; e = table.Next(e)) {
           const typename M::Value t = M::Plus(table.value(e), inc);
           const double q = table.q(e) * f;
@@ -319,7 +376,7 @@ int FlatForwardPass(const net::Network& net, const M& member, FlatNodes<M>& node
             case FlatDecision::kMiddle: r.middle += q; break;
             case FlatDecision::kLive: {
               const bool first = table.Head(to) < 0;
-              const int added = table.template Add<M>(s + 1, static_cast<int32_t>(to), t, q);
+              const int added = table.Add(s + 1, static_cast<int32_t>(to), t, q);
               if (added < 0) return -1;
               if (added == 1) {
                 ++new_entries;
