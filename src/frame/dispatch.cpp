@@ -4,6 +4,7 @@
 #include "engines/ks_one_sample.h"
 #include "association/concordance.h"
 #include "association/jonckheere.h"
+#include "association/kruskal_wallis.h"
 #include "association/linear.h"
 #include "kernel/binomial.h"
 #include "network/contingency.h"
@@ -33,7 +34,7 @@ constexpr Route kRoutes[] = {
     {42, 4, net::ContingencyDriver},        {9, 1, BinomialDriver},
     {10, 9, scores::SquareTableDriver},   {510, 9, scores::SquareTableDriver},  {11, 2, nullptr},
     {19, 1, nullptr},   {18, 1, nullptr},   {20, 9, assoc::JonckheereDriver},
-    {21, 8, nullptr},   {24, 1, eng::RelatedSamplesDriver},
+    {21, 8, assoc::KruskalWallisDriver},   {24, 1, eng::RelatedSamplesDriver},
     {26, 2, eng::RelatedSamplesDriver},     {51, 3, eng::RelatedSamplesDriver},
     {32, 1, net::FisherDriver},
     {40, 2, nullptr},   {45, 1, nullptr},   {41, 3, assoc::LinearDriver},

@@ -15,6 +15,8 @@
 
 #include "association/concordance.h"
 #include "association/jonckheere.h"
+#include "association/kruskal_wallis.h"
+#include "frame/run_store.h"
 #include "support/enumerate.h"
 #include "support/host_call.h"
 #include "support/ref_data.h"
@@ -59,8 +61,24 @@ Int TwiceJt(const Table& t) {
   return s;
 }
 
-constexpr int kTwoCutCodes[] = {50, 49, 20};
-constexpr int kAllCodes[] = {50, 49, 20};
+constexpr int kAllCodes[] = {50, 49, 20, 21};
+
+// The Kruskal-Wallis H with its tie correction, from the rank sums of the
+// groups: (12 / (N (N + 1)) sum S_i^2 / n_i - 3 (N + 1)) / (1 - sum (t^3 - t) / (N^3 - N)).
+double KruskalWallisH(const Table& t) {
+  const auto R = support::RowTotals(t), C = support::ColTotals(t);
+  const double n = static_cast<double>(support::GrandTotal(t));
+  double below = 0, sum = 0, ties = 0;
+  std::vector<double> rank_sum(t.rows, 0.0);
+  for (int j = 0; j < t.cols; ++j) {
+    const double mid = below + (C[j] + 1) / 2.0;
+    for (int i = 0; i < t.rows; ++i) rank_sum[i] += t.at(i, j) * mid;
+    below += C[j];
+    ties += double(C[j]) * C[j] * C[j] - C[j];
+  }
+  for (int i = 0; i < t.rows; ++i) sum += rank_sum[i] * rank_sum[i] / R[i];
+  return (12.0 / (n * (n + 1)) * sum - 3 * (n + 1)) / (1 - ties / (n * n * n - n));
+}
 
 struct Member {
   int proc;
@@ -179,6 +197,18 @@ TEST(OrdinalFamily, ExactMassesMatchEnumeration) {
     }
     EXPECT_GE(at_mean, 4) << m->proc;
   }
+  // Kruskal-Wallis, one-cut: the mass at or above the observed H, which
+  // orders the tables of given margins as the engine's Z does.
+  for (const Table& t : tables) {
+    const auto ref = support::EnumerateTails(t, KruskalWallisH, 5e-5, 0.0);
+    enumerated += ref.tables;
+    const std::string what = support::Describe(t) + " procedure 21";
+    HostCall call(21, TQ_METHOD_EXACT);
+    const double* f = call.Run(t);
+    ASSERT_EQ(f[48], 0.0) << what;
+    ExpectNear(f[16], std::min<long double>(ref.above + ref.equal, 1), what + " p");
+    ExpectNear(f[17], ref.equal, what + " point");
+  }
   EXPECT_GT(enumerated, 100000u);
 }
 
@@ -260,6 +290,14 @@ TEST(OrdinalFamily, MeasuresMatchR) {
     ExpectClose(f[3], r.v.at("jt_sd"), 1e-12, r.id + " JT sd");
     ExpectClose(f[1], (r.v.at("jt") - r.v.at("jt_mean")) / r.v.at("jt_sd"), 1e-10, r.id + " z");
     EXPECT_EQ(f[46], r.t.rows);
+
+    HostCall kw(21, TQ_METHOD_ASYMPTOTIC);
+    f = kw.Run(r.t);
+    if (r.t.cols == 1) continue;
+    ASSERT_EQ(f[48], 0.0) << r.id;
+    ExpectClose(f[0], r.v.at("kw"), 1e-12, r.id + " Kruskal-Wallis");
+    // The asymptotic p-value isn't in this procedure's record: the store holds it.
+    ExpectClose(Slot(slot::kAsymTwoSided).value, r.v.at("kw_p"), 1e-9, r.id + " p");
   }
 }
 
@@ -269,7 +307,7 @@ TEST(OrdinalFamily, MeasuresMatchR) {
 
 TEST(OrdinalFamily, MonteCarloAgreesWithExactAndRepeats) {
   const Table t = support::MakeTable({{4, 2, 1, 0}, {2, 3, 3, 1}, {0, 1, 3, 5}});
-  for (int proc : kTwoCutCodes) {
+  for (int proc : kAllCodes) {
     HostCall exact(proc, TQ_METHOD_EXACT);
     const std::vector<double> e(exact.Run(t), exact.Run(t) + TQ_RECORD_LENGTH);
     ASSERT_EQ(e[48], 0.0);
@@ -314,7 +352,7 @@ TEST(OrdinalFamily, BadInputGetsItsFailureCode) {
   std::vector<int64_t> wide(130, 1);
   const std::vector<std::pair<Table, double>> cases = {
       {support::MakeTable({{1, 2, 3}}), -1016.0},
-      {support::MakeTable({{1}, {2}}), -1016.0},
+      {support::MakeTable({{1}, {2}}), -1016.0},  // Kruskal-Wallis: no variance, -1033
       {support::MakeTable({{1, 2}, {0, 0}}), -1001.0},
       {support::MakeTable({{1, 2}, {3, -1}}), -1001.0},
       {support::MakeTable({wide, wide}), -1001.0},
@@ -324,7 +362,8 @@ TEST(OrdinalFamily, BadInputGetsItsFailureCode) {
       HostCall call(proc, TQ_METHOD_EXACT);
       call.spill = spill;
       const double* f = call.Run(t);
-      EXPECT_EQ(f[48], field48) << support::Describe(t) << " procedure " << proc;
+      const double expected = proc == 21 && t.cols == 1 && t.rows > 1 ? -1033.0 : field48;
+      EXPECT_EQ(f[48], expected) << support::Describe(t) << " procedure " << proc;
       EXPECT_TRUE(call.Published().empty()) << support::Describe(t);
       EXPECT_FALSE(std::filesystem::exists(spill));
     }
