@@ -373,5 +373,33 @@ TEST(OrdinalFamily, BadInputGetsItsFailureCode) {
   }
 }
 
+// The flat table starts small and doubles: entries survive the rehash,
+// equal values merge, and the budget's limit still ends it.
+TEST(OrdinalFamily, FlatPastTableGrowsToItsLimit) {
+  assoc::FlatPastTable<assoc::KendallMember> t;
+  ASSERT_EQ(t.Create(1 << 21, 4), 0);
+  for (int pass = 0; pass < 2; ++pass)
+    for (int v = 0; v < 600000; ++v) {
+      ASSERT_EQ(t.Reserve(1), 0);
+      ASSERT_EQ(t.Add(1, v % 3, v - 300000.0, 1.0), pass == 0 ? 1 : 0) << v;
+    }
+  for (int node = 0; node < 3; ++node) {
+    int64_t entries = 0;
+    double q = 0;
+    for (int32_t e = t.Head(node); e >= 0; e = t.Next(e), ++entries) q += t.q(e);
+    EXPECT_EQ(entries, 200000);
+    EXPECT_EQ(q, 400000.0);
+  }
+  t.FreeNode(0);
+  EXPECT_LT(t.Head(0), 0);
+  EXPECT_EQ(t.Add(2, 0, 5.0, 1.0), 1);  // another stage: a new entry
+
+  assoc::FlatPastTable<assoc::GammaMember> small;
+  ASSERT_EQ(small.Create(1000, 1), 0);
+  for (int64_t v = 0; v < 1000; ++v) ASSERT_EQ(small.Add(0, 0, {v, v + 1}, 0.5), 1);
+  EXPECT_EQ(small.Add(0, 0, {7, 8}, 0.5), 0);
+  EXPECT_EQ(small.Add(0, 0, {7, 9}, 0.5), -1);
+}
+
 }  // namespace
 }  // namespace anvl
