@@ -247,6 +247,49 @@ Prepare RawSampleOptions(CLI::App& app, bool pairs) {
 Prepare SampleOptions(CLI::App& app) { return RawSampleOptions(app, true); }
 // Two independent samples only (ks2, wald-wolfowitz).
 Prepare TwoSampleOptions(CLI::App& app) { return RawSampleOptions(app, false); }
+// Groups of raw values in their order (--groups "1.5 2 3; 2 4; ..."), turned
+// into the table of counts that Jonckheere-Terpstra and Kruskal-Wallis read:
+// a row per group over the distinct values, ascending.
+Prepare GroupOptions(CLI::App& app) {
+  auto groups = std::make_shared<std::optional<std::string>>();
+  app.add_option("--groups", *groups,
+                 "groups of raw values in their order, separated by ';' (each group a row)")
+      ->type_name("\"1 2; 3 4 5\"")
+      ->group("Data");
+  return [groups](Call& c) {
+    if (!*groups && !c.table_form)
+      Fail("needs data: --table, --table-file, --data with --group-column, or --groups");
+    if (!*groups) return;
+    if (c.table_form) Fail("give the data once: --groups or a table, not both");
+    std::vector<std::vector<double>> samples;
+    std::istringstream in(**groups);
+    for (std::string part; std::getline(in, part, ';');) {
+      samples.push_back(ReadSample(part, "--groups"));
+      if (samples.back().empty())
+        Fail("--groups: group " + std::to_string(samples.size()) + " holds no values");
+    }
+    std::vector<double> levels;
+    for (const auto& v : samples) levels.insert(levels.end(), v.begin(), v.end());
+    std::sort(levels.begin(), levels.end());
+    levels.erase(std::unique(levels.begin(), levels.end()), levels.end());
+    if (levels.empty()) Fail("--groups holds no values");
+    c.rows = static_cast<int64_t>(samples.size());
+    c.cols = static_cast<int64_t>(levels.size());
+    c.table.assign(static_cast<size_t>(c.rows * c.cols), 0);
+    std::string how;
+    for (int64_t i = 0; i < c.rows; ++i) {
+      for (double v : samples[static_cast<size_t>(i)]) {
+        const auto j = std::lower_bound(levels.begin(), levels.end(), v) - levels.begin();
+        ++c.table[static_cast<size_t>(i + j * c.rows)];
+      }
+      how += (how.empty() ? "" : ", ") + std::to_string(samples[static_cast<size_t>(i)].size());
+    }
+    c.table_form = true;
+    c.level_values = levels;
+    c.settings.push_back({"groups", "groups", std::to_string(c.rows) + " groups of " + how + " values",
+                          std::nullopt});
+  };
+}
 
 // One entry a test, laid out as a table.
 // clang-format off
@@ -308,12 +351,13 @@ std::vector<Test> BuildCatalog() {
        TwoSampleOptions},
       {"ks2", 18, "Two-sample Kolmogorov-Smirnov test", "two-sample Kolmogorov-Smirnov (2 rows)", T | kOwnData,
        {Statistic("d", "largest absolute difference"), kTotal, kExactTwo, kPoint, kMcTwo}, TwoSampleOptions},
-      {"jonckheere", 20, "Jonckheere-Terpstra test", "Jonckheere-Terpstra (rows ordered groups)", T,
+      {"jonckheere", 20, "Jonckheere-Terpstra test", "Jonckheere-Terpstra (rows ordered groups)", T | kOwnData,
        {Statistic("statistic", "Jonckheere-Terpstra statistic"), kZ, kMean, kSd,
         {46, "groups", "groups", Kind::kCount}, kTotal, kSide, kAsymTwo, kExactOne, kExactTwo, kPoint, kMcOne,
-        kMcTwo}},
-      {"kruskal-wallis", 21, "Kruskal-Wallis test", "Kruskal-Wallis (rows groups, columns ordered levels)", E | N,
-       Short("statistic", "Kruskal-Wallis statistic")},
+        kMcTwo},
+       GroupOptions},
+      {"kruskal-wallis", 21, "Kruskal-Wallis test", "Kruskal-Wallis (rows groups, columns ordered levels)",
+       T | N | kOwnData, Short("statistic", "Kruskal-Wallis statistic"), GroupOptions},
       {"friedman", 24, "Friedman test", "Friedman (a block a row, a treatment a column)", B,
        Short("chi_square", "Friedman chi-square")},
       {"cochran", 26, "Cochran's Q test", "Cochran's Q (as friedman, values 0 and 1)", B, Short("q", "Cochran's Q")},

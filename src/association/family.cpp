@@ -1,5 +1,7 @@
 #include "association/family.h"
 
+#include <cmath>
+
 #include "kernel/distributions.h"
 
 namespace anvl::assoc {
@@ -62,6 +64,11 @@ void PublishOneCutExact(const net::PassResult& pass) {
   PublishClamped(slot::kExactTwoSided, pass.tail_high + pass.point);
   PublishClamped(slot::kPointProbability, pass.point);
   SetWord(word::kPublishedMethod, 1);
+}
+
+double TableProbabilityOf(const std::vector<int64_t>& table, const std::vector<int64_t>& R,
+                          const std::vector<int64_t>& C, int64_t N, const double* lf) {
+  return std::exp(TableLogProbability(table, R, C, N, lf));
 }
 
 void PublishDegenerate() {

@@ -100,6 +100,9 @@ void PublishTwoCutExact(const net::PassResult& pass, bool high_side);
 // The two Monte Carlo estimates of a two-cut member (PublishedMethod 2).
 void PublishTwoCutMonteCarlo(const net::McResult& one_sided, const net::McResult& two_sided,
                              double statistic, bool high_side);
+// Probability of a column-major table under its fixed margins.
+double TableProbabilityOf(const std::vector<int64_t>& table, const std::vector<int64_t>& R,
+                          const std::vector<int64_t>& C, int64_t N, const double* lf);
 // A run without variance (status -4): every p-value and the point
 // probability 1.0 (PublishedMethod 1).
 void PublishDegenerate();

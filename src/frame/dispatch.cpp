@@ -5,6 +5,9 @@
 #include "association/gk_tau.h"
 #include "association/kappa.h"
 #include "association/likelihood.h"
+#include "association/concordance.h"
+#include "association/jonckheere.h"
+#include "association/kruskal_wallis.h"
 #include "association/linear.h"
 #include "kernel/binomial.h"
 #include "network/contingency.h"
@@ -35,14 +38,14 @@ constexpr Route kRoutes[] = {
     {507, 2, net::ContingencyDriver},       {31, 3, net::ContingencyDriver},
     {42, 4, net::ContingencyDriver},        {9, 1, BinomialDriver},
     {10, 9, scores::SquareTableDriver},   {510, 9, scores::SquareTableDriver},  {11, 2, scores::RunsDriver},
-    {19, 1, scores::RunsDriver},   {18, 1, scores::KsTwoSampleDriver},   {20, 9, nullptr},
-    {21, 8, nullptr},   {24, 1, eng::RelatedSamplesDriver},
+    {19, 1, scores::RunsDriver},   {18, 1, scores::KsTwoSampleDriver},   {20, 9, assoc::JonckheereDriver},
+    {21, 8, assoc::KruskalWallisDriver},   {24, 1, eng::RelatedSamplesDriver},
     {26, 2, eng::RelatedSamplesDriver},     {51, 3, eng::RelatedSamplesDriver},
     {32, 1, net::FisherDriver},
     {40, 2, assoc::LikelihoodDriver},      {45, 1, assoc::LikelihoodDriver},   {41, 3, assoc::LinearDriver},
     {47, 1, assoc::LinearDriver},           {48, 2, assoc::LinearDriver},
     {43, 1, assoc::KappaDriver},
-    {46, 1, assoc::GkTauDriver},   {49, 1, nullptr},   {50, 1, nullptr},
+    {46, 1, assoc::GkTauDriver},   {49, 1, assoc::KendallDriver},   {50, 1, assoc::GammaDriver},
 };
 
 const Route* Find(int64_t procedure) {

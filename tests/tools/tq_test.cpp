@@ -641,6 +641,47 @@ TEST(TqResults, NominalAssociationCommandsMatchTheirPeers) {
   }
 }
 
+// Groups of raw values for the ordinal tests: --groups, --data with a group
+// column and the table of counts give one result.  References by R,
+// enumerating all 11550 assignments of the 11 values to groups of 4, 4, 3:
+// kruskal.test(x, g) for H and the share of assignments with H at least the
+// observed one; the Mann-Whitney counts of later against earlier groups
+// (ties one half) for JT and its upper and two-sided tails about 20.
+TEST(TqData, GroupsOfValuesForTheOrdinalTests) {
+  const std::string groups = "2.1 3.4 1.2 5; 4.4 6 5 7.1; 8 9.2 7.1";
+  const std::string table = "1 1 1 0 1 0 0 0 0; 0 0 0 1 1 1 1 0 0; 0 0 0 0 0 0 1 1 1";
+  const std::string raw = Temp("ordinal.csv", "value,group\n2.1,a\n3.4,a\n1.2,a\n5,a\n4.4,b\n6,b\n5,b\n"
+                                              "7.1,b\n8,c\n9.2,c\n7.1,c\n");
+  const Json kw = RunJson({"kruskal-wallis", "--groups", groups});
+  ASSERT_EQ(kw["status"], "ok") << kw;
+  EXPECT_NEAR(kw["results"]["statistic"].get<double>(), 7.6509938837920455, 1e-12);
+  EXPECT_NEAR(kw["results"]["exact_two_sided"].get<double>(), 44.0 / 11550.0, 1e-12);
+  const Json jt = RunJson({"jonckheere", "--groups", groups});
+  EXPECT_EQ(jt["results"]["statistic"], 38.0);
+  EXPECT_EQ(jt["results"]["mean"], 20.0);
+  EXPECT_NEAR(jt["results"]["exact_one_sided"].get<double>(), 0.00069264069264069264, 1e-15);
+  EXPECT_NEAR(jt["results"]["exact_two_sided"].get<double>(), 0.0011255411255411255, 1e-15);
+  for (const Json* ref : {&kw, &jt}) {
+    const std::string name = (*ref)["test"];
+    for (const Args& args : std::vector<Args>{{name, "--table", table},
+                                              {name, "--data", raw, "--value-column", "value",
+                                               "--group-column", "group"}}) {
+      SCOPED_TRACE(Joined(args));
+      EXPECT_EQ(RunJson(args)["results"], (*ref)["results"]);
+    }
+  }
+  // Gamma and Kendall read the same table; tau-b as cor(x, y, method = "kendall").
+  const Json g = RunJson({"gamma", "--table", "3 1; 1 3"});
+  EXPECT_NEAR(g["results"]["gamma"].get<double>(), 0.8, 1e-15);
+  const Json k = RunJson({"kendall", "--table", "3 1; 1 3", "--asymptotic"});
+  EXPECT_NEAR(k["results"]["tau_b"].get<double>(), 0.5, 1e-15);
+  for (const Args& bad : std::vector<Args>{{"jonckheere"},
+                                           {"kruskal-wallis", "--groups", "1 2;;3"},
+                                           {"kruskal-wallis", "--groups", "1 2; 3", "--table", "1 2; 3 4"}}) {
+    EXPECT_EQ(RunTq(bad).status, 2) << Joined(bad);
+  }
+}
+
 }  // namespace
 
 // Two raw samples for ks2 and wald-wolfowitz, a series with its cut for
