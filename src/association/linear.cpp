@@ -6,6 +6,8 @@
 #include "frame/failure_codes.h"
 #include "frame/run_store.h"
 #include "kernel/host_library.h"
+#include "frame/spill.h"
+#include "network/lattice_pass.h"
 #include "network/node_store.h"
 #include "network/pearson.h"
 
@@ -212,30 +214,40 @@ double StudentLowerTail(double t, int64_t f) {
   return kInversePi * (std::atan(y) + y * q * s) + 0.5;
 }
 
+namespace {
+// The least (ascending) or greatest sum of g_s h_j y_sj over tables y of
+// the stages [from, to) with the key column totals `col`: stages from the
+// last one down, each filled over the key columns in ascending order for
+// the least sum (the antitone filling) and descending for the greatest
+// (the monotone one).
+double GreedySum(const LinearMember& mb, const int64_t* col, int from, int to, bool ascending) {
+  int64_t rem[net::kMaxDigits];
+  for (int j = 0; j < mb.K; ++j) rem[j] = col[j];
+  double sum = 0.0;
+  for (int s = to - 1; s >= from; --s) {
+    int64_t b = mb.B[s];
+    for (int i = 0; i < mb.K && b > 0; ++i) {
+      const int j = ascending ? i : mb.K - 1 - i;
+      const int64_t y = std::min(rem[j], b);
+      sum += mb.g[s] * mb.h[j] * static_cast<double>(y);
+      rem[j] -= y;
+      b -= y;
+    }
+  }
+  return sum;
+}
+}  // namespace
+
 void LinearMember::NodeBounds(int t, const int64_t* m, double& shortest, double& longest) const {
   int64_t rem[net::kMaxDigits];
-  shortest = 0.0;
   for (int j = 0; j < K; ++j) rem[j] = A[j] - m[j];
-  for (int s = S - 1; s >= t; --s) {
-    int64_t b = B[s];
-    for (int j = 0; j < K && b > 0; ++j) {
-      const int64_t y = std::min(rem[j], b);
-      shortest += g[s] * h[j] * static_cast<double>(y);
-      rem[j] -= y;
-      b -= y;
-    }
-  }
-  longest = 0.0;
-  for (int j = 0; j < K; ++j) rem[j] = A[j] - m[j];
-  for (int s = S - 1; s >= t; --s) {
-    int64_t b = B[s];
-    for (int j = K - 1; j >= 0 && b > 0; --j) {
-      const int64_t y = std::min(rem[j], b);
-      longest += g[s] * h[j] * static_cast<double>(y);
-      rem[j] -= y;
-      b -= y;
-    }
-  }
+  shortest = GreedySum(*this, rem, t, S, true);
+  longest = GreedySum(*this, rem, t, S, false);
+}
+
+void LinearMember::PastBounds(int t, const int64_t* m, double& least, double& greatest) const {
+  least = GreedySum(*this, m, 0, t, true);
+  greatest = GreedySum(*this, m, 0, t, false);
 }
 
 int LinearRun::Observed(const std::vector<int64_t>& table, int64_t rows, int64_t cols,
@@ -329,7 +341,26 @@ void LinearRun::PublishAsymptotic() const {
   PublishTwoCutAsymptotic(high_side_ ? 1.0 - p_ : p_);
 }
 
-int LinearRun::Exact(const double* lf, net::PassResult& pass) const {
+namespace {
+// The least e (at most 30) such that every score times 2^e is whole, or -1.
+int DyadicExponent(const std::vector<double>& scores) {
+  for (int e = 0; e <= 30; ++e) {
+    const bool whole = std::all_of(scores.begin(), scores.end(), [e](double x) {
+      const double y = std::ldexp(x, e);
+      return y == std::floor(y);
+    });
+    if (whole) return e;
+  }
+  return -1;
+}
+// Largest value, in lattice steps, for which two distinct lattice values
+// are always farther apart than the relative merge tolerance.
+constexpr double kLatticeReach = 0.5 / LinearMember::kMergeTolerance;
+}  // namespace
+
+int LinearRun::Exact(const double* lf, net::PassResult& pass, ExactForm form,
+                     bool* lattice) const {
+  if (lattice != nullptr) *lattice = false;
   if (std::max(rows_, cols_) > net::kMaxStages) return -1;
   // The shorter dimension is the key; each side by ascending score.
   const bool rows_key = rows_ <= cols_;
@@ -344,6 +375,29 @@ int LinearRun::Exact(const double* lf, net::PassResult& pass) const {
   if (net::EstimateStageNodes(net.A, net.B, &limit) != 0) return -1;
   net.SetCapacity(limit);
   const LinearMember member{net.K, net.S, h.data(), g.data(), net.A.data(), net.B.data()};
+
+  // The lattice form: scores that are whole multiples of powers of 1/2,
+  // and sums small enough that distinct values never merge.  Its bands may
+  // take four times the memory budget, at most 1 GiB beyond it; past that
+  // the tree form runs.
+  const int eh = DyadicExponent(h), eg = DyadicExponent(g);
+  if (form == ExactForm::kAny && eh >= 0 && eg >= 0) {
+    const double scale = std::ldexp(1.0, eh + eg);
+    const std::vector<int64_t> zero(static_cast<size_t>(net.K), 0);
+    double least = 0.0, greatest = 0.0;
+    member.NodeBounds(0, zero.data(), least, greatest);
+    if (greatest * scale < kLatticeReach) {
+      const double budget = static_cast<double>(MemoryBudget());
+      const int64_t cap =
+          static_cast<int64_t>(std::min(4.0 * budget, budget + 1073741824.0) / 9.0);
+      const int code =
+          net::LatticeForwardPass(net, member, scale, high_bound_, low_bound_, cap, pass);
+      if (code != net::kLatticeTooLarge) {
+        if (lattice != nullptr) *lattice = true;
+        return code;
+      }
+    }
+  }
   return net::ForwardPass(net, member, high_bound_, pass, low_bound_);
 }
 

@@ -61,7 +61,16 @@ struct LinearMember {
   // the last one down, key columns in ascending order for the least sum
   // (the antitone filling) and descending for the greatest (monotone).
   void NodeBounds(int t, const int64_t* m, double& shortest, double& longest) const;
+  // The least and greatest sum that the lines before stage t can have
+  // given to a node m of stage t (m the key column counts so far), by the
+  // same fillings.
+  void PastBounds(int t, const int64_t* m, double& least, double& greatest) const;
 };
+
+// Which form of the forward pass the exact route takes.  kAny: the lattice
+// form where the working scores allow it (net/lattice_pass.h), else the
+// tree form; kTree: the tree form always (for comparisons).
+enum class ExactForm { kAny, kTree };
 
 // The run of one table: its observed route, publishers and exact route.
 class LinearRun {
@@ -79,7 +88,10 @@ class LinearRun {
   double TableProbability() const { return table_probability_; }
   const std::vector<int64_t>& RowTotals() const { return row_totals_; }
   const std::vector<int64_t>& ColTotals() const { return col_totals_; }
-  int Exact(const double* lf, net::PassResult& pass) const;
+  // The exact route.  `lattice`, when given, tells whether the lattice
+  // form gave the result.
+  int Exact(const double* lf, net::PassResult& pass, ExactForm form = ExactForm::kAny,
+            bool* lattice = nullptr) const;
 
   // T on the working scores of a drawn table, against the bounds.
   struct Hit {

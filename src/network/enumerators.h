@@ -61,10 +61,15 @@ class SuccessorEnumerator {
       --level;
       ++c_[level];
     }
+    last_step_ = level;
     Fill(level + 1);
     Emit(next);
     return true;
   }
+  // Whether the last Next() moved the last free level alone: the line
+  // then differs from the one before by one count moved from its last
+  // cell to the cell before it.
+  bool InnerStep() const { return last_step_ == K_ - 2; }
 
   // The line of the current successor: d_j, with d[K-1] by subtraction.
   void Line(int64_t* d) const {
@@ -93,7 +98,7 @@ class SuccessorEnumerator {
     }
   }
 
-  int K_ = 0;
+  int K_ = 0, last_step_ = -1;
   int64_t line_ = 0, rest_ = 0;
   const int64_t* m_ = nullptr;
   std::vector<int64_t> c_, upper_, cap_, capsum_;

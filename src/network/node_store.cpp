@@ -352,6 +352,7 @@ int PastPool::Create(int64_t limit) {
   limit_ = limit;
   head_ = 0;
   fresh_ = 1;
+  live_ = peak_ = 0;
   return 0;
 }
 
@@ -385,6 +386,7 @@ void PastPool::FreeTree(int64_t& root) {
     if (x.right != 0) stack[top++] = x.right;
     x.left = static_cast<int32_t>(-head_);  // the free list links through the left child, negated
     head_ = e;
+    --live_;
   }
 }
 

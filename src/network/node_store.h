@@ -270,6 +270,8 @@ class PastPool {
 
   // Work stack of the tree walks; sized to the pool so that it can't overrun.
   int64_t* stack = nullptr;
+  // The most entries held at once so far.
+  int64_t Peak() const { return peak_; }
 
  private:
   int64_t NewEntry(double s, double q) {
@@ -283,6 +285,7 @@ class PastPool {
       return 0;
     }
     entries_[e] = Entry{s, q, q, 0, 0};  // 32 bytes: an entry never straddles a cache line
+    if (++live_ > peak_) peak_ = live_;
     return e;
   }
   // Entries 1..limit.  Untouched entries are left uninitialised: they join
@@ -293,6 +296,7 @@ class PastPool {
   int64_t head_ = 0;       // last entry given back, 0 for none
   int64_t fresh_ = 1;      // first entry never used
   int64_t limit_ = 0;
+  int64_t live_ = 0, peak_ = 0;  // entries held, and the most held at once
 };
 
 // The path of the last insert into one tree, with, at each depth, the

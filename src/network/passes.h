@@ -94,6 +94,9 @@ struct PassResult {
   // Two-cut members: mass strictly between the bounds, and at each bound.
   double middle = 0.0, high_point = 0.0, low_point = 0.0;
   bool stopped_early = false;
+  // The most past values held at once (the count that the memory budget
+  // limits).
+  int64_t peak_values = 0;
   // The mass not yet decided.
   double Undecided() const { return 1.0 - tail_high - tail_low - middle; }
 };
@@ -455,6 +458,7 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
     }
     if ((M::kStopOnNoNewEntry && new_entries == 0) || result.Undecided() <= M::kStopMargin) {
       result.stopped_early = true;
+      result.peak_values = pool.Peak();
       return 0;
     }
     stage_nodes = next_nodes;
@@ -462,6 +466,7 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
     if (s >= S) break;
   }
 
+  result.peak_values = pool.Peak();
   // Collect at the root: the entries left lie within tol of the observed
   // value (one-cut) or of a bound (two-cut; where the bounds coincide an
   // entry counts at both).

@@ -9,6 +9,8 @@
 #include <random>
 
 #include "association/linear.h"
+#include "frame/run_store.h"
+#include "network/node_store.h"
 #include "support/enumerate.h"
 #include "support/host_call.h"
 #include "support/ref_data.h"
@@ -104,8 +106,8 @@ TEST(LinearFamily, ExactMassesMatchEnumeration) {
       support::MakeTable({{1, 2, 1}, {2, 4, 2}}), support::MakeTable({{1, 0, 1}, {0, 2, 0}, {1, 0, 1}}),
       support::MakeTable({{2, 1}, {2, 1}, {4, 2}}),
   };
-  int cases = 0, at_mean = 0, early = 0;
-  for (int k = 0; cases < 230; ++k) {
+  int cases = 0, at_mean = 0, early = 0, lattices = 0;
+  for (int k = 0; cases < 500; ++k) {
     Table t;
     int proc = 41, kind = 0;
     if (k < static_cast<int>(fixed.size())) {
@@ -151,10 +153,23 @@ TEST(LinearFamily, ExactMassesMatchEnumeration) {
     BuildLogFactorials(lf);
     ASSERT_EQ(run.Observed(cells, t.rows, t.cols, lf.data()), 0);
     ASSERT_FALSE(run.Degenerate()) << what;
-    net::PassResult pass;
-    ASSERT_EQ(run.Exact(lf.data(), pass), 0) << what;
-    const double slack = pass.stopped_early ? 1e-12 : 0.0;
+    net::PassResult pass, tree;
+    bool lattice = false;
+    ASSERT_EQ(run.Exact(lf.data(), pass, assoc::ExactForm::kAny, &lattice), 0) << what;
+    ASSERT_EQ(run.Exact(lf.data(), tree, assoc::ExactForm::kTree), 0) << what;
+    const double slack = pass.stopped_early || tree.stopped_early ? 1e-12 : 0.0;
     early += pass.stopped_early;
+    lattices += lattice;
+    // The lattice form against the tree form: the same values held, the
+    // same masses but for the order of the sums.
+    if (slack == 0.0) {
+      EXPECT_EQ(pass.peak_values, tree.peak_values) << what;
+    }
+    const double pairs[][2] = {{pass.tail_high, tree.tail_high}, {pass.tail_low, tree.tail_low},
+                               {pass.high_point, tree.high_point}, {pass.low_point, tree.low_point}};
+    for (const auto& p : pairs)
+      EXPECT_LE(std::fabs(p[0] - p[1]), 1e-12 * std::fabs(p[1]) + slack) << what << ": " << p[0]
+                                                                        << " vs " << p[1];
     ExpectNear(pass.tail_high, ref.above, slack, what + " high tail");
     ExpectNear(pass.tail_low, ref.below, slack, what + " low tail");
     ExpectNear(pass.high_point, ref.high_point, slack, what + " high point");
@@ -171,6 +186,39 @@ TEST(LinearFamily, ExactMassesMatchEnumeration) {
   }
   EXPECT_GE(at_mean, 5);
   EXPECT_LT(early, cases / 10);
+  EXPECT_GE(lattices, cases * 3 / 4);  // four decimals and quarters keep some on the tree
+}
+
+// The memory budget limits the past values held at once; the lattice form
+// holds the same values as the tree form, so the two run out at the same
+// budget: one kilobyte below what the peak needs, both end with -1.
+TEST(LinearFamily, LatticeFormRunsOutWhereTheTreeFormDoes) {
+  const Table t = support::MakeTable({{3, 2, 2, 1, 0}, {2, 2, 3, 1, 2}, {1, 2, 2, 3, 2},
+                                      {0, 1, 2, 3, 4}});
+  assoc::LinearRun run(2, nullptr, nullptr);  // Spearman: mid-ranks on the lattice of halves
+  const auto cells = support::ColumnMajor(t);
+  LogFactorialTable lf;
+  BuildLogFactorials(lf);
+  ASSERT_EQ(run.Observed(cells, t.rows, t.cols, lf.data()), 0);
+  SetSetting(setting::kMemoryLimit, int64_t{16384});
+  net::PassResult tree, pass;
+  bool lattice = false;
+  ASSERT_EQ(run.Exact(lf.data(), tree, assoc::ExactForm::kTree), 0);
+  ASSERT_GT(net::PastPool::EntryLimit(16384 * 1024), tree.peak_values);
+  ASSERT_LT(net::PastPool::EntryLimit(2048 * 1024), tree.peak_values);
+  int64_t kb = 2048;
+  while (net::PastPool::EntryLimit(kb * 1024) < tree.peak_values) ++kb;
+  for (int64_t k : {kb, kb - 1}) {
+    SetSetting(setting::kMemoryLimit, k);
+    const int want = k == kb ? 0 : -1;
+    EXPECT_EQ(run.Exact(lf.data(), tree, assoc::ExactForm::kTree), want) << k << " KB";
+    EXPECT_EQ(run.Exact(lf.data(), pass, assoc::ExactForm::kAny, &lattice), want) << k << " KB";
+    EXPECT_TRUE(lattice);
+    if (want == 0) {
+      EXPECT_EQ(pass.peak_values, tree.peak_values);
+    }
+  }
+  SetSetting(setting::kMemoryLimit, int64_t{-1});
 }
 
 void ExpectClose(double engine, double ref, double rel, double abs, const std::string& what) {

@@ -1,0 +1,394 @@
+// The forward pass of a two-cut member with closed-form bounds whose
+// statistic lives on a lattice: every edge adds a whole multiple of a step
+// 2^-e, and every partial sum stays small enough that double arithmetic on
+// it is exact and that no two distinct values are within the merge
+// tolerance of each other.  Then the past values of a node are whole
+// numbers i (value i / scale), two values merge exactly when they are
+// equal, and every comparison with a cut comes out as it does in the tree
+// form of network/passes.h, whatever order the values arrive in.
+//
+// So the past values of a node are held densely, as probabilities over the
+// lattice points that can still be undecided there: the points of its past
+// range whose completions are neither all above nor all below nor all
+// strictly between the bounds.  Those are at most two bands of points
+// (below and above the middle region); a node keeps one array per band.
+// Along an edge with increment inc the decided points of the node are a
+// top run (above), a bottom run (below) and a run in between (middle),
+// summed from running sums formed once per node; the undecided points are
+// the node's bands overlapping the successor's bands shifted by inc, and
+// move over as one scaled add.  The nodes, their order, the decisions and
+// the merges are those of the tree form; the masses differ only by the
+// order of their sums.  The number of values held is counted as the tree
+// form's pool counts its entries, and the pass fails at the same point.
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include "frame/progress.h"
+#include "frame/run_store.h"
+#include "frame/spill.h"
+#include "network/enumerators.h"
+#include "network/node_store.h"
+#include "network/passes.h"
+
+namespace anvl::net {
+
+// A member that the lattice pass can run: a two-cut member with
+// closed-form bounds that also gives the least and greatest value that the
+// lines before stage t can have given to a node of stage t.  Its
+// EdgeStatistic depends on the line alone (the pass doesn't always form
+// the edge's log weight).
+template <class M>
+concept LatticeMember = NetworkMember<M> && M::kTwoCut && M::kClosedFormBounds &&
+                        requires(const M& m, int t, const int64_t* n, double& a, double& b) {
+                          m.NodeBounds(t, n, a, b);
+                          m.PastBounds(t, n, a, b);
+                        };
+
+// The lattice pass gave up: its bands would pass their memory cap.  The
+// caller runs the tree form instead.
+inline constexpr int kLatticeTooLarge = 1;
+
+// Below this an edge probability is formed from the log factorials, not by
+// a step from the one before, so that no underflow is carried along.
+inline constexpr double kSmallEdge = 1e-250;
+
+namespace detail {
+
+// The lattice points of one node: up to two bands [lo, lo + len) of
+// probabilities, each with a byte per point that marks a held value (a
+// value whose probability has underflowed to 0 is still held).
+struct LatticeNode {
+  int64_t lo[2];
+  int64_t len[2];
+  int64_t off[2];  // first point of the band in its stage's arena; -1: not yet placed
+  int64_t held;    // values held
+  int bands;
+};
+
+// Point storage of the nodes of one stage: bands are placed one after
+// another and the whole arena is reset when its stage has been expanded.
+struct LatticeArena {
+  std::vector<double> q;
+  std::vector<uint8_t> held;
+  int64_t used = 0;
+};
+
+// Whole number of lattice steps of an exact lattice value (the product is
+// whole, so the conversion is exact).
+inline int64_t Steps(double value, double scale) { return static_cast<int64_t>(value * scale); }
+
+// dq += f sq over n points, marking the points that sq holds as held in
+// dheld; returns how many of them were not held before.  Built for the
+// vector unit: this loop carries the undecided values of a node.
+__attribute__((optimize("O3"), noinline)) inline int64_t ScaledAdd(
+    double* __restrict dq, uint8_t* __restrict dheld, const double* __restrict sq,
+    const uint8_t* __restrict sheld, double f, int64_t n) {
+  for (int64_t k = 0; k < n; ++k) dq[k] += f * sq[k];
+  int64_t made = 0;
+  for (int64_t k = 0; k < n; ++k) {
+    made += sheld[k] & static_cast<uint8_t>(dheld[k] ^ 1);
+    dheld[k] |= sheld[k];
+  }
+  return made;
+}
+
+}  // namespace detail
+
+// Forward pass on the lattice of step 1 / scale.  `high_bound` and
+// `low_bound` as for ForwardPass.  `cell_cap` limits the points of the
+// bands of both resident stages.  Returns 0, -1 (as ForwardPass: a full
+// store, the past values over the pool's count, more than 127 stages), a
+// stop's code, or kLatticeTooLarge.
+template <LatticeMember M>
+int LatticeForwardPass(const Network& net, const M& member, double scale, double high_bound,
+                       double low_bound, int64_t cell_cap, PassResult& result) {
+  using detail::LatticeNode;
+  const int K = net.K, S = net.S;
+  result = PassResult{};
+  if (S > kMaxStages) return -1;
+  NodeStore store;
+  if (store.Create(net.Z, net.codec.n_words, net.prime) != 0) return -1;
+  const int64_t limit = PastPool::EntryLimit(MemoryBudget());
+  if (limit < 1) return -1;
+  MappedArray<LatticeNode> nodes;  // by slot of the store
+  if (nodes.Allocate(static_cast<size_t>(net.Z + 1)) != 0) return -1;
+  detail::LatticeArena arena[2];
+  std::vector<double> below, above;  // running sums of the node being expanded
+  std::vector<int64_t> m(K), mn(K), d(K), scratch(K), key(net.codec.n_words);
+  SuccessorEnumerator succ;
+  succ.Reserve(K);
+
+  // The cuts in whole steps.  A value v (in steps) with shortest and longest
+  // completion sh, lg is decided above when v + sh >= hh, below when
+  // v + lg <= ll, and between when v + sh >= mh_lo and v + lg <= mh_hi.
+  const double tol = member.Tolerance(high_bound);
+  const TwoCuts cuts{high_bound + tol, high_bound - tol, low_bound + tol, low_bound - tol};
+  const auto first_above = [scale](double cut) {  // least whole x with x / scale > cut
+    int64_t x = static_cast<int64_t>(std::floor(cut * scale)) - 1;
+    while (static_cast<double>(x) / scale <= cut) ++x;
+    return x;
+  };
+  const auto last_below = [scale](double cut) {  // greatest whole x with x / scale < cut
+    int64_t x = static_cast<int64_t>(std::ceil(cut * scale)) + 1;
+    while (static_cast<double>(x) / scale >= cut) --x;
+    return x;
+  };
+  const int64_t hh = first_above(cuts.high_hi), ll = last_below(cuts.low_lo);
+  const int64_t mid_lo = first_above(cuts.low_hi), mid_hi = last_below(cuts.high_lo);
+
+  // The bands of a node of stage t with bounds sh, lg (in steps) and past
+  // range [pmin, pmax]: the undecided points of that range.
+  const auto set_bands = [&](LatticeNode& n, int64_t sh, int64_t lg, int64_t pmin, int64_t pmax) {
+    const int64_t lo = std::max(pmin, ll - lg + 1), hi = std::min(pmax, hh - sh - 1);
+    const int64_t hole_lo = mid_lo - sh, hole_hi = mid_hi - lg;  // strictly between
+    n.bands = 0;
+    n.held = 0;
+    const auto add = [&n](int64_t a, int64_t b) {
+      if (a > b) return;
+      n.lo[n.bands] = a;
+      n.len[n.bands] = b - a + 1;
+      n.off[n.bands] = -1;
+      ++n.bands;
+    };
+    if (hole_lo > hole_hi) {
+      add(lo, hi);
+    } else {
+      add(lo, std::min(hi, hole_lo - 1));
+      add(std::max(lo, hole_hi + 1), hi);
+    }
+  };
+  int64_t cells = 0, live = 1;
+  result.peak_values = 1;
+  const auto place = [&](LatticeNode& n, int b, detail::LatticeArena& a) -> bool {
+    const int64_t len = n.len[b];
+    if (cells + len > cell_cap) return false;
+    const size_t need = static_cast<size_t>(a.used + len);
+    if (need > a.q.size()) {
+      try {
+        const size_t grow = std::max(need, 2 * a.q.size());
+        a.q.resize(grow);
+        a.held.resize(grow);
+      } catch (const std::bad_alloc&) {
+        return false;
+      }
+    }
+    n.off[b] = a.used;
+    std::memset(&a.q[static_cast<size_t>(a.used)], 0, sizeof(double) * static_cast<size_t>(len));
+    std::memset(&a.held[static_cast<size_t>(a.used)], 0, static_cast<size_t>(len));
+    a.used += len;
+    cells += len;
+    return true;
+  };
+
+  // Stage 0 by hand in slot 1: the zero node with its one value 0 (the
+  // StartValue), all the probability.
+  std::vector<int64_t> zero(K, 0);
+  {
+    double shortest = 0.0, longest = 0.0;
+    member.NodeBounds(0, zero.data(), shortest, longest);
+    NodeKey<M>(net, zero.data(), 0, scratch.data(), key.data());
+    store.Place(1, 0, key.data(), shortest, longest);
+    LatticeNode& n = nodes[1];
+    n.bands = 1;
+    n.lo[0] = 0;
+    n.len[0] = 1;
+    n.off[0] = -1;
+    if (!place(n, 0, arena[0])) return kLatticeTooLarge;
+    arena[0].q[0] = 1.0;
+    arena[0].held[0] = 1;
+    n.held = 1;
+  }
+  Ticker tick;
+
+  int64_t stage_nodes = 1;
+  for (int s = 0;;) {
+    if (tick() && M::kStageMessages) SendStageLine(s);
+    detail::LatticeArena& here = arena[s & 1];
+    detail::LatticeArena& there = arena[(s + 1) & 1];
+    int64_t next_nodes = 0;
+    const int64_t Ts = net.T[s], Tnext = net.T[s + 1];
+    int64_t slot = store.NextSlotOfStage(0, s);
+    if (slot == 0) return -1;
+    bool settled = false;
+    for (int64_t i = 0; i < stage_nodes && !settled; ++i) {
+      if (i > 0) {
+        slot = store.NextSlotOfStage(slot, s);
+        if (slot == 0) return -1;
+      }
+      LatticeNode node = nodes[slot];
+      if (node.held != 0) {
+        // Only the span of each band from its first to its last held value
+        // takes part: the points outside it are empty.
+        for (int b = 0; b < node.bands; ++b) {
+          if (node.off[b] < 0) continue;
+          const uint8_t* hb = &here.held[static_cast<size_t>(node.off[b])];
+          int64_t first = 0, last = node.len[b] - 1;
+          while (first <= last && !hb[first]) ++first;
+          while (last >= first && !hb[last]) --last;
+          if (first > last) {
+            node.off[b] = -1;  // a band without values
+            node.len[b] = 0;
+            continue;
+          }
+          node.lo[b] += first;
+          node.off[b] += first;
+          node.len[b] = last - first + 1;
+        }
+        NodeOfKey<M>(net, store.key(slot), Ts, m.data());
+        // Running sums over the node's points in ascending order: below[k]
+        // the first k points, above[k] the points from k on, each summed
+        // from its own end so that a small tail keeps its digits.
+        const int64_t npts = node.len[0] + (node.bands > 1 ? node.len[1] : 0);
+        if (static_cast<size_t>(npts + 1) > below.size()) {
+          try {
+            below.resize(static_cast<size_t>(npts + 1));
+            above.resize(static_cast<size_t>(npts + 1));
+          } catch (const std::bad_alloc&) {
+            return -1;
+          }
+        }
+        const double* band_q[2] = {nullptr, nullptr};
+        const uint8_t* band_held[2] = {nullptr, nullptr};
+        for (int b = 0; b < node.bands; ++b) {
+          band_q[b] = node.off[b] < 0 ? nullptr : &here.q[static_cast<size_t>(node.off[b])];
+          band_held[b] = node.off[b] < 0 ? nullptr : &here.held[static_cast<size_t>(node.off[b])];
+        }
+        const auto point = [&](int64_t k) {
+          if (k < node.len[0]) return band_q[0] ? band_q[0][k] : 0.0;
+          return band_q[1] ? band_q[1][k - node.len[0]] : 0.0;
+        };
+        below[0] = 0.0;
+        for (int64_t k = 0; k < npts; ++k) below[k + 1] = below[k] + point(k);
+        above[npts] = 0.0;
+        for (int64_t k = npts - 1; k >= 0; --k) above[k] = above[k + 1] + point(k);
+        // Position of the first point at or above value v.
+        const auto position = [&](int64_t v) -> int64_t {
+          if (v <= node.lo[0]) return 0;
+          if (v < node.lo[0] + node.len[0]) return v - node.lo[0];
+          if (node.bands == 1 || v <= node.lo[1]) return node.len[0];
+          if (v < node.lo[1] + node.len[1]) return node.len[0] + v - node.lo[1];
+          return npts;
+        };
+
+        const double R = net.LogRemainingWeight(Ts, m.data());
+        // f, the probability of the edge's line given the node, is a
+        // product of binomial coefficients C(A_j - m_j, d_j) over
+        // C(N - T_s, B_s).  Along a run of the last free level it changes by
+        // one rational factor per step; it is formed afresh from the log
+        // factorials at every other step, and when it gets small.
+        const int64_t cap_a = net.A[K - 2] - m[K - 2], cap_b = net.A[K - 1] - m[K - 1];
+        double f = 0.0;
+        succ.Start(K, net.A.data(), m.data(), net.B[s], net.rest[s], mn.data());
+        bool fresh = true;
+        do {
+          CompleteLast(K, Tnext, mn.data());
+          const int64_t da = d[K - 2], db = d[K - 1];  // the line before this one
+          succ.Line(d.data());
+          double w = 0.0;
+          if (!fresh && succ.InnerStep() && f > kSmallEdge) {
+            f *= static_cast<double>((cap_a - da) * db) /
+                 static_cast<double>((da + 1) * (cap_b - db + 1));
+          } else {
+            w = net.EdgeLogWeight(s, d.data());
+            f = std::exp(w + net.LogRemainingWeight(Tnext, mn.data()) - R);
+          }
+          fresh = false;
+          const int64_t inc = detail::Steps(member.EdgeStatistic(s, d.data(), w), scale);
+          NodeKey<M>(net, mn.data(), Tnext, scratch.data(), key.data());
+          int64_t next = store.Find(s + 1, key.data());
+          if (next == 0) {  // first met: its bounds and bands now, and into the store
+            double shortest, longest, pmin, pmax;
+            member.NodeBounds(s + 1, mn.data(), shortest, longest);
+            next = store.Insert(s + 1, key.data(), shortest, longest, false);
+            if (next == 0) return -1;
+            member.PastBounds(s + 1, mn.data(), pmin, pmax);
+            set_bands(nodes[next], detail::Steps(shortest, scale), detail::Steps(longest, scale),
+                      detail::Steps(pmin, scale), detail::Steps(pmax, scale));
+            ++next_nodes;
+          }
+          if (RunStopped()) return static_cast<int>(FailureCode());
+          const int64_t sh = detail::Steps(store.first(next), scale);
+          const int64_t lg = detail::Steps(store.second(next), scale);
+
+          // Decided: above from v >= hh - sh - inc, below up to
+          // ll - lg - inc, between in the rest of the middle region.
+          const int64_t a_pos = position(hh - sh - inc);
+          const int64_t b_pos = std::min(position(ll - lg - inc + 1), a_pos);
+          const int64_t m_lo = std::max(position(mid_lo - sh - inc), b_pos);
+          const int64_t m_hi = std::min(position(mid_hi - lg - inc + 1), a_pos);
+          result.tail_high += f * above[a_pos];
+          result.tail_low += f * below[b_pos];
+          if (m_hi > m_lo) result.middle += f * (below[m_hi] - below[m_lo]);
+
+          // Undecided: the points that land in the successor's bands.
+          LatticeNode& to = nodes[next];
+          for (int tb = 0; tb < to.bands; ++tb) {
+            for (int b = 0; b < node.bands; ++b) {
+              if (band_q[b] == nullptr) continue;
+              const int64_t from = std::max(node.lo[b], to.lo[tb] - inc);
+              const int64_t upto = std::min(node.lo[b] + node.len[b], to.lo[tb] + to.len[tb] - inc);
+              if (from >= upto) continue;
+              const double* sq = band_q[b] + (from - node.lo[b]);
+              const uint8_t* sheld = band_held[b] + (from - node.lo[b]);
+              if (to.off[tb] < 0 && !place(to, tb, there)) return kLatticeTooLarge;
+              double* dq = &there.q[static_cast<size_t>(to.off[tb] + from + inc - to.lo[tb])];
+              uint8_t* dheld = &there.held[static_cast<size_t>(to.off[tb] + from + inc - to.lo[tb])];
+              const int64_t made = detail::ScaledAdd(dq, dheld, sq, sheld, f, upto - from);
+              to.held += made;
+              live += made;
+            }
+          }
+          if (live > limit) return -1;  // the tree form's pool would be exhausted here
+          result.peak_values = std::max(result.peak_values, live);
+          if (tick())
+            SendExactEstimateLine(ClampUnit(result.tail_high + result.tail_low),
+                                  ClampUnit(1.0 - result.middle));
+          if (result.Undecided() <= M::kStopMargin) {
+            settled = true;
+            break;
+          }
+        } while (succ.Next(mn.data()));
+      }
+      if (settled) break;
+      store.Free(slot);
+      live -= node.held;
+      nodes[slot].held = 0;
+    }
+    if (result.Undecided() <= M::kStopMargin) {
+      result.stopped_early = true;
+      return 0;
+    }
+    cells -= here.used;
+    here.used = 0;
+    stage_nodes = next_nodes;
+    ++s;
+    if (s >= S) break;
+  }
+
+  // Collect at the root: the values left lie within tol of a bound (where
+  // the bounds coincide a value counts at both).
+  const detail::LatticeArena& last = arena[S & 1];
+  for (int64_t slot = store.NextSlotOfStage(0, S); slot != 0;
+       slot = store.NextSlotOfStage(slot, S)) {
+    const LatticeNode& n = nodes[slot];
+    for (int b = 0; b < n.bands; ++b) {
+      if (n.off[b] < 0) continue;
+      for (int64_t k = 0; k < n.len[b]; ++k) {
+        const size_t at = static_cast<size_t>(n.off[b] + k);
+        if (!last.held[at]) continue;
+        const double v = static_cast<double>(n.lo[b] + k) / scale;
+        if (std::fabs(v - high_bound) <= tol) result.high_point += last.q[at];  // R = 0 at the root
+        if (std::fabs(v - low_bound) <= tol) result.low_point += last.q[at];
+      }
+    }
+  }
+  return 0;
+}
+
+}  // namespace anvl::net
