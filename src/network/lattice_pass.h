@@ -63,13 +63,24 @@ namespace detail {
 // The lattice points of one node: up to two bands [lo, lo + len) of
 // probabilities, each with a byte per point that marks a held value (a
 // value whose probability has underflowed to 0 is still held).
-struct LatticeNode {
+struct alignas(64) LatticeNode {
   int64_t lo[2];
   int64_t len[2];
   int64_t off[2];  // first point of the band in its stage's arena; -1: not yet placed
   int64_t held;    // values held
+  int64_t sh, lg;  // the node's ShortestPath and LongestPath, in steps
   int bands;
 };
+
+// One edge of a batch: its probability given the node, its increment in
+// steps, the hash of its successor's key and the successor's slot.
+struct LatticeEdge {
+  double f;
+  int64_t inc;
+  uint64_t hash;
+  int64_t slot;
+};
+inline constexpr int kLatticeBatch = 16;
 
 // Point storage of the nodes of one stage: bands are placed one after
 // another and the whole arena is reset when its stage has been expanded.
@@ -119,10 +130,19 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
   MappedArray<LatticeNode> nodes;  // by slot of the store
   if (nodes.Allocate(static_cast<size_t>(net.Z + 1)) != 0) return -1;
   detail::LatticeArena arena[2];
-  std::vector<double> below, above;  // running sums of the node being expanded
+  // The node being expanded: its points' probabilities (and values, when
+  // compact) and their running sums.
+  std::vector<double> below, above, probs;
+  std::vector<int64_t> values;
   std::vector<int64_t> m(K), mn(K), d(K), scratch(K), key(net.codec.n_words);
   SuccessorEnumerator succ;
   succ.Reserve(K);
+  const int nw = net.codec.n_words;
+  detail::LatticeEdge batch[detail::kLatticeBatch];
+  std::vector<int64_t> batch_key(static_cast<size_t>(detail::kLatticeBatch) * nw),
+      batch_node(static_cast<size_t>(detail::kLatticeBatch) * K);
+  // The factors of a step of the last free level, by the count before it.
+  std::vector<double> step_up(static_cast<size_t>(net.N + 2)), step_down(step_up.size());
 
   // The cuts in whole steps.  A value v (in steps) with shortest and longest
   // completion sh, lg is decided above when v + sh >= hh, below when
@@ -149,6 +169,8 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
     const int64_t hole_lo = mid_lo - sh, hole_hi = mid_hi - lg;  // strictly between
     n.bands = 0;
     n.held = 0;
+    n.sh = sh;
+    n.lg = lg;
     const auto add = [&n](int64_t a, int64_t b) {
       if (a > b) return;
       n.lo[n.bands] = a;
@@ -241,14 +263,17 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
           node.len[b] = last - first + 1;
         }
         NodeOfKey<M>(net, store.key(slot), Ts, m.data());
-        // Running sums over the node's points in ascending order: below[k]
-        // the first k points, above[k] the points from k on, each summed
-        // from its own end so that a small tail keeps its digits.
-        const int64_t npts = node.len[0] + (node.bands > 1 ? node.len[1] : 0);
+        // A node whose bands are mostly empty is walked by its held values
+        // alone (compact); a full one point by point (dense).
+        const int64_t span = node.len[0] + (node.bands > 1 ? node.len[1] : 0);
+        const bool compact = 4 * node.held < span;
+        const int64_t npts = compact ? node.held : span;
         if (static_cast<size_t>(npts + 1) > below.size()) {
           try {
             below.resize(static_cast<size_t>(npts + 1));
             above.resize(static_cast<size_t>(npts + 1));
+            values.resize(static_cast<size_t>(npts + 1));
+            probs.resize(static_cast<size_t>(npts + 1));
           } catch (const std::bad_alloc&) {
             return -1;
           }
@@ -259,16 +284,33 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
           band_q[b] = node.off[b] < 0 ? nullptr : &here.q[static_cast<size_t>(node.off[b])];
           band_held[b] = node.off[b] < 0 ? nullptr : &here.held[static_cast<size_t>(node.off[b])];
         }
-        const auto point = [&](int64_t k) {
-          if (k < node.len[0]) return band_q[0] ? band_q[0][k] : 0.0;
-          return band_q[1] ? band_q[1][k - node.len[0]] : 0.0;
-        };
+        if (compact) {  // the held values in ascending order
+          int64_t n = 0;
+          for (int b = 0; b < node.bands; ++b) {
+            if (band_q[b] == nullptr) continue;
+            for (int64_t k = 0; k < node.len[b]; ++k) {
+              if (!band_held[b][k]) continue;
+              values[n] = node.lo[b] + k;
+              probs[n++] = band_q[b][k];
+            }
+          }
+        } else {
+          for (int64_t k = 0; k < npts; ++k) {
+            const int b = k < node.len[0] ? 0 : 1;
+            const int64_t at = b == 0 ? k : k - node.len[0];
+            probs[k] = band_q[b] ? band_q[b][at] : 0.0;
+          }
+        }
+        // Running sums over the points in ascending order: below[k] the
+        // first k points, above[k] the points from k on, each summed from
+        // its own end so that a small tail keeps its digits.
         below[0] = 0.0;
-        for (int64_t k = 0; k < npts; ++k) below[k + 1] = below[k] + point(k);
+        for (int64_t k = 0; k < npts; ++k) below[k + 1] = below[k] + probs[k];
         above[npts] = 0.0;
-        for (int64_t k = npts - 1; k >= 0; --k) above[k] = above[k + 1] + point(k);
+        for (int64_t k = npts - 1; k >= 0; --k) above[k] = above[k + 1] + probs[k];
         // Position of the first point at or above value v.
         const auto position = [&](int64_t v) -> int64_t {
+          if (compact) return std::lower_bound(values.data(), values.data() + npts, v) - values.data();
           if (v <= node.lo[0]) return 0;
           if (v < node.lo[0] + node.len[0]) return v - node.lo[0];
           if (node.bands == 1 || v <= node.lo[1]) return node.len[0];
@@ -280,80 +322,129 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
         // f, the probability of the edge's line given the node, is a
         // product of binomial coefficients C(A_j - m_j, d_j) over
         // C(N - T_s, B_s).  Along a run of the last free level it changes by
-        // one rational factor per step; it is formed afresh from the log
-        // factorials at every other step, and when it gets small.
+        // two factors per step, (a - x) / (x + 1) and y / (b - y + 1); it is
+        // formed afresh from the log factorials at every other step, and
+        // when it gets small.
         const int64_t cap_a = net.A[K - 2] - m[K - 2], cap_b = net.A[K - 1] - m[K - 1];
+        for (int64_t x = 0; x < cap_a; ++x)
+          step_up[x] = static_cast<double>(cap_a - x) / static_cast<double>(x + 1);
+        for (int64_t y = 1; y <= cap_b; ++y)
+          step_down[y] = static_cast<double>(y) / static_cast<double>(cap_b - y + 1);
         double f = 0.0;
+        bool fresh = true, more = true, full = false;
         succ.Start(K, net.A.data(), m.data(), net.B[s], net.rest[s], mn.data());
-        bool fresh = true;
-        do {
-          CompleteLast(K, Tnext, mn.data());
-          const int64_t da = d[K - 2], db = d[K - 1];  // the line before this one
-          succ.Line(d.data());
-          double w = 0.0;
-          if (!fresh && succ.InnerStep() && f > kSmallEdge) {
-            f *= static_cast<double>((cap_a - da) * db) /
-                 static_cast<double>((da + 1) * (cap_b - db + 1));
-          } else {
-            w = net.EdgeLogWeight(s, d.data());
-            f = std::exp(w + net.LogRemainingWeight(Tnext, mn.data()) - R);
+        while (more && !settled) {
+          // A batch of successors: their lines, probabilities, increments
+          // and keys, with the index loads started; then their slots, with
+          // the loads of their points started; then the edges themselves.
+          int n = 0;
+          do {
+            CompleteLast(K, Tnext, mn.data());
+            const int64_t da = d[K - 2], db = d[K - 1];  // the line before this one
+            succ.Line(d.data());
+            if (!fresh && succ.InnerStep() && f > kSmallEdge) {
+              f *= step_up[da] * step_down[db];
+            } else {
+              f = std::exp(net.EdgeLogWeight(s, d.data()) +
+                           net.LogRemainingWeight(Tnext, mn.data()) - R);
+            }
+            fresh = false;
+            detail::LatticeEdge& e = batch[n];
+            e.f = f;
+            e.inc = detail::Steps(member.EdgeStatistic(s, d.data(), 0.0), scale);
+            int64_t* bk = &batch_key[static_cast<size_t>(n) * nw];
+            NodeKey<M>(net, mn.data(), Tnext, scratch.data(), bk);
+            std::copy(mn.begin(), mn.end(), &batch_node[static_cast<size_t>(n) * K]);
+            e.hash = store.Hash(s + 1, bk);
+            store.Prefetch(e.hash);
+            ++n;
+            more = succ.Next(mn.data());
+          } while (more && n < detail::kLatticeBatch);
+          for (int b = 0; b < n; ++b) {
+            const int64_t* bk = &batch_key[static_cast<size_t>(b) * nw];
+            int64_t next = store.FindHashed(batch[b].hash, s + 1, bk);
+            if (next == 0) {  // first met: its bounds and bands now, and into the store
+              const int64_t* node_b = &batch_node[static_cast<size_t>(b) * K];
+              double shortest, longest, pmin, pmax;
+              member.NodeBounds(s + 1, node_b, shortest, longest);
+              next = store.Insert(s + 1, bk, shortest, longest, false);
+              if (next == 0) {  // the store is full: the edges before this one still count
+                full = true;
+                n = b;
+                break;
+              }
+              member.PastBounds(s + 1, node_b, pmin, pmax);
+              set_bands(nodes[next], detail::Steps(shortest, scale), detail::Steps(longest, scale),
+                        detail::Steps(pmin, scale), detail::Steps(pmax, scale));
+              ++next_nodes;
+            }
+            batch[b].slot = next;
+            __builtin_prefetch(&nodes[next]);
           }
-          fresh = false;
-          const int64_t inc = detail::Steps(member.EdgeStatistic(s, d.data(), w), scale);
-          NodeKey<M>(net, mn.data(), Tnext, scratch.data(), key.data());
-          int64_t next = store.Find(s + 1, key.data());
-          if (next == 0) {  // first met: its bounds and bands now, and into the store
-            double shortest, longest, pmin, pmax;
-            member.NodeBounds(s + 1, mn.data(), shortest, longest);
-            next = store.Insert(s + 1, key.data(), shortest, longest, false);
-            if (next == 0) return -1;
-            member.PastBounds(s + 1, mn.data(), pmin, pmax);
-            set_bands(nodes[next], detail::Steps(shortest, scale), detail::Steps(longest, scale),
-                      detail::Steps(pmin, scale), detail::Steps(pmax, scale));
-            ++next_nodes;
-          }
-          if (RunStopped()) return static_cast<int>(FailureCode());
-          const int64_t sh = detail::Steps(store.first(next), scale);
-          const int64_t lg = detail::Steps(store.second(next), scale);
+          for (int b = 0; b < n; ++b) {
+            if (RunStopped()) return static_cast<int>(FailureCode());
+            const double fe = batch[b].f;
+            const int64_t inc = batch[b].inc;
+            LatticeNode& to = nodes[batch[b].slot];
+            const int64_t sh = to.sh, lg = to.lg;
 
-          // Decided: above from v >= hh - sh - inc, below up to
-          // ll - lg - inc, between in the rest of the middle region.
-          const int64_t a_pos = position(hh - sh - inc);
-          const int64_t b_pos = std::min(position(ll - lg - inc + 1), a_pos);
-          const int64_t m_lo = std::max(position(mid_lo - sh - inc), b_pos);
-          const int64_t m_hi = std::min(position(mid_hi - lg - inc + 1), a_pos);
-          result.tail_high += f * above[a_pos];
-          result.tail_low += f * below[b_pos];
-          if (m_hi > m_lo) result.middle += f * (below[m_hi] - below[m_lo]);
+            // Decided: above from v >= hh - sh - inc, below up to
+            // ll - lg - inc, between in the rest of the middle region.
+            const int64_t a_pos = position(hh - sh - inc);
+            const int64_t b_pos = std::min(position(ll - lg - inc + 1), a_pos);
+            const int64_t m_lo = std::max(position(mid_lo - sh - inc), b_pos);
+            const int64_t m_hi = std::min(position(mid_hi - lg - inc + 1), a_pos);
+            result.tail_high += fe * above[a_pos];
+            result.tail_low += fe * below[b_pos];
+            if (m_hi > m_lo) result.middle += fe * (below[m_hi] - below[m_lo]);
 
-          // Undecided: the points that land in the successor's bands.
-          LatticeNode& to = nodes[next];
-          for (int tb = 0; tb < to.bands; ++tb) {
-            for (int b = 0; b < node.bands; ++b) {
-              if (band_q[b] == nullptr) continue;
-              const int64_t from = std::max(node.lo[b], to.lo[tb] - inc);
-              const int64_t upto = std::min(node.lo[b] + node.len[b], to.lo[tb] + to.len[tb] - inc);
+            // Undecided: the points that land in the successor's bands.
+            for (int tb = 0; tb < to.bands && compact; ++tb) {
+              const int64_t from = position(to.lo[tb] - inc);
+              const int64_t upto = position(to.lo[tb] + to.len[tb] - inc);
               if (from >= upto) continue;
-              const double* sq = band_q[b] + (from - node.lo[b]);
-              const uint8_t* sheld = band_held[b] + (from - node.lo[b]);
               if (to.off[tb] < 0 && !place(to, tb, there)) return kLatticeTooLarge;
-              double* dq = &there.q[static_cast<size_t>(to.off[tb] + from + inc - to.lo[tb])];
-              uint8_t* dheld = &there.held[static_cast<size_t>(to.off[tb] + from + inc - to.lo[tb])];
-              const int64_t made = detail::ScaledAdd(dq, dheld, sq, sheld, f, upto - from);
+              double* dq = &there.q[static_cast<size_t>(to.off[tb] + inc - to.lo[tb])];
+              uint8_t* dheld = &there.held[static_cast<size_t>(to.off[tb] + inc - to.lo[tb])];
+              int64_t made = 0;
+              for (int64_t k = from; k < upto; ++k) {
+                const int64_t at = values[k];
+                dq[at] += fe * probs[k];
+                made += dheld[at] ^ 1;
+                dheld[at] = 1;
+              }
               to.held += made;
               live += made;
             }
+            for (int tb = 0; tb < to.bands && !compact; ++tb) {
+              for (int bb = 0; bb < node.bands; ++bb) {
+                if (band_q[bb] == nullptr) continue;
+                const int64_t from = std::max(node.lo[bb], to.lo[tb] - inc);
+                const int64_t upto =
+                    std::min(node.lo[bb] + node.len[bb], to.lo[tb] + to.len[tb] - inc);
+                if (from >= upto) continue;
+                const double* sq = band_q[bb] + (from - node.lo[bb]);
+                const uint8_t* sheld = band_held[bb] + (from - node.lo[bb]);
+                if (to.off[tb] < 0 && !place(to, tb, there)) return kLatticeTooLarge;
+                const size_t at = static_cast<size_t>(to.off[tb] + from + inc - to.lo[tb]);
+                const int64_t made =
+                    detail::ScaledAdd(&there.q[at], &there.held[at], sq, sheld, fe, upto - from);
+                to.held += made;
+                live += made;
+              }
+            }
+            if (live > limit) return -1;  // the tree form's pool would be exhausted here
+            result.peak_values = std::max(result.peak_values, live);
+            if (tick())
+              SendExactEstimateLine(ClampUnit(result.tail_high + result.tail_low),
+                                    ClampUnit(1.0 - result.middle));
+            if (result.Undecided() <= M::kStopMargin) {
+              settled = true;
+              break;
+            }
           }
-          if (live > limit) return -1;  // the tree form's pool would be exhausted here
-          result.peak_values = std::max(result.peak_values, live);
-          if (tick())
-            SendExactEstimateLine(ClampUnit(result.tail_high + result.tail_low),
-                                  ClampUnit(1.0 - result.middle));
-          if (result.Undecided() <= M::kStopMargin) {
-            settled = true;
-            break;
-          }
-        } while (succ.Next(mn.data()));
+          if (full && !settled) return -1;
+        }
       }
       if (settled) break;
       store.Free(slot);
