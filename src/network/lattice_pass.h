@@ -41,10 +41,11 @@ namespace anvl::net {
 // A member that the lattice pass can run: a two-cut member with
 // closed-form bounds that also gives the least and greatest value that the
 // lines before stage t can have given to a node of stage t.  Its
-// EdgeStatistic depends on the line alone (the pass doesn't always form
-// the edge's log weight).
+// EdgeStatistic is a sum over the cells of the line (the pass doesn't
+// always form the edge's log weight, and steps along a run of the last
+// free level by one fixed increment).
 template <class M>
-concept LatticeMember = NetworkMember<M> && M::kTwoCut && M::kClosedFormBounds &&
+concept LatticeMember = NetworkMember<M> && M::kTwoCut && M::kClosedFormBounds && !M::kCanonical &&
                         requires(const M& m, int t, const int64_t* n, double& a, double& b) {
                           m.NodeBounds(t, n, a, b);
                           m.PastBounds(t, n, a, b);
@@ -95,16 +96,28 @@ struct LatticeArena {
 inline int64_t Steps(double value, double scale) { return static_cast<int64_t>(value * scale); }
 
 // dq += f sq over n points, marking the points that sq holds as held in
-// dheld; returns how many of them were not held before.  Built for the
-// vector unit: this loop carries the undecided values of a node.
-__attribute__((optimize("O3"), noinline)) inline int64_t ScaledAdd(
-    double* __restrict dq, uint8_t* __restrict dheld, const double* __restrict sq,
-    const uint8_t* __restrict sheld, double f, int64_t n) {
-  for (int64_t k = 0; k < n; ++k) dq[k] += f * sq[k];
+// dheld; returns how many of them were not held before.  The runs are
+// short (a few points to a few dozen), so a plain loop beats a vector one
+// with its set-up.
+inline int64_t ScaledAdd(double* __restrict dq, uint8_t* __restrict dheld,
+                         const double* __restrict sq, const uint8_t* __restrict sheld, double f,
+                         int64_t n) {
   int64_t made = 0;
   for (int64_t k = 0; k < n; ++k) {
-    made += sheld[k] & static_cast<uint8_t>(dheld[k] ^ 1);
+    dq[k] += f * sq[k];
+    made += sheld[k] & ~dheld[k];
     dheld[k] |= sheld[k];
+  }
+  return made;
+}
+
+// The same where a point is held exactly when its probability isn't 0.
+inline int64_t ScaledAddByValue(double* __restrict dq, const double* __restrict sq, double f,
+                                int64_t n) {
+  int64_t made = 0;
+  for (int64_t k = 0; k < n; ++k) {
+    made += (dq[k] == 0.0) & (sq[k] != 0.0);
+    dq[k] += f * sq[k];
   }
   return made;
 }
@@ -138,6 +151,9 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
   SuccessorEnumerator succ;
   succ.Reserve(K);
   const int nw = net.codec.n_words;
+  int inner_word = 0;  // the key word that holds the last digit
+  for (int w = 0; w < nw; ++w)
+    if (net.codec.word_end[w] == K - 2) inner_word = w;
   detail::LatticeEdge batch[detail::kLatticeBatch];
   std::vector<int64_t> batch_key(static_cast<size_t>(detail::kLatticeBatch) * nw),
       batch_node(static_cast<size_t>(detail::kLatticeBatch) * K);
@@ -185,6 +201,14 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
       add(std::max(lo, hole_hi + 1), hi);
     }
   };
+  // Every table has a probability of at least 1 / N!, and so has every
+  // value held: up to N = 160 that is far above the least double, a held
+  // value's probability is never 0, and the probabilities alone tell which
+  // points are held.  Beyond, a byte per point does.
+  const bool by_value = net.N <= 160;
+  const auto held_at = [by_value](const detail::LatticeArena& a, size_t at) {
+    return by_value ? a.q[at] != 0.0 : a.held[at] != 0;
+  };
   int64_t cells = 0, live = 1;
   result.peak_values = 1;
   const auto place = [&](LatticeNode& n, int b, detail::LatticeArena& a) -> bool {
@@ -195,14 +219,14 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
       try {
         const size_t grow = std::max(need, 2 * a.q.size());
         a.q.resize(grow);
-        a.held.resize(grow);
+        if (!by_value) a.held.resize(grow);
       } catch (const std::bad_alloc&) {
         return false;
       }
     }
     n.off[b] = a.used;
     std::memset(&a.q[static_cast<size_t>(a.used)], 0, sizeof(double) * static_cast<size_t>(len));
-    std::memset(&a.held[static_cast<size_t>(a.used)], 0, static_cast<size_t>(len));
+    if (!by_value) std::memset(&a.held[static_cast<size_t>(a.used)], 0, static_cast<size_t>(len));
     a.used += len;
     cells += len;
     return true;
@@ -223,7 +247,7 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
     n.off[0] = -1;
     if (!place(n, 0, arena[0])) return kLatticeTooLarge;
     arena[0].q[0] = 1.0;
-    arena[0].held[0] = 1;
+    if (!by_value) arena[0].held[0] = 1;
     n.held = 1;
   }
   Ticker tick;
@@ -238,6 +262,14 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
     int64_t slot = store.NextSlotOfStage(0, s);
     if (slot == 0) return -1;
     bool settled = false;
+    // The increment of a step of the last free level: the statistic is a
+    // sum over the cells of the line.
+    std::fill(d.begin(), d.end(), 0);
+    d[K - 2] = 1;
+    const int64_t inner_inc = detail::Steps(member.EdgeStatistic(s, d.data(), 0.0), scale);
+    d[K - 2] = 0;
+    d[K - 1] = 1;
+    const int64_t inner_inc_total = inner_inc - detail::Steps(member.EdgeStatistic(s, d.data(), 0.0), scale);
     for (int64_t i = 0; i < stage_nodes && !settled; ++i) {
       if (i > 0) {
         slot = store.NextSlotOfStage(slot, s);
@@ -249,10 +281,10 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
         // takes part: the points outside it are empty.
         for (int b = 0; b < node.bands; ++b) {
           if (node.off[b] < 0) continue;
-          const uint8_t* hb = &here.held[static_cast<size_t>(node.off[b])];
+          const size_t at = static_cast<size_t>(node.off[b]);
           int64_t first = 0, last = node.len[b] - 1;
-          while (first <= last && !hb[first]) ++first;
-          while (last >= first && !hb[last]) --last;
+          while (first <= last && !held_at(here, at + first)) ++first;
+          while (last >= first && !held_at(here, at + last)) --last;
           if (first > last) {
             node.off[b] = -1;  // a band without values
             node.len[b] = 0;
@@ -282,14 +314,15 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
         const uint8_t* band_held[2] = {nullptr, nullptr};
         for (int b = 0; b < node.bands; ++b) {
           band_q[b] = node.off[b] < 0 ? nullptr : &here.q[static_cast<size_t>(node.off[b])];
-          band_held[b] = node.off[b] < 0 ? nullptr : &here.held[static_cast<size_t>(node.off[b])];
+          if (!by_value)
+            band_held[b] = node.off[b] < 0 ? nullptr : &here.held[static_cast<size_t>(node.off[b])];
         }
         if (compact) {  // the held values in ascending order
           int64_t n = 0;
           for (int b = 0; b < node.bands; ++b) {
             if (band_q[b] == nullptr) continue;
             for (int64_t k = 0; k < node.len[b]; ++k) {
-              if (!band_held[b][k]) continue;
+              if (by_value ? band_q[b][k] == 0.0 : !band_held[b][k]) continue;
               values[n] = node.lo[b] + k;
               probs[n++] = band_q[b][k];
             }
@@ -331,6 +364,7 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
         for (int64_t y = 1; y <= cap_b; ++y)
           step_down[y] = static_cast<double>(y) / static_cast<double>(cap_b - y + 1);
         double f = 0.0;
+        int64_t inc = 0;
         bool fresh = true, more = true, full = false;
         succ.Start(K, net.A.data(), m.data(), net.B[s], net.rest[s], mn.data());
         while (more && !settled) {
@@ -339,22 +373,31 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
           // the loads of their points started; then the edges themselves.
           int n = 0;
           do {
-            CompleteLast(K, Tnext, mn.data());
-            const int64_t da = d[K - 2], db = d[K - 1];  // the line before this one
-            succ.Line(d.data());
+            int64_t* bk = &batch_key[static_cast<size_t>(n) * nw];
             if (!fresh && succ.InnerStep() && f > kSmallEdge) {
-              f *= step_up[da] * step_down[db];
+              // One count moved from the last cell of the line to the one
+              // before it: the key's last digit goes up by one.
+              f *= step_up[d[K - 2]] * step_down[d[K - 1]];
+              ++d[K - 2];
+              --d[K - 1];
+              --mn[K - 1];
+              inc += inner_inc_total;
+              for (int w = 0; w < nw; ++w) bk[w] = key[w];
+              ++bk[inner_word];
             } else {
+              CompleteLast(K, Tnext, mn.data());
+              succ.Line(d.data());
               f = std::exp(net.EdgeLogWeight(s, d.data()) +
                            net.LogRemainingWeight(Tnext, mn.data()) - R);
+              inc = detail::Steps(member.EdgeStatistic(s, d.data(), 0.0), scale);
+              NodeKey<M>(net, mn.data(), Tnext, scratch.data(), bk);
             }
+            for (int w = 0; w < nw; ++w) key[w] = bk[w];
             fresh = false;
             detail::LatticeEdge& e = batch[n];
             e.f = f;
-            e.inc = detail::Steps(member.EdgeStatistic(s, d.data(), 0.0), scale);
-            int64_t* bk = &batch_key[static_cast<size_t>(n) * nw];
-            NodeKey<M>(net, mn.data(), Tnext, scratch.data(), bk);
-            std::copy(mn.begin(), mn.end(), &batch_node[static_cast<size_t>(n) * K]);
+            e.inc = inc;
+            for (int j = 0; j < K; ++j) batch_node[static_cast<size_t>(n) * K + j] = mn[j];
             e.hash = store.Hash(s + 1, bk);
             store.Prefetch(e.hash);
             ++n;
@@ -381,8 +424,8 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
             batch[b].slot = next;
             __builtin_prefetch(&nodes[next]);
           }
+          if (RunStopped()) return static_cast<int>(FailureCode());
           for (int b = 0; b < n; ++b) {
-            if (RunStopped()) return static_cast<int>(FailureCode());
             const double fe = batch[b].f;
             const int64_t inc = batch[b].inc;
             LatticeNode& to = nodes[batch[b].slot];
@@ -404,14 +447,23 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
               const int64_t upto = position(to.lo[tb] + to.len[tb] - inc);
               if (from >= upto) continue;
               if (to.off[tb] < 0 && !place(to, tb, there)) return kLatticeTooLarge;
-              double* dq = &there.q[static_cast<size_t>(to.off[tb] + inc - to.lo[tb])];
-              uint8_t* dheld = &there.held[static_cast<size_t>(to.off[tb] + inc - to.lo[tb])];
+              const size_t base = static_cast<size_t>(to.off[tb] + inc - to.lo[tb]);
+              double* dq = &there.q[base];
               int64_t made = 0;
-              for (int64_t k = from; k < upto; ++k) {
-                const int64_t at = values[k];
-                dq[at] += fe * probs[k];
-                made += dheld[at] ^ 1;
-                dheld[at] = 1;
+              if (by_value) {
+                for (int64_t k = from; k < upto; ++k) {
+                  const int64_t at = values[k];
+                  made += dq[at] == 0.0;
+                  dq[at] += fe * probs[k];
+                }
+              } else {
+                uint8_t* dheld = &there.held[base];
+                for (int64_t k = from; k < upto; ++k) {
+                  const int64_t at = values[k];
+                  dq[at] += fe * probs[k];
+                  made += dheld[at] ^ 1;
+                  dheld[at] = 1;
+                }
               }
               to.held += made;
               live += made;
@@ -424,11 +476,13 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
                     std::min(node.lo[bb] + node.len[bb], to.lo[tb] + to.len[tb] - inc);
                 if (from >= upto) continue;
                 const double* sq = band_q[bb] + (from - node.lo[bb]);
-                const uint8_t* sheld = band_held[bb] + (from - node.lo[bb]);
                 if (to.off[tb] < 0 && !place(to, tb, there)) return kLatticeTooLarge;
                 const size_t at = static_cast<size_t>(to.off[tb] + from + inc - to.lo[tb]);
                 const int64_t made =
-                    detail::ScaledAdd(&there.q[at], &there.held[at], sq, sheld, fe, upto - from);
+                    by_value ? detail::ScaledAddByValue(&there.q[at], sq, fe, upto - from)
+                             : detail::ScaledAdd(&there.q[at], &there.held[at], sq,
+                                                 band_held[bb] + (from - node.lo[bb]), fe,
+                                                 upto - from);
                 to.held += made;
                 live += made;
               }
@@ -472,7 +526,7 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
       if (n.off[b] < 0) continue;
       for (int64_t k = 0; k < n.len[b]; ++k) {
         const size_t at = static_cast<size_t>(n.off[b] + k);
-        if (!last.held[at]) continue;
+        if (!held_at(last, at)) continue;
         const double v = static_cast<double>(n.lo[b] + k) / scale;
         if (std::fabs(v - high_bound) <= tol) result.high_point += last.q[at];  // R = 0 at the root
         if (std::fabs(v - low_bound) <= tol) result.low_point += last.q[at];

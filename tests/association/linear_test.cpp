@@ -191,8 +191,10 @@ TEST(LinearFamily, ExactMassesMatchEnumeration) {
 
 // The memory budget limits the past values held at once; the lattice form
 // holds the same values as the tree form, so the two run out at the same
-// budget: one kilobyte below what the peak needs, both end with -1.
-TEST(LinearFamily, LatticeFormRunsOutWhereTheTreeFormDoes) {
+// budget: one kilobyte below what the peak needs, both end with -1.  And on
+// large samples, where the lattice form keeps count differently, both
+// forms agree.
+TEST(LinearFamily, LatticeFormHoldsWhatTheTreeFormHolds) {
   const Table t = support::MakeTable({{3, 2, 2, 1, 0}, {2, 2, 3, 1, 2}, {1, 2, 2, 3, 2},
                                       {0, 1, 2, 3, 4}});
   assoc::LinearRun run(2, nullptr, nullptr);  // Spearman: mid-ranks on the lattice of halves
@@ -216,6 +218,39 @@ TEST(LinearFamily, LatticeFormRunsOutWhereTheTreeFormDoes) {
     EXPECT_TRUE(lattice);
     if (want == 0) {
       EXPECT_EQ(pass.peak_values, tree.peak_values);
+    }
+  }
+  // Beyond N = 160 the lattice form marks its held values by a byte each:
+  // the same values as the tree form, and the masses of the enumeration.
+  std::mt19937_64 rng(161);
+  for (int k = 0; k < 12; ++k) {
+    const int cols = 3 + k % 2;
+    const Table big = support::RandomSkewedTable(rng, 2, cols, 161 + 15 * k);
+    const auto big_cells = support::ColumnMajor(big);
+    assoc::LinearRun big_run(3, nullptr, nullptr);
+    ASSERT_EQ(big_run.Observed(big_cells, big.rows, big.cols, lf.data()), 0);
+    ASSERT_EQ(big_run.Exact(lf.data(), tree, assoc::ExactForm::kTree), 0);
+    ASSERT_EQ(big_run.Exact(lf.data(), pass, assoc::ExactForm::kAny, &lattice), 0);
+    const std::string what = support::Describe(big);
+    EXPECT_TRUE(lattice) << what;
+    std::vector<int64_t> iv(cols);
+    for (int j = 0; j < cols; ++j) iv[j] = j + 1;
+    const Masses ref = Enumerate(big, {1, 2}, iv);
+    const double slack = pass.stopped_early ? 1e-12 : 0.0;
+    if (!pass.stopped_early && !tree.stopped_early) {
+      EXPECT_EQ(pass.peak_values, tree.peak_values) << what;
+    }
+    // The edge weights come from log factorials of up to N (about 1e3 at
+    // N = 300), whose rounding reaches the masses at some 1e-12 in both
+    // forms alike.
+    const double masses[][3] = {
+        {pass.tail_high, tree.tail_high, static_cast<double>(ref.above)},
+        {pass.tail_low, tree.tail_low, static_cast<double>(ref.below)},
+        {pass.high_point, tree.high_point, static_cast<double>(ref.high_point)},
+        {pass.low_point, tree.low_point, static_cast<double>(ref.low_point)}};
+    for (const auto& m : masses) {
+      EXPECT_LE(std::fabs(m[0] - m[2]), 1e-11 * m[2] + slack) << what << ": " << m[0] << " vs " << m[2];
+      EXPECT_LE(std::fabs(m[0] - m[1]), 1e-12 * m[1] + slack) << what << ": " << m[0] << " vs " << m[1];
     }
   }
   SetSetting(setting::kMemoryLimit, int64_t{-1});
