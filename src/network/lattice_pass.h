@@ -82,6 +82,8 @@ struct LatticeEdge {
   int64_t slot;
 };
 inline constexpr int kLatticeBatch = 16;
+// Keys that index the slots directly: at most this many.
+inline constexpr int64_t kDirectKeys = int64_t{1} << 20;
 
 // Point storage of the nodes of one stage: bands are placed one after
 // another and the whole arena is reset when its stage has been expanded.
@@ -151,6 +153,27 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
   SuccessorEnumerator succ;
   succ.Reserve(K);
   const int nw = net.codec.n_words;
+  // Where every key is one word below a small bound, the key itself
+  // indexes the slots of each resident stage, in place of the store's hash
+  // index (which still holds the nodes: the store is the same).
+  int64_t key_space = 1;
+  bool direct = nw == 1 && !net.codec.last_word_empty;
+  for (int64_t r : net.codec.radix) {
+    key_space *= r;
+    if (key_space > detail::kDirectKeys) {
+      direct = false;
+      break;
+    }
+  }
+  std::vector<int64_t> slot_of[2];
+  if (direct) {
+    try {
+      slot_of[0].assign(static_cast<size_t>(key_space), 0);
+      slot_of[1].assign(static_cast<size_t>(key_space), 0);
+    } catch (const std::bad_alloc&) {
+      direct = false;
+    }
+  }
   int inner_word = 0;  // the key word that holds the last digit
   for (int w = 0; w < nw; ++w)
     if (net.codec.word_end[w] == K - 2) inner_word = w;
@@ -398,19 +421,23 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
             e.f = f;
             e.inc = inc;
             for (int j = 0; j < K; ++j) batch_node[static_cast<size_t>(n) * K + j] = mn[j];
-            e.hash = store.Hash(s + 1, bk);
-            store.Prefetch(e.hash);
+            if (!direct) {
+              e.hash = store.Hash(s + 1, bk);
+              store.Prefetch(e.hash);
+            }
             ++n;
             more = succ.Next(mn.data());
           } while (more && n < detail::kLatticeBatch);
           for (int b = 0; b < n; ++b) {
             const int64_t* bk = &batch_key[static_cast<size_t>(b) * nw];
-            int64_t next = store.FindHashed(batch[b].hash, s + 1, bk);
+            int64_t next = direct ? slot_of[(s + 1) & 1][static_cast<size_t>(bk[0])]
+                                  : store.FindHashed(batch[b].hash, s + 1, bk);
             if (next == 0) {  // first met: its bounds and bands now, and into the store
               const int64_t* node_b = &batch_node[static_cast<size_t>(b) * K];
               double shortest, longest, pmin, pmax;
               member.NodeBounds(s + 1, node_b, shortest, longest);
               next = store.Insert(s + 1, bk, shortest, longest, false);
+              if (direct && next != 0) slot_of[(s + 1) & 1][static_cast<size_t>(bk[0])] = next;
               if (next == 0) {  // the store is full: the edges before this one still count
                 full = true;
                 n = b;
@@ -501,6 +528,7 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
         }
       }
       if (settled) break;
+      if (direct) slot_of[s & 1][static_cast<size_t>(store.key(slot)[0])] = 0;
       store.Free(slot);
       live -= node.held;
       nodes[slot].held = 0;
