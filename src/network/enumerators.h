@@ -52,9 +52,26 @@ class SuccessorEnumerator {
     return true;
   }
 
+  // `next` holds the successor before (Start or Next wrote it).
   bool Next(int64_t* next) {
     int level = K_ - 2;
     if (level < 0) return false;
+    if (c_[level] < upper_[level]) {  // the last free level alone moves
+      ++c_[level];
+      ++next[level];
+      last_step_ = level;
+      return true;
+    }
+    return NextCarry(next);
+  }
+  // Whether the last Next() moved the last free level alone: the line
+  // then differs from the one before by one count moved from its last
+  // cell to the cell before it.
+  bool InnerStep() const { return last_step_ == K_ - 2; }
+
+ private:
+  bool NextCarry(int64_t* next) {
+    int level = K_ - 2;
     ++c_[level];
     while (c_[level] > upper_[level]) {
       if (level == 0) return false;
@@ -66,11 +83,8 @@ class SuccessorEnumerator {
     Emit(next);
     return true;
   }
-  // Whether the last Next() moved the last free level alone: the line
-  // then differs from the one before by one count moved from its last
-  // cell to the cell before it.
-  bool InnerStep() const { return last_step_ == K_ - 2; }
 
+ public:
   // The line of the current successor: d_j, with d[K-1] by subtraction.
   void Line(int64_t* d) const {
     int64_t prev = 0;

@@ -282,6 +282,9 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
     detail::LatticeArena& there = arena[(s + 1) & 1];
     int64_t next_nodes = 0;
     const int64_t Ts = net.T[s], Tnext = net.T[s + 1];
+    // The root's digits (the key margins) may pass the radices of the other
+    // stages: it goes through the store's index.
+    const bool direct_next = direct && s + 1 < S, direct_here = direct && s > 0;
     int64_t slot = store.NextSlotOfStage(0, s);
     if (slot == 0) return -1;
     bool settled = false;
@@ -421,7 +424,7 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
             e.f = f;
             e.inc = inc;
             for (int j = 0; j < K; ++j) batch_node[static_cast<size_t>(n) * K + j] = mn[j];
-            if (!direct) {
+            if (!direct_next) {
               e.hash = store.Hash(s + 1, bk);
               store.Prefetch(e.hash);
             }
@@ -430,14 +433,14 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
           } while (more && n < detail::kLatticeBatch);
           for (int b = 0; b < n; ++b) {
             const int64_t* bk = &batch_key[static_cast<size_t>(b) * nw];
-            int64_t next = direct ? slot_of[(s + 1) & 1][static_cast<size_t>(bk[0])]
+            int64_t next = direct_next ? slot_of[(s + 1) & 1][static_cast<size_t>(bk[0])]
                                   : store.FindHashed(batch[b].hash, s + 1, bk);
             if (next == 0) {  // first met: its bounds and bands now, and into the store
               const int64_t* node_b = &batch_node[static_cast<size_t>(b) * K];
               double shortest, longest, pmin, pmax;
               member.NodeBounds(s + 1, node_b, shortest, longest);
               next = store.Insert(s + 1, bk, shortest, longest, false);
-              if (direct && next != 0) slot_of[(s + 1) & 1][static_cast<size_t>(bk[0])] = next;
+              if (direct_next && next != 0) slot_of[(s + 1) & 1][static_cast<size_t>(bk[0])] = next;
               if (next == 0) {  // the store is full: the edges before this one still count
                 full = true;
                 n = b;
@@ -516,19 +519,20 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
             }
             if (live > limit) return -1;  // the tree form's pool would be exhausted here
             result.peak_values = std::max(result.peak_values, live);
-            if (tick())
-              SendExactEstimateLine(ClampUnit(result.tail_high + result.tail_low),
-                                    ClampUnit(1.0 - result.middle));
             if (result.Undecided() <= M::kStopMargin) {
               settled = true;
               break;
             }
           }
+          // One tick a batch: the host's poll runs on every tick.
+          if (tick())
+            SendExactEstimateLine(ClampUnit(result.tail_high + result.tail_low),
+                                  ClampUnit(1.0 - result.middle));
           if (full && !settled) return -1;
         }
       }
       if (settled) break;
-      if (direct) slot_of[s & 1][static_cast<size_t>(store.key(slot)[0])] = 0;
+      if (direct_here) slot_of[s & 1][static_cast<size_t>(store.key(slot)[0])] = 0;
       store.Free(slot);
       live -= node.held;
       nodes[slot].held = 0;
