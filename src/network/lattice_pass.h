@@ -88,9 +88,10 @@ inline constexpr int64_t kDirectKeys = int64_t{1} << 20;
 // Point storage of the nodes of one stage: bands are placed one after
 // another and the whole arena is reset when its stage has been expanded.
 struct LatticeArena {
-  std::vector<double> q;
-  std::vector<uint8_t> held;
+  MappedArray<double> q;      // pages mapped on first touch, reused stage after stage
+  MappedArray<uint8_t> held;
   int64_t used = 0;
+  int64_t touched = 0;  // points written since the mapping: the rest read as 0
 };
 
 // Whole number of lattice steps of an exact lattice value (the product is
@@ -232,25 +233,23 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
   const auto held_at = [by_value](const detail::LatticeArena& a, size_t at) {
     return by_value ? a.q[at] != 0.0 : a.held[at] != 0;
   };
+  for (detail::LatticeArena& a : arena) {
+    if (a.q.Allocate(static_cast<size_t>(cell_cap)) != 0) return -1;
+    if (!by_value && a.held.Allocate(static_cast<size_t>(cell_cap)) != 0) return -1;
+  }
   int64_t cells = 0, live = 1;
   result.peak_values = 1;
   const auto place = [&](LatticeNode& n, int b, detail::LatticeArena& a) -> bool {
     const int64_t len = n.len[b];
-    if (cells + len > cell_cap) return false;
-    const size_t need = static_cast<size_t>(a.used + len);
-    if (need > a.q.size()) {
-      try {
-        const size_t grow = std::max(need, 2 * a.q.size());
-        a.q.resize(grow);
-        if (!by_value) a.held.resize(grow);
-      } catch (const std::bad_alloc&) {
-        return false;
-      }
-    }
+    if (cells + len > cell_cap) return false;  // each arena holds cell_cap points
     n.off[b] = a.used;
-    std::memset(&a.q[static_cast<size_t>(a.used)], 0, sizeof(double) * static_cast<size_t>(len));
-    if (!by_value) std::memset(&a.held[static_cast<size_t>(a.used)], 0, static_cast<size_t>(len));
+    const int64_t dirty = std::min(len, std::max<int64_t>(0, a.touched - a.used));
+    if (dirty > 0) {  // points of an earlier stage: cleared
+      std::memset(&a.q[static_cast<size_t>(a.used)], 0, sizeof(double) * static_cast<size_t>(dirty));
+      if (!by_value) std::memset(&a.held[static_cast<size_t>(a.used)], 0, static_cast<size_t>(dirty));
+    }
     a.used += len;
+    a.touched = std::max(a.touched, a.used);
     cells += len;
     return true;
   };
@@ -477,19 +476,20 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
               const int64_t upto = position(to.lo[tb] + to.len[tb] - inc);
               if (from >= upto) continue;
               if (to.off[tb] < 0 && !place(to, tb, there)) return kLatticeTooLarge;
-              const size_t base = static_cast<size_t>(to.off[tb] + inc - to.lo[tb]);
-              double* dq = &there.q[base];
+              // The point of value v sits at base + v in the arena.
+              const int64_t base = to.off[tb] + inc - to.lo[tb];
+              double* dq = there.q.data();
               int64_t made = 0;
               if (by_value) {
                 for (int64_t k = from; k < upto; ++k) {
-                  const int64_t at = values[k];
+                  const size_t at = static_cast<size_t>(base + values[k]);
                   made += dq[at] == 0.0;
                   dq[at] += fe * probs[k];
                 }
               } else {
-                uint8_t* dheld = &there.held[base];
+                uint8_t* dheld = there.held.data();
                 for (int64_t k = from; k < upto; ++k) {
-                  const int64_t at = values[k];
+                  const size_t at = static_cast<size_t>(base + values[k]);
                   dq[at] += fe * probs[k];
                   made += dheld[at] ^ 1;
                   dheld[at] = 1;
