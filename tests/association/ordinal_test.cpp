@@ -316,7 +316,9 @@ TEST(OrdinalFamily, MonteCarloAgreesWithExactAndRepeats) {
     const std::vector<double> a(mc.Run(t), mc.Run(t) + TQ_RECORD_LENGTH);
     mc.Run(t);
     for (int i = 0; i < TQ_RECORD_LENGTH; ++i)
-      if (i < 42 || i > 44) EXPECT_EQ(mc.f[i], a[i]) << "procedure " << proc << " field " << i;
+      if (i < 42 || i > 44) {
+        EXPECT_EQ(mc.f[i], a[i]) << "procedure " << proc << " field " << i;
+      }
     std::vector<std::pair<int, int>> pairs = {{21, 16}};
     if (proc == 20) pairs.push_back({18, 15});
     for (auto [est, ex] : pairs) {
