@@ -12,6 +12,8 @@
 // range whose completions are neither all above nor all below nor all
 // strictly between the bounds.  Those are at most two bands of points
 // (below and above the middle region); a node keeps one array per band.
+// A node whose arrays are mostly empty is expanded from the sorted list of
+// its held values instead.
 // Along an edge with increment inc the decided points of the node are a
 // top run (above), a bottom run (below) and a run in between (middle),
 // summed from running sums formed once per node; the undecided points are
@@ -62,8 +64,9 @@ inline constexpr double kSmallEdge = 1e-250;
 namespace detail {
 
 // The lattice points of one node: up to two bands [lo, lo + len) of
-// probabilities, each with a byte per point that marks a held value (a
-// value whose probability has underflowed to 0 is still held).
+// probabilities.  Which points hold a value: up to N = 160 those whose
+// probability isn't 0; beyond, a byte per point tells (a value whose
+// probability has underflowed to 0 is still held).
 struct alignas(64) LatticeNode {
   int64_t lo[2];
   int64_t len[2];
@@ -129,7 +132,8 @@ inline int64_t ScaledAddByValue(double* __restrict dq, const double* __restrict 
 
 // Forward pass on the lattice of step 1 / scale.  `high_bound` and
 // `low_bound` as for ForwardPass.  `cell_cap` limits the points of the
-// bands of both resident stages.  Returns 0, -1 (as ForwardPass: a full
+// bands of both resident stages (each stage's arena is mapped for that
+// many, and its pages are touched only as bands are placed).  Returns 0, -1 (as ForwardPass: a full
 // store, the past values over the pool's count, more than 127 stages), a
 // stop's code, or kLatticeTooLarge.
 template <LatticeMember M>
@@ -233,9 +237,9 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
   const auto held_at = [by_value](const detail::LatticeArena& a, size_t at) {
     return by_value ? a.q[at] != 0.0 : a.held[at] != 0;
   };
-  for (detail::LatticeArena& a : arena) {
-    if (a.q.Allocate(static_cast<size_t>(cell_cap)) != 0) return -1;
-    if (!by_value && a.held.Allocate(static_cast<size_t>(cell_cap)) != 0) return -1;
+  for (detail::LatticeArena& a : arena) {  // refused: the tree form runs
+    if (a.q.Allocate(static_cast<size_t>(cell_cap)) != 0) return kLatticeTooLarge;
+    if (!by_value && a.held.Allocate(static_cast<size_t>(cell_cap)) != 0) return kLatticeTooLarge;
   }
   int64_t cells = 0, live = 1;
   result.peak_values = 1;
