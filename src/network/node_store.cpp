@@ -72,6 +72,17 @@ void KeyCodec::Build(int k, const std::vector<int64_t>& radices) {
   last_word_empty = !word_end.empty() && word_end.back() == digits - 1;
   word_end.push_back(digits - 1);
   n_words = static_cast<int>(word_end.size());
+  weight.assign(static_cast<size_t>(std::max(digits, 0)), 1);
+  word_of.assign(weight.size(), 0);
+  int first = 0;
+  for (int w = 0; w < n_words && first < digits; ++w) {
+    const int last = word_end[w];
+    for (int i = last; i >= first; --i) {
+      word_of[i] = w;
+      if (i < last) weight[i] = weight[i + 1] * radix[i + 1];
+    }
+    first = last + 1;
+  }
 }
 
 void KeyCodec::Unpack(const int64_t* key, int64_t* m) const {

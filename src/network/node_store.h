@@ -29,6 +29,10 @@ struct KeyCodec {
   std::vector<int> word_end;      // last digit of each word
   int n_words = 0;
   bool last_word_empty = false;   // the last word covers no digit: it holds T_s
+  // Digit i adds m_i x weight[i] to word word_of[i]: a change of one
+  // digit changes one word by a multiple of its weight.
+  std::vector<int64_t> weight;
+  std::vector<int> word_of;
 
   // Builds the word ends: a running product of radices closes a word at
   // the digit where it would pass 2147483647 (that digit still belongs to

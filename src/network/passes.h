@@ -134,6 +134,41 @@ inline void NodeKey(const Network& net, const int64_t* m, int64_t Ts, int64_t* s
   }
 }
 
+// Key of a successor mn (mn[K-1] its true last component) of a stage with
+// total Ts into `key`, where `scratch` and `last` hold what this routine
+// left there for the successor before (`fresh` false).  After a step of
+// the last free level one count has moved from the last column to the one
+// before it: in the canonical form one complement x becomes x - 1 and one
+// y becomes y + 1.  Lowering the first x and raising the last y keeps the
+// complements sorted, with no sort, and changes at most two digits of the
+// key.
+template <class M>
+inline void SuccessorKey(const Network& net, const SuccessorEnumerator& succ, bool fresh,
+                         const int64_t* mn, int64_t Ts, int64_t* scratch, int64_t* last,
+                         int64_t* key) {
+  const int nw = net.codec.n_words;
+  if constexpr (M::kCanonical) {
+    const int K = net.K;
+    if (!fresh && succ.InnerStep()) {
+      const int64_t x = net.A[K - 2] - mn[K - 2] + 1, y = net.A[K - 1] - mn[K - 1] - 1;
+      int i = 0;
+      while (scratch[i] != x) ++i;
+      --scratch[i];
+      int j = K - 1;
+      while (scratch[j] != y) --j;
+      ++scratch[j];
+      if (i < K - 1) last[net.codec.word_of[i]] -= net.codec.weight[i];
+      if (j < K - 1) last[net.codec.word_of[j]] += net.codec.weight[j];
+      if (key != last)
+        for (int w = 0; w < nw; ++w) key[w] = last[w];
+      return;
+    }
+  }
+  NodeKey<M>(net, mn, Ts, scratch, last);
+  if (key != last)
+    for (int w = 0; w < nw; ++w) key[w] = last[w];
+}
+
 // The node a key stands for, at a stage with total Ts.
 template <class M>
 inline void NodeOfKey(const Network& net, const int64_t* key, int64_t Ts, int64_t* m) {
@@ -195,7 +230,7 @@ int BackwardInduction(Network& net, const M& member) {
           if (store.Find(t, key.data()) != 0) continue;  // an equivalent node is done
         }
         double shortest = 0.0, longest = 0.0;
-        bool first = true, more = true;
+        bool first = true, more = true, fresh = true;
         succ.Start(K, net.A.data(), m.data(), net.B[t], net.rest[t], mn.data());
         while (more) {
           // A batch of successors: keys, increments and the index loads
@@ -204,7 +239,8 @@ int BackwardInduction(Network& net, const M& member) {
           do {
             CompleteLast(K, Tnext, mn.data());
             int64_t* bk = &batch_key[static_cast<size_t>(n) * nw];
-            NodeKey<M>(net, mn.data(), Tnext, scratch.data(), bk);
+            SuccessorKey<M>(net, succ, fresh, mn.data(), Tnext, scratch.data(), key.data(), bk);
+            fresh = false;
             batch_hash[n] = store.Hash(t + 1, bk);
             store.Prefetch(batch_hash[n]);
             succ.Line(d.data());
@@ -418,13 +454,16 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
         pool.Summarize(root);
         const double R = net.LogRemainingWeight(Ts, m.data());
         succ.Start(K, net.A.data(), m.data(), net.B[s], net.rest[s], mn.data());
+        bool fresh = true;
         do {
           CompleteLast(K, Tnext, mn.data());
           succ.Line(d.data());
           const double w = net.EdgeLogWeight(s, d.data());
           const double inc = member.EdgeStatistic(s, d.data(), w);
           const double f = std::exp(w + net.LogRemainingWeight(Tnext, mn.data()) - R);
-          NodeKey<M>(net, mn.data(), Tnext, scratch.data(), key.data());
+          SuccessorKey<M>(net, succ, fresh, mn.data(), Tnext, scratch.data(), key.data(),
+                          key.data());
+          fresh = false;
           int64_t next = store.Find(s + 1, key.data());
           if constexpr (M::kClosedFormBounds) {
             if (next == 0) {  // first met: its bounds now, and into the store

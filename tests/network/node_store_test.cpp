@@ -62,6 +62,16 @@ TEST(KeyCodec, PacksUnpacksAndHashes) {
     for (int64_t word : packed) EXPECT_GE(word, 0);
     k.Unpack(packed.data(), w.data());
     for (int i = 0; i < K - 1; ++i) ASSERT_EQ(w[i], v[i]) << "K=" << K << " digit " << i;
+    // One digit up by one: one word up by that digit's weight.
+    const int i = static_cast<int>(rng() % (K - 1));
+    if (v[i] + 1 < radix[i]) {
+      std::vector<int64_t> up = v, packed_up(k.n_words);
+      ++up[i];
+      k.Pack(up.data(), 99, packed_up.data());
+      for (int word = 0; word < k.n_words; ++word)
+        ASSERT_EQ(packed_up[word] - packed[word], word == k.word_of[i] ? k.weight[i] : 0)
+            << "K=" << K << " digit " << i;
+    }
   }
 
   // Zero maps to the prime; every value lies in 1..prime.
