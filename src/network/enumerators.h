@@ -53,7 +53,7 @@ class SuccessorEnumerator {
   }
 
   // `next` holds the successor before (Start or Next wrote it).
-  bool Next(int64_t* next) {
+  __attribute__((always_inline)) bool Next(int64_t* next) {
     int level = K_ - 2;
     if (level < 0) return false;
     if (c_[level] < upper_[level]) {  // the last free level alone moves
@@ -70,7 +70,7 @@ class SuccessorEnumerator {
   bool InnerStep() const { return last_step_ == K_ - 2; }
 
  private:
-  bool NextCarry(int64_t* next) {
+  __attribute__((noinline)) bool NextCarry(int64_t* next) {
     int level = K_ - 2;
     ++c_[level];
     while (c_[level] > upper_[level]) {

@@ -184,7 +184,7 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
     if (net.codec.word_end[w] == K - 2) inner_word = w;
   detail::LatticeEdge batch[detail::kLatticeBatch];
   std::vector<int64_t> batch_key(static_cast<size_t>(detail::kLatticeBatch) * nw),
-      batch_node(static_cast<size_t>(detail::kLatticeBatch) * K);
+      new_node(static_cast<size_t>(K));
   // The factors of a step of the last free level, by the count before it.
   std::vector<double> step_up(static_cast<size_t>(net.N + 2)), step_down(step_up.size());
 
@@ -371,12 +371,28 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
         above[npts] = 0.0;
         for (int64_t k = npts - 1; k >= 0; --k) above[k] = above[k + 1] + probs[k];
         // Position of the first point at or above value v.
-        const auto position = [&](int64_t v) -> int64_t {
-          if (compact) return std::lower_bound(values.data(), values.data() + npts, v) - values.data();
-          if (v <= node.lo[0]) return 0;
-          if (v < node.lo[0] + node.len[0]) return v - node.lo[0];
-          if (node.bands == 1 || v <= node.lo[1]) return node.len[0];
-          if (v < node.lo[1] + node.len[1]) return node.len[0] + v - node.lo[1];
+        // The bands that hold values, for the dense walk.
+        int sources = 0;
+        int64_t source_lo[2], source_end[2];
+        const double* source_q[2];
+        const uint8_t* source_held[2];
+        for (int b = 0; b < node.bands; ++b) {
+          if (band_q[b] == nullptr) continue;
+          source_lo[sources] = node.lo[b];
+          source_end[sources] = node.lo[b] + node.len[b];
+          source_q[sources] = band_q[b];
+          source_held[sources] = band_held[b];
+          ++sources;
+        }
+        const int64_t lo0 = node.lo[0], len0 = node.len[0];
+        const int64_t lo1 = node.bands > 1 ? node.lo[1] : lo0 + len0, len1 = npts - len0;
+        const int64_t* value_list = values.data();
+        const auto position = [&](int64_t v) __attribute__((always_inline)) -> int64_t {
+          if (compact) return std::lower_bound(value_list, value_list + npts, v) - value_list;
+          if (v <= lo0) return 0;
+          if (v < lo0 + len0) return v - lo0;
+          if (v <= lo1) return len0;
+          if (v < lo1 + len1) return len0 + v - lo1;
           return npts;
         };
 
@@ -426,7 +442,6 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
             detail::LatticeEdge& e = batch[n];
             e.f = f;
             e.inc = inc;
-            for (int j = 0; j < K; ++j) batch_node[static_cast<size_t>(n) * K + j] = mn[j];
             if (!direct_next) {
               e.hash = store.Hash(s + 1, bk);
               store.Prefetch(e.hash);
@@ -439,7 +454,10 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
             int64_t next = direct_next ? slot_of[(s + 1) & 1][static_cast<size_t>(bk[0])]
                                   : store.FindHashed(batch[b].hash, s + 1, bk);
             if (next == 0) {  // first met: its bounds and bands now, and into the store
-              const int64_t* node_b = &batch_node[static_cast<size_t>(b) * K];
+              // The successor from its key; the root's key may not unpack
+              // (its digits may pass the radices), but the root is A.
+              if (s + 1 < S) NodeOfKey<M>(net, bk, Tnext, new_node.data());
+              const int64_t* node_b = s + 1 < S ? new_node.data() : net.A.data();
               double shortest, longest, pmin, pmax;
               member.NodeBounds(s + 1, node_b, shortest, longest);
               next = store.Insert(s + 1, bk, shortest, longest, false);
@@ -503,19 +521,18 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
               live += made;
             }
             for (int tb = 0; tb < to.bands && !compact; ++tb) {
-              for (int bb = 0; bb < node.bands; ++bb) {
-                if (band_q[bb] == nullptr) continue;
-                const int64_t from = std::max(node.lo[bb], to.lo[tb] - inc);
-                const int64_t upto =
-                    std::min(node.lo[bb] + node.len[bb], to.lo[tb] + to.len[tb] - inc);
+              const int64_t to_lo = to.lo[tb] - inc, to_end = to_lo + to.len[tb];
+              for (int bb = 0; bb < sources; ++bb) {
+                const int64_t from = std::max(source_lo[bb], to_lo);
+                const int64_t upto = std::min(source_end[bb], to_end);
                 if (from >= upto) continue;
-                const double* sq = band_q[bb] + (from - node.lo[bb]);
+                const double* sq = source_q[bb] + (from - source_lo[bb]);
                 if (to.off[tb] < 0 && !place(to, tb, there)) return kLatticeTooLarge;
                 const size_t at = static_cast<size_t>(to.off[tb] + from + inc - to.lo[tb]);
                 const int64_t made =
                     by_value ? detail::ScaledAddByValue(&there.q[at], sq, fe, upto - from)
                              : detail::ScaledAdd(&there.q[at], &there.held[at], sq,
-                                                 band_held[bb] + (from - node.lo[bb]), fe,
+                                                 source_held[bb] + (from - source_lo[bb]), fe,
                                                  upto - from);
                 to.held += made;
                 live += made;
