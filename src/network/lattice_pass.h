@@ -295,10 +295,10 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
     // sum over the cells of the line.
     std::fill(d.begin(), d.end(), 0);
     d[K - 2] = 1;
-    const int64_t inner_inc = detail::Steps(member.EdgeStatistic(s, d.data(), 0.0), scale);
+    const int64_t up_inc = detail::Steps(member.EdgeStatistic(s, d.data(), 0.0), scale);
     d[K - 2] = 0;
     d[K - 1] = 1;
-    const int64_t inner_inc_total = inner_inc - detail::Steps(member.EdgeStatistic(s, d.data(), 0.0), scale);
+    const int64_t step_inc = up_inc - detail::Steps(member.EdgeStatistic(s, d.data(), 0.0), scale);
     for (int64_t i = 0; i < stage_nodes && !settled; ++i) {
       if (i > 0) {
         slot = store.NextSlotOfStage(slot, s);
@@ -415,7 +415,7 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
         while (more && !settled) {
           // A batch of successors: their lines, probabilities, increments
           // and keys, with the index loads started; then their slots, with
-          // the loads of their points started; then the edges themselves.
+          // the loads of their nodes started; then the edges themselves.
           int n = 0;
           do {
             int64_t* bk = &batch_key[static_cast<size_t>(n) * nw];
@@ -426,7 +426,7 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
               ++d[K - 2];
               --d[K - 1];
               --mn[K - 1];
-              inc += inner_inc_total;
+              inc += step_inc;
               for (int w = 0; w < nw; ++w) bk[w] = key[w];
               ++bk[inner_word];
             } else {
