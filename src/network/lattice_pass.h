@@ -179,9 +179,6 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
       direct = false;
     }
   }
-  int inner_word = 0;  // the key word that holds the last digit
-  for (int w = 0; w < nw; ++w)
-    if (net.codec.word_end[w] == K - 2) inner_word = w;
   detail::LatticeEdge batch[detail::kLatticeBatch];
   std::vector<int64_t> batch_key(static_cast<size_t>(detail::kLatticeBatch) * nw),
       new_node(static_cast<size_t>(K));
@@ -421,23 +418,20 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
             int64_t* bk = &batch_key[static_cast<size_t>(n) * nw];
             if (!fresh && succ.InnerStep() && f > kSmallEdge) {
               // One count moved from the last cell of the line to the one
-              // before it: the key's last digit goes up by one.
+              // before it.
               f *= step_up[d[K - 2]] * step_down[d[K - 1]];
               ++d[K - 2];
               --d[K - 1];
               --mn[K - 1];
               inc += step_inc;
-              for (int w = 0; w < nw; ++w) bk[w] = key[w];
-              ++bk[inner_word];
             } else {
               CompleteLast(K, Tnext, mn.data());
               succ.Line(d.data());
               f = std::exp(net.EdgeLogWeight(s, d.data()) +
                            net.LogRemainingWeight(Tnext, mn.data()) - R);
               inc = detail::Steps(member.EdgeStatistic(s, d.data(), 0.0), scale);
-              NodeKey<M>(net, mn.data(), Tnext, scratch.data(), bk);
             }
-            for (int w = 0; w < nw; ++w) key[w] = bk[w];
+            SuccessorKey<M>(net, succ, fresh, mn.data(), Tnext, scratch.data(), key.data(), bk);
             fresh = false;
             detail::LatticeEdge& e = batch[n];
             e.f = f;

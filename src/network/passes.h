@@ -138,18 +138,20 @@ inline void NodeKey(const Network& net, const int64_t* m, int64_t Ts, int64_t* s
 // total Ts into `key`, where `scratch` and `last` hold what this routine
 // left there for the successor before (`fresh` false).  After a step of
 // the last free level one count has moved from the last column to the one
-// before it: in the canonical form one complement x becomes x - 1 and one
-// y becomes y + 1.  Lowering the first x and raising the last y keeps the
-// complements sorted, with no sort, and changes at most two digits of the
-// key.
+// before it: in the plain form the last digit goes up by one; in the
+// canonical form one complement x becomes x - 1 and one y becomes y + 1.
+// Lowering the first x and raising the last y keeps the complements
+// sorted, with no sort, and changes at most two digits of the key.
 template <class M>
 inline void SuccessorKey(const Network& net, const SuccessorEnumerator& succ, bool fresh,
                          const int64_t* mn, int64_t Ts, int64_t* scratch, int64_t* last,
                          int64_t* key) {
   const int nw = net.codec.n_words;
-  if constexpr (M::kCanonical) {
-    const int K = net.K;
-    if (!fresh && succ.InnerStep()) {
+  const int K = net.K;
+  if (!fresh && succ.InnerStep()) {
+    if constexpr (!M::kCanonical) {
+      last[net.codec.word_of[K - 2]] += net.codec.weight[K - 2];
+    } else {
       const int64_t x = net.A[K - 2] - mn[K - 2] + 1, y = net.A[K - 1] - mn[K - 1] - 1;
       int i = 0;
       while (scratch[i] != x) ++i;
@@ -159,12 +161,10 @@ inline void SuccessorKey(const Network& net, const SuccessorEnumerator& succ, bo
       ++scratch[j];
       if (i < K - 1) last[net.codec.word_of[i]] -= net.codec.weight[i];
       if (j < K - 1) last[net.codec.word_of[j]] += net.codec.weight[j];
-      if (key != last)
-        for (int w = 0; w < nw; ++w) key[w] = last[w];
-      return;
     }
+  } else {
+    NodeKey<M>(net, mn, Ts, scratch, last);
   }
-  NodeKey<M>(net, mn, Ts, scratch, last);
   if (key != last)
     for (int w = 0; w < nw; ++w) key[w] = last[w];
 }
