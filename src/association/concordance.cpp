@@ -81,21 +81,7 @@ void PublishNormalTest(double p, bool high_side) {
 
 template <class Run>
 void ConcordanceDriver(const CallArgs& args) {
-  std::vector<int64_t> work;
-  int64_t code = BeginDriver(args, kConcordanceTraits, work);
-  const RunStore& st = Store();
-  if (code == 0) {
-    if (st.data_form != 1) {
-      code = fail::kEmptyTable;
-    } else if (st.row_count < 2 || st.column_count < 2) {
-      code = fail::kTableTooSmall;
-    } else {
-      Run run;
-      code = FamilyRun(run, work, st.row_count, st.column_count,
-                       st.run_method == 0 ? 1 : st.run_method);
-    }
-  }
-  EndDriver(code);
+  TableDriver(args, kConcordanceTraits, true, [](const RunStore&) { return Run(); });
 }
 
 }  // namespace

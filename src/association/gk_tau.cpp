@@ -117,21 +117,7 @@ bool GkTauRun::Hit::operator()(const int64_t* table) const {
 }
 
 void GkTauDriver(const CallArgs& args) {
-  std::vector<int64_t> work;
-  int64_t code = BeginDriver(args, kGkTauTraits, work);
-  const RunStore& st = Store();
-  if (code == 0) {
-    if (st.data_form != 1) {
-      code = fail::kEmptyTable;  // the family reads Table only
-    } else if (st.row_count < 2 || st.column_count < 2) {
-      code = fail::kTableTooSmall;
-    } else {
-      GkTauRun run;
-      const int64_t method = st.run_method == 0 ? 1 : st.run_method;  // 0 runs as exact
-      code = FamilyRun(run, work, st.row_count, st.column_count, method);
-    }
-  }
-  EndDriver(code);
+  TableDriver(args, kGkTauTraits, true, [](const RunStore&) { return GkTauRun(); });
 }
 
 }  // namespace anvl::assoc

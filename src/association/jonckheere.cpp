@@ -113,20 +113,7 @@ net::TwoCounts JonckheereRun::Hit::operator()(const int64_t* table) const {
 }
 
 void JonckheereDriver(const CallArgs& args) {
-  std::vector<int64_t> work;
-  int64_t code = BeginDriver(args, kJonckheereTraits, work);
-  const RunStore& st = Store();
-  if (code == 0) {
-    if (st.data_form != 1) {
-      code = fail::kEmptyTable;
-    } else if (st.row_count < 2 || st.column_count < 2) {
-      code = fail::kTableTooSmall;
-    } else {
-      JonckheereRun run;
-      code = FamilyRun(run, work, st.row_count, st.column_count, st.run_method);
-    }
-  }
-  EndDriver(code);
+  TableDriver(args, kJonckheereTraits, false, [](const RunStore&) { return JonckheereRun(); });
 }
 
 }  // namespace anvl::assoc

@@ -411,20 +411,9 @@ net::TwoCounts LinearRun::Hit::operator()(const int64_t* table) const {
 }
 
 void LinearDriver(const CallArgs& args) {
-  std::vector<int64_t> work;
-  int64_t code = BeginDriver(args, kLinearTraits, work);
-  const RunStore& st = Store();
-  if (code == 0) {
-    if (st.data_form != 1) {
-      code = fail::kEmptyTable;  // the family reads Table only
-    } else if (st.row_count < 2 || st.column_count < 2) {
-      code = fail::kTableTooSmall;
-    } else {
-      LinearRun run(static_cast<int>(st.run_selector), args.row_scores, args.scores);
-      code = FamilyRun(run, work, st.row_count, st.column_count, st.run_method);
-    }
-  }
-  EndDriver(code);
+  TableDriver(args, kLinearTraits, false, [&args](const RunStore& st) {
+    return LinearRun(static_cast<int>(st.run_selector), args.row_scores, args.scores);
+  });
 }
 
 }  // namespace anvl::assoc

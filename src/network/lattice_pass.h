@@ -72,7 +72,7 @@ struct alignas(64) LatticeNode {
   int64_t len[2];
   int64_t off[2];  // first point of the band in its stage's arena; -1: not yet placed
   int64_t held;    // values held
-  int64_t sh, lg;  // the node's ShortestPath and LongestPath, in steps
+  int64_t sh, lg;  // the node's bounds in steps, beside its bands: an edge reads one line
   int bands;
 };
 
