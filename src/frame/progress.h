@@ -85,7 +85,7 @@ const TickState& TickStateForTesting();
 class Ticker {
  public:
   Ticker();
-  bool operator()() {
+  __attribute__((always_inline)) bool operator()() {
     if (poll_ != nullptr) Poll();
     if (++state_->tick_count != state_->tick_quantum) return false;
     return Report(*state_);

@@ -83,6 +83,9 @@ void KeyCodec::Build(int k, const std::vector<int64_t>& radices) {
     }
     first = last + 1;
   }
+  // Component K - 1 is no digit: a change of it changes no word.
+  weight.push_back(0);
+  word_of.push_back(0);
 }
 
 void KeyCodec::Unpack(const int64_t* key, int64_t* m) const {
@@ -231,7 +234,7 @@ int NodeStore::Create(int64_t z, int n_words, int64_t prime) {
 void NodeStore::IndexGrow() {
   index_size_ *= 2;
   index_mask_ = index_size_ - 1;
-  std::fill(index_.data(), index_.data() + index_size_, IndexEntry{0, 0, 0});
+  std::fill(index_.data(), index_.data() + index_size_, IndexEntry{});
   index_count_ = 0;
   for (size_t w = 0; w < occupied_.size(); ++w)
     for (uint64_t bits = occupied_[w]; bits != 0; bits &= bits - 1)
@@ -245,21 +248,10 @@ bool NodeStore::SameKey(int64_t slot, const int64_t* key) const {
   return true;
 }
 
-uint64_t NodeStore::IndexHash(int stage, const int64_t* key) const {
-  uint64_t h = static_cast<uint64_t>(stage) * 0x9E3779B97F4A7C15ull;
-  for (int i = 0; i < n_words_; ++i) {
-    h ^= static_cast<uint64_t>(key[i]) + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
-  }
-  h ^= h >> 31;
-  h *= 0xBF58476D1CE4E5B9ull;
-  h ^= h >> 29;
-  return h;
-}
-
 void NodeStore::IndexAdd(int64_t slot) {
   uint64_t i = IndexHash(stage(slot), key(slot)) & index_mask_;
   while (index_[i].slot != 0) i = (i + 1) & index_mask_;
-  index_[i] = IndexEntry{key(slot)[0], static_cast<int32_t>(slot), stage(slot)};
+  index_[i] = IndexEntry{key(slot)[0], static_cast<int32_t>(slot), stage(slot), bounds_[slot]};
   ++index_count_;
 }
 
@@ -279,16 +271,17 @@ void NodeStore::IndexRemove(int64_t slot) {
     index_[i] = index_[j];
     i = j;
   }
-  index_[i] = IndexEntry{0, 0, 0};
+  index_[i] = IndexEntry{};
 }
 
-int64_t NodeStore::FindHashed(uint64_t hash, int stage, const int64_t* key) const {
+const NodeStore::IndexEntry* NodeStore::Lookup(uint64_t hash, int stage,
+                                               const int64_t* key) const {
   for (uint64_t i = hash; index_[i].slot != 0; i = (i + 1) & index_mask_) {
     const IndexEntry& e = index_[i];
     if (e.stage == stage && e.key0 == key[0] && (n_words_ == 1 || SameKey(e.slot, key)))
-      return e.slot;
+      return &e;
   }
-  return 0;
+  return nullptr;
 }
 
 // First free slot in from..to, a word of the occupancy bits at a time.
@@ -351,18 +344,21 @@ int64_t PastPool::EntryLimit(int64_t budget_bytes) {
   return std::min(budget_bytes / kBytesPerEntry - kEntryReserve, kLargestPool);
 }
 
-int PastPool::Create(int64_t limit) {
-  const size_t n = static_cast<size_t>(limit + 1);
+int PastPool::Create(int64_t limit, int64_t trees) {
+  // Every tree holds at most one chunk that is not full.
+  const int64_t chunks =
+      std::min((limit + kChunk - 1) / kChunk + trees + 1, (kLargestPool + 1) / kChunk);
   try {
-    entries_.reset(new Entry[n]);
-    stack_.reset(new int64_t[n + 1]);
+    stack_.reset(new int64_t[static_cast<size_t>(limit + 1)]);
   } catch (const std::bad_alloc&) {
     return -1;
   }
+  if (entries_.Allocate(static_cast<size_t>(chunks * kChunk)) != 0) return -1;
   stack = stack_.get();
   limit_ = limit;
-  head_ = 0;
-  fresh_ = 1;
+  chunks_ = chunks;
+  chunk_head_ = 0;
+  fresh_chunk_ = 1;
   live_ = peak_ = 0;
   return 0;
 }
@@ -385,6 +381,8 @@ void PastPool::Summarize(int64_t root) {
   }
 }
 
+// Each chunk of a tree is given back once, at its first entry, which the
+// tree took first.
 void PastPool::FreeTree(int64_t& root) {
   if (root == 0) return;
   int64_t top = 0;
@@ -395,8 +393,10 @@ void PastPool::FreeTree(int64_t& root) {
     Entry& x = entries_[e];
     if (x.left != 0) stack[top++] = x.left;
     if (x.right != 0) stack[top++] = x.right;
-    x.left = static_cast<int32_t>(-head_);  // the free list links through the left child, negated
-    head_ = e;
+    if (e % kChunk == 0) {
+      x.left = static_cast<int32_t>(-chunk_head_);
+      chunk_head_ = e;
+    }
     --live_;
   }
 }

@@ -30,7 +30,8 @@ struct KeyCodec {
   int n_words = 0;
   bool last_word_empty = false;   // the last word covers no digit: it holds T_s
   // Digit i adds m_i x weight[i] to word word_of[i]: a change of one
-  // digit changes one word by a multiple of its weight.
+  // digit changes one word by a multiple of its weight.  Entry K - 1,
+  // past the digits, has weight 0 (the last component is not packed).
   std::vector<int64_t> weight;
   std::vector<int> word_of;
 
@@ -145,7 +146,20 @@ class NodeStore {
   // the first answer: the lookups are independent cache misses otherwise.
   uint64_t Hash(int stage, const int64_t* key) const { return IndexHash(stage, key) & index_mask_; }
   void Prefetch(uint64_t hash) const { __builtin_prefetch(&index_[hash]); }
-  int64_t FindHashed(uint64_t hash, int stage, const int64_t* key) const;
+  int64_t FindHashed(uint64_t hash, int stage, const int64_t* key) const {
+    const IndexEntry* e = Lookup(hash, stage, key);
+    return e == nullptr ? 0 : e->slot;
+  }
+  // The same, with the node's two doubles (first, second below) read from
+  // the index line that found it.
+  int64_t FindHashed(uint64_t hash, int stage, const int64_t* key, double& first,
+                     double& second) const {
+    const IndexEntry* e = Lookup(hash, stage, key);
+    if (e == nullptr) return 0;
+    first = e->bounds.first;
+    second = e->bounds.second;
+    return e->slot;
+  }
   // Stores the key at the first free slot from its hash position; 0 when
   // no slot is free.  With `check_duplicate` a slot that already holds the
   // key at this stage is returned instead (nothing is stored).
@@ -160,17 +174,27 @@ class NodeStore {
   int64_t* key(int64_t slot) { return &keys_[slot * n_words_]; }
   // Two doubles per node: the shortest and longest path in the backward
   // pass, the upper and lower cut in the forward pass.
-  double& first(int64_t slot) { return bounds_[slot].first; }
-  double& second(int64_t slot) { return bounds_[slot].second; }
+  double first(int64_t slot) const { return bounds_[slot].first; }
+  double second(int64_t slot) const { return bounds_[slot].second; }
   int64_t& tree_root(int64_t slot) { return root_[slot]; }
   // Places a node in a given slot, bypassing the hash (the stage-0 node).
   void Place(int64_t slot, int stage, const int64_t* key, double first, double second);
 
  private:
+  struct IndexEntry;
+  const IndexEntry* Lookup(uint64_t hash, int stage, const int64_t* key) const;
   bool SameKey(int64_t slot, const int64_t* key) const;
   void Take(int64_t slot, int stage, const int64_t* key, double first, double second);
   int64_t FirstFree(int64_t from, int64_t to) const;
-  uint64_t IndexHash(int stage, const int64_t* key) const;
+  uint64_t IndexHash(int stage, const int64_t* key) const {
+    uint64_t h = static_cast<uint64_t>(stage) * 0x9E3779B97F4A7C15ull;
+    for (int i = 0; i < n_words_; ++i)
+      h ^= static_cast<uint64_t>(key[i]) + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
+    h ^= h >> 31;
+    h *= 0xBF58476D1CE4E5B9ull;
+    h ^= h >> 29;
+    return h;
+  }
   void IndexAdd(int64_t slot);
   void IndexRemove(int64_t slot);
   void IndexGrow();
@@ -188,14 +212,15 @@ class NodeStore {
   MappedArray<Bounds> bounds_;
   MappedArray<int64_t> root_;
   // Open addressing over the stored slots.  An entry carries the first key
-  // word and the stage beside the slot number, so that a lookup reads one
-  // cache line and not the slot's arrays as well.  The part in use grows
+  // word, the stage and the node's two doubles beside the slot number, so
+  // that a lookup reads one cache line and not the slot's arrays as well.  The part in use grows
   // with the nodes held (at most half full), up to twice Z; a small index
   // stays in cache where one sized for Z would miss on every lookup.
   struct IndexEntry {
     int64_t key0;
     int32_t slot;   // 0: empty
     int32_t stage;
+    Bounds bounds;  // a copy: a node's doubles are set once, when it is stored
   };
   MappedArray<IndexEntry> index_;
   uint64_t index_capacity_ = 0, index_size_ = 0, index_count_ = 0;
@@ -215,18 +240,27 @@ class NodeStore {
 // addition.  The subtree sums that decide whole subtrees at once are
 // formed once per tree (Summarize), when its node is about to be expanded
 // and no more values can arrive, instead of along every insert path.
+//
+// Entries are placed in chunks of kChunk, each chunk owned by one tree and
+// filled in the order its entries are made, so that a tree's paths lie in
+// few cache lines and pages and not scattered over the whole pool.  While
+// a tree is being built its root's `total` holds the tree's newest entry
+// (where its next entry goes).  The budget counts entries, not chunks: the
+// pool is exhausted when `limit` entries are held, whatever the chunks'
+// slack; the chunks live in pages mapped on first touch.
 class PastPool {
  public:
   // Entries the memory budget M allows: trunc(M / 40) - 4000, and never
   // more than the 32-bit links can reach.
   static int64_t EntryLimit(int64_t budget_bytes);
-  int Create(int64_t limit);  // 0 or -1
+  // A pool of `limit` entries for at most `trees` trees at once.  0 or -1.
+  int Create(int64_t limit, int64_t trees);
   // Adds (stat, q) to the tree at `root` (creating it when root is 0): a
   // value within `merge_tolerance` of an entry merges into it.  Returns 1
   // when an entry was made, 0 when merged, -1 when the pool is exhausted.
   int AddToTree(int64_t& root, double stat, double q, double merge_tolerance) {
     if (root == 0) {
-      root = NewEntry(stat, q);
+      root = NewTree(stat, q);
       return root == 0 ? -1 : 1;
     }
     Entry* x = &entries_[root];
@@ -237,7 +271,7 @@ class PastPool {
       }
       int32_t& child = x->stat > stat ? x->left : x->right;
       if (child == 0) {
-        const int64_t n = NewEntry(stat, q);
+        const int64_t n = NewEntry(root, stat, q);
         if (n == 0) return -1;
         child = static_cast<int32_t>(n);
         return 1;
@@ -278,27 +312,53 @@ class PastPool {
   int64_t Peak() const { return peak_; }
 
  private:
-  int64_t NewEntry(double s, double q) {
-    int64_t e;
-    if (head_ != 0) {
-      e = head_;
-      head_ = -entries_[e].left;
-    } else if (fresh_ <= limit_) {
-      e = fresh_++;
-    } else {
-      return 0;
+  static constexpr int64_t kChunk = 8;  // 256 bytes: four cache lines
+  // The newest entry of the tree at `root` (its root's total while it is
+  // being built).
+  int64_t& Newest(int64_t root) { return *reinterpret_cast<int64_t*>(&entries_[root].total); }
+  // The first entry of a free chunk, or 0 when every chunk is taken.
+  int64_t TakeChunk() {
+    if (chunk_head_ != 0) {
+      const int64_t e = chunk_head_;
+      chunk_head_ = -entries_[e].left;
+      return e;
     }
+    if (fresh_chunk_ >= chunks_) return 0;
+    return kChunk * fresh_chunk_++;
+  }
+  int64_t Place(int64_t e, double s, double q) {
     entries_[e] = Entry{s, q, q, 0, 0};  // 32 bytes: an entry never straddles a cache line
     if (++live_ > peak_) peak_ = live_;
     return e;
   }
-  // Entries 1..limit.  Untouched entries are left uninitialised: they join
-  // the free list in ascending order as they are first needed, after any
-  // entry given back, which is the order a fully linked list would give.
-  std::unique_ptr<Entry[]> entries_;
+  // The root of a new tree, in a chunk of its own; 0 when the pool is
+  // exhausted.
+  int64_t NewTree(double s, double q) {
+    if (live_ >= limit_) return 0;
+    const int64_t e = TakeChunk();
+    if (e == 0) return 0;
+    Place(e, s, q);
+    Newest(e) = e;
+    return e;
+  }
+  // A new entry of the tree at `root`: next to the tree's newest entry,
+  // or at the start of a new chunk.  0 when the pool is exhausted.
+  int64_t NewEntry(int64_t root, double s, double q) {
+    if (live_ >= limit_) return 0;
+    int64_t& newest = Newest(root);
+    int64_t e = newest + 1;
+    if (e % kChunk == 0 && (e = TakeChunk()) == 0) return 0;
+    newest = e;
+    return Place(e, s, q);
+  }
+  // Entries, kChunk a chunk; chunk 0 is never used (entry 0 is no entry).
+  // A free chunk links the free list through its first entry's `left`,
+  // negated.
+  MappedArray<Entry> entries_;
   std::unique_ptr<int64_t[]> stack_;
-  int64_t head_ = 0;       // last entry given back, 0 for none
-  int64_t fresh_ = 1;      // first entry never used
+  int64_t chunk_head_ = 0;   // first entry of the last chunk given back, 0 for none
+  int64_t fresh_chunk_ = 1;  // first chunk never used
+  int64_t chunks_ = 0;
   int64_t limit_ = 0;
   int64_t live_ = 0, peak_ = 0;  // entries held, and the most held at once
 };
@@ -348,7 +408,7 @@ template <bool kRelative>
 inline int PastPool::AddWithFinger(TreeFinger& f, int64_t& root, double stat, double q,
                                    double tol) {
   if (root == 0) {
-    root = NewEntry(stat, q);
+    root = NewTree(stat, q);
     if (root == 0) return -1;
     f.n_ = 1;
     f.entry_[0] = root;
@@ -383,7 +443,7 @@ inline int PastPool::AddWithFinger(TreeFinger& f, int64_t& root, double stat, do
     int32_t& child = go_left ? x->left : x->right;
     const bool made = child == 0;
     if (made) {
-      const int64_t n = NewEntry(stat, q);
+      const int64_t n = NewEntry(root, stat, q);
       if (n == 0) return -1;
       child = static_cast<int32_t>(n);
     }

@@ -143,31 +143,107 @@ inline void NodeKey(const Network& net, const int64_t* m, int64_t Ts, int64_t* s
 // Lowering the first x and raising the last y keeps the complements
 // sorted, with no sort, and changes at most two digits of the key.
 template <class M>
+__attribute__((always_inline)) inline void SuccessorKeyStep(const Network& net,
+                                                            const int64_t* mn, int64_t* scratch,
+                                                            int64_t* key) {
+  const int K = net.K;
+  if constexpr (!M::kCanonical) {
+    key[net.codec.word_of[K - 2]] += net.codec.weight[K - 2];
+  } else {
+    const int64_t x = net.A[K - 2] - mn[K - 2] + 1, y = net.A[K - 1] - mn[K - 1] - 1;
+    int i = 0;
+    while (scratch[i] != x) ++i;
+    --scratch[i];
+    int j = K - 1;
+    while (scratch[j] != y) --j;
+    ++scratch[j];
+    key[net.codec.word_of[i]] -= net.codec.weight[i];  // weight[K - 1] is 0
+    key[net.codec.word_of[j]] += net.codec.weight[j];
+  }
+}
+
+template <class M>
 inline void SuccessorKey(const Network& net, const SuccessorEnumerator& succ, bool fresh,
                          const int64_t* mn, int64_t Ts, int64_t* scratch, int64_t* last,
                          int64_t* key) {
-  const int nw = net.codec.n_words;
-  const int K = net.K;
-  if (!fresh && succ.InnerStep()) {
-    if constexpr (!M::kCanonical) {
-      last[net.codec.word_of[K - 2]] += net.codec.weight[K - 2];
-    } else {
-      const int64_t x = net.A[K - 2] - mn[K - 2] + 1, y = net.A[K - 1] - mn[K - 1] - 1;
-      int i = 0;
-      while (scratch[i] != x) ++i;
-      --scratch[i];
-      int j = K - 1;
-      while (scratch[j] != y) --j;
-      ++scratch[j];
-      if (i < K - 1) last[net.codec.word_of[i]] -= net.codec.weight[i];
-      if (j < K - 1) last[net.codec.word_of[j]] += net.codec.weight[j];
-    }
-  } else {
+  if (!fresh && succ.InnerStep())
+    SuccessorKeyStep<M>(net, mn, scratch, last);
+  else
     NodeKey<M>(net, mn, Ts, scratch, last);
-  }
   if (key != last)
-    for (int w = 0; w < nw; ++w) key[w] = last[w];
+    for (int w = 0; w < net.codec.n_words; ++w) key[w] = last[w];
 }
+
+// The successors of a node with what each edge needs: the successor
+// (all K components), its key, the line d, the edge's log weight and the
+// successor's LogRemainingWeight.  Along a run of the last free level one
+// count moves from the last cell of the line to the one before it, so the
+// key takes SuccessorKey's step and the two log sums change in their last
+// two terms only: the terms before them are summed once per run, in the
+// order EdgeLogWeight and LogRemainingWeight sum them, so the values are
+// the same doubles.
+template <class M>
+class SuccessorWalk {
+ public:
+  explicit SuccessorWalk(const Network& net)
+      : net_(net), K_(net.K), mn_(net.K), d_(net.K), scratch_(net.K), key_(net.codec.n_words) {
+    succ_.Reserve(K_);
+  }
+  // The first successor of node m (m[K-1] its true last component) of
+  // stage s.
+  void Start(int s, const int64_t* m) {
+    s_ = s;
+    Tnext_ = net_.T[s + 1];
+    succ_.Start(K_, net_.A.data(), m, net_.B[s], net_.rest[s], mn_.data());
+    Refresh();
+  }
+  // The next successor; false after the last.
+  __attribute__((always_inline)) bool Next() {
+    if (!succ_.Next(mn_.data())) return false;
+    if (succ_.InnerStep()) {
+      --mn_[K_ - 1];
+      ++d_[K_ - 2];
+      --d_[K_ - 1];
+      SuccessorKeyStep<M>(net_, mn_.data(), scratch_.data(), key_.data());
+    } else {
+      Refresh();
+    }
+    return true;
+  }
+  const int64_t* key() const { return key_.data(); }
+  const int64_t* next() const { return mn_.data(); }
+  const int64_t* line() const { return d_.data(); }
+  // EdgeLogWeight of the line.
+  double Weight() const {
+    return (w_head_ - LogFactorial(d_[K_ - 2], net_.lf)) - LogFactorial(d_[K_ - 1], net_.lf);
+  }
+  // LogRemainingWeight of the successor.
+  double Remaining() const {
+    return (r_head_ - LogFactorial(net_.A[K_ - 2] - mn_[K_ - 2], net_.lf)) -
+           LogFactorial(net_.A[K_ - 1] - mn_[K_ - 1], net_.lf);
+  }
+
+ private:
+  __attribute__((noinline)) void Refresh() {
+    CompleteLast(K_, Tnext_, mn_.data());
+    succ_.Line(d_.data());
+    w_head_ = LogFactorial(net_.B[s_], net_.lf);
+    r_head_ = LogFactorial(net_.N - Tnext_, net_.lf);
+    for (int j = 0; j < K_ - 2; ++j) {
+      w_head_ -= LogFactorial(d_[j], net_.lf);
+      r_head_ -= LogFactorial(net_.A[j] - mn_[j], net_.lf);
+    }
+    NodeKey<M>(net_, mn_.data(), Tnext_, scratch_.data(), key_.data());
+  }
+
+  const Network& net_;
+  const int K_;
+  int s_ = 0;
+  int64_t Tnext_ = 0;
+  SuccessorEnumerator succ_;
+  std::vector<int64_t> mn_, d_, scratch_, key_;
+  double w_head_ = 0.0, r_head_ = 0.0;  // the sums over the first K - 2 terms
+};
 
 // The node a key stands for, at a stage with total Ts.
 template <class M>
@@ -194,8 +270,8 @@ int BackwardInduction(Network& net, const M& member) {
   if (S > kMaxStages) return -1;
   NodeStore store;
   if (store.Create(net.Z, net.codec.n_words, net.prime) != 0) return -1;
-  std::vector<int64_t> matrix, m(K), mn(K), d(K), scratch(K), key(net.codec.n_words);
-  SuccessorEnumerator succ;
+  std::vector<int64_t> matrix, m(K), scratch(K), key(net.codec.n_words);
+  SuccessorWalk<M> walk(net);
   const double matrix_bytes = 8.0 * (K - 1) * static_cast<double>(net.stage_node_limit);
   if (!FitsInMemory(matrix_bytes)) return -1;
   try {
@@ -203,7 +279,6 @@ int BackwardInduction(Network& net, const M& member) {
   } catch (const std::bad_alloc&) {
     return -1;
   }
-  succ.Reserve(K);
   net.stage_end.assign(S, 0);
   const int nw = net.codec.n_words;
   std::vector<int64_t> batch_key(static_cast<size_t>(kBackwardBatch) * nw);
@@ -229,34 +304,31 @@ int BackwardInduction(Network& net, const M& member) {
           NodeKey<M>(net, m.data(), Tt, scratch.data(), key.data());
           if (store.Find(t, key.data()) != 0) continue;  // an equivalent node is done
         }
-        double shortest = 0.0, longest = 0.0;
-        bool first = true, more = true, fresh = true;
-        succ.Start(K, net.A.data(), m.data(), net.B[t], net.rest[t], mn.data());
+        double shortest = HUGE_VAL, longest = -HUGE_VAL;
+        bool first = true, more = true;
+        walk.Start(t, m.data());
         while (more) {
           // A batch of successors: keys, increments and the index loads
           // started, then the lookups, which find their lines in cache.
           int n = 0;
           do {
-            CompleteLast(K, Tnext, mn.data());
             int64_t* bk = &batch_key[static_cast<size_t>(n) * nw];
-            SuccessorKey<M>(net, succ, fresh, mn.data(), Tnext, scratch.data(), key.data(), bk);
-            fresh = false;
+            for (int w = 0; w < nw; ++w) bk[w] = walk.key()[w];
             batch_hash[n] = store.Hash(t + 1, bk);
             store.Prefetch(batch_hash[n]);
-            succ.Line(d.data());
-            batch_inc[n] = member.EdgeStatistic(t, d.data(), net.EdgeLogWeight(t, d.data()));
+            batch_inc[n] = member.EdgeStatistic(t, walk.line(), walk.Weight());
             ++n;
-            more = succ.Next(mn.data());
+            more = walk.Next();
           } while (more && n < kBackwardBatch);
           for (int b = 0; b < n; ++b) {
             if (!first && tick()) SendBackwardNodesLine(t + 1, net.Z - created);
-            const int64_t slot =
-                store.FindHashed(batch_hash[b], t + 1, &batch_key[static_cast<size_t>(b) * nw]);
-            if (slot == 0) return -1;
-            const double s = store.first(slot) + batch_inc[b], l = store.second(slot) + batch_inc[b];
-            if (first || s < shortest) shortest = s;
-            if (first || l > longest) longest = l;
             first = false;
+            double s_next, l_next;
+            if (store.FindHashed(batch_hash[b], t + 1, &batch_key[static_cast<size_t>(b) * nw],
+                                 s_next, l_next) == 0)
+              return -1;
+            shortest = std::min(shortest, s_next + batch_inc[b]);
+            longest = std::max(longest, l_next + batch_inc[b]);
           }
         }
         NodeKey<M>(net, m.data(), Tt, scratch.data(), key.data());
@@ -387,10 +459,9 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
   PastPool pool;
   if (store.Create(net.Z, net.codec.n_words, net.prime) != 0) return -1;
   const int64_t limit = PastPool::EntryLimit(MemoryBudget());
-  if (limit < 1 || pool.Create(limit) != 0) return -1;
-  std::vector<int64_t> m(K), mn(K), d(K), scratch(K), key(net.codec.n_words);
-  SuccessorEnumerator succ;
-  succ.Reserve(K);
+  if (limit < 1 || pool.Create(limit, net.Z) != 0) return -1;
+  std::vector<int64_t> m(K), scratch(K), key(net.codec.n_words);
+  SuccessorWalk<M> walk(net);
   const double tol = member.Tolerance(obs);
   TwoCuts cuts;
   if constexpr (M::kTwoCut)
@@ -453,23 +524,18 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
         NodeOfKey<M>(net, store.key(slot), Ts, m.data());
         pool.Summarize(root);
         const double R = net.LogRemainingWeight(Ts, m.data());
-        succ.Start(K, net.A.data(), m.data(), net.B[s], net.rest[s], mn.data());
-        bool fresh = true;
+        walk.Start(s, m.data());
         do {
-          CompleteLast(K, Tnext, mn.data());
-          succ.Line(d.data());
-          const double w = net.EdgeLogWeight(s, d.data());
-          const double inc = member.EdgeStatistic(s, d.data(), w);
-          const double f = std::exp(w + net.LogRemainingWeight(Tnext, mn.data()) - R);
-          SuccessorKey<M>(net, succ, fresh, mn.data(), Tnext, scratch.data(), key.data(),
-                          key.data());
-          fresh = false;
-          int64_t next = store.Find(s + 1, key.data());
+          const int64_t* key_next = walk.key();
+          const double w = walk.Weight();
+          const double inc = member.EdgeStatistic(s, walk.line(), w);
+          const double f = std::exp(w + walk.Remaining() - R);
+          int64_t next = store.Find(s + 1, key_next);
           if constexpr (M::kClosedFormBounds) {
             if (next == 0) {  // first met: its bounds now, and into the store
               double shortest, longest;
-              member.NodeBounds(s + 1, mn.data(), shortest, longest);
-              next = store.Insert(s + 1, key.data(), shortest, longest, false);
+              member.NodeBounds(s + 1, walk.next(), shortest, longest);
+              next = store.Insert(s + 1, key_next, shortest, longest, false);
               ++next_nodes;
             }
           }
@@ -489,7 +555,7 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
               break;
             }
           }
-        } while (succ.Next(mn.data()));
+        } while (walk.Next());
       }
       if (settled) break;
       store.Free(slot);

@@ -133,25 +133,35 @@ TEST(CapacityEstimate, HasAFloorAndFailsOnOverflow) {
 
 TEST(PastPool, MergesCloseValuesKeepsSumsAndRunsOut) {
   PastPool pool;
-  ASSERT_EQ(pool.Create(3), 0);
+  ASSERT_EQ(pool.Create(3, 4), 0);
   int64_t root = 0;
   const double tol = 1.0000000116860974e-07;
   EXPECT_EQ(pool.AddToTree(root, 5.0, 0.25, tol), 1);
-  EXPECT_EQ(root, 1);
+  ASSERT_NE(root, 0);
   EXPECT_EQ(pool.AddToTree(root, 5.0 + 1e-8, 0.25, tol), 0);  // merges
-  EXPECT_DOUBLE_EQ(pool[1].q, 0.5);
+  EXPECT_DOUBLE_EQ(pool[root].q, 0.5);
   EXPECT_EQ(pool.AddToTree(root, 5.0 + 1e-6, 0.125, tol), 1);  // doesn't
   EXPECT_EQ(pool.AddToTree(root, 4.0, 0.125, tol), 1);         // last entry
   pool.Summarize(root);
-  EXPECT_DOUBLE_EQ(pool[1].q + pool.Total(pool[1].left), 0.625);
-  EXPECT_DOUBLE_EQ(pool[1].q + pool.Total(pool[1].right), 0.625);
-  EXPECT_DOUBLE_EQ(pool[1].total, 0.75);
+  EXPECT_DOUBLE_EQ(pool[root].q + pool.Total(pool[root].left), 0.625);
+  EXPECT_DOUBLE_EQ(pool[root].q + pool.Total(pool[root].right), 0.625);
+  EXPECT_DOUBLE_EQ(pool[root].total, 0.75);
   EXPECT_EQ(pool.AddToTree(root, 3.0, 0.0, tol), -1);  // exhausted
   int64_t other = 0;
   pool.FreeTree(root);
   EXPECT_EQ(root, 0);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(pool.AddToTree(other, i * 1.0, 0.0, tol), 1);
   EXPECT_EQ(pool.AddToTree(other, 9.0, 0.0, tol), -1);
+  pool.FreeTree(other);
+  // The limit counts entries, not the chunks that trees take: three trees
+  // of one entry fill the pool, and the chunks given back serve again.
+  for (int round = 0; round < 2; ++round) {
+    int64_t roots[4] = {0, 0, 0, 0};
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(pool.AddToTree(roots[i], i * 1.0, 0.0, tol), 1);
+    EXPECT_EQ(pool.AddToTree(roots[3], 7.0, 0.0, tol), -1);
+    EXPECT_EQ(pool.Peak(), 3);
+    for (int64_t& r : roots) pool.FreeTree(r);
+  }
   // The entry limit follows the memory budget.
   EXPECT_EQ(PastPool::EntryLimit(2097152), 48428);
   EXPECT_EQ(PastPool::EntryLimit(16777216), 415430);
@@ -166,8 +176,8 @@ TEST(PastPool, FingerInsertsBuildTheSameTree) {
   std::uniform_real_distribution<double> step(-3e-5, 3e-5), jump(-1.0, 1.0);
   for (int trial = 0; trial < 20; ++trial) {
     PastPool plain, finger_pool;
-    ASSERT_EQ(plain.Create(5000), 0);
-    ASSERT_EQ(finger_pool.Create(5000), 0);
+    ASSERT_EQ(plain.Create(5000, 1), 0);
+    ASSERT_EQ(finger_pool.Create(5000, 1), 0);
     int64_t a = 0, b = 0;
     PastPool::TreeFinger finger;
     double v = 0.0;
@@ -182,12 +192,21 @@ TEST(PastPool, FingerInsertsBuildTheSameTree) {
     }
     EXPECT_GT(made, 100);
     EXPECT_LT(made, 3900);  // many values merged
-    for (int64_t e = 1; e <= made; ++e) {
-      ASSERT_EQ(plain[e].stat, finger_pool[e].stat) << e;
-      ASSERT_EQ(plain[e].left, finger_pool[e].left) << e;
-      ASSERT_EQ(plain[e].right, finger_pool[e].right) << e;
-      ASSERT_EQ(plain[e].q, finger_pool[e].q) << e;
+    // Both trees walked side by side: the same entries in the same places.
+    std::vector<std::pair<int64_t, int64_t>> todo{{a, b}};
+    int64_t seen = 0;
+    while (!todo.empty()) {
+      const auto [x, y] = todo.back();
+      todo.pop_back();
+      ASSERT_EQ(x == 0, y == 0);
+      if (x == 0) continue;
+      ++seen;
+      ASSERT_EQ(plain[x].stat, finger_pool[y].stat);
+      ASSERT_EQ(plain[x].q, finger_pool[y].q);
+      todo.push_back({plain[x].left, finger_pool[y].left});
+      todo.push_back({plain[x].right, finger_pool[y].right});
     }
+    EXPECT_EQ(seen, made);
   }
 }
 
