@@ -49,6 +49,7 @@ class SuccessorEnumerator {
     }
     Fill(0);
     Emit(next);
+    last_step_ = 0;
     return true;
   }
 
@@ -68,6 +69,9 @@ class SuccessorEnumerator {
   // then differs from the one before by one count moved from its last
   // cell to the cell before it.
   bool InnerStep() const { return last_step_ == K_ - 2; }
+  // The first component that the last Next() changed (0 after Start):
+  // the successor and the line are as before in the components below it.
+  int FirstChanged() const { return last_step_; }
 
  private:
   __attribute__((noinline)) bool NextCarry(int64_t* next) {
@@ -80,15 +84,16 @@ class SuccessorEnumerator {
     }
     last_step_ = level;
     Fill(level + 1);
-    Emit(next);
+    Emit(next, level);
     return true;
   }
 
  public:
-  // The line of the current successor: d_j, with d[K-1] by subtraction.
-  void Line(int64_t* d) const {
-    int64_t prev = 0;
-    for (int j = 0; j < K_ - 1; ++j) {
+  // The line of the current successor: d_j, with d[K-1] by subtraction;
+  // components below `from` are left as they are.
+  void Line(int64_t* d, int from = 0) const {
+    int64_t prev = from == 0 ? 0 : c_[from - 1];
+    for (int j = from; j < K_ - 1; ++j) {
       d[j] = c_[j] - prev;
       prev = c_[j];
     }
@@ -104,9 +109,10 @@ class SuccessorEnumerator {
       upper_[j] = std::min(prev + cap_[j], line_);
     }
   }
-  void Emit(int64_t* next) const {
-    int64_t prev = 0;
-    for (int j = 0; j < K_ - 1; ++j) {
+  // Components from..K-2 of the successor.
+  void Emit(int64_t* next, int from = 0) const {
+    int64_t prev = from == 0 ? 0 : c_[from - 1];
+    for (int j = from; j < K_ - 1; ++j) {
       next[j] = m_[j] + c_[j] - prev;
       prev = c_[j];
     }

@@ -208,7 +208,8 @@ constexpr uint64_t kFirstIndexSize = 1024;
 int NodeStore::Create(int64_t z, int n_words, int64_t prime) {
   uint64_t index_capacity = 1;
   while (index_capacity < 2 * static_cast<uint64_t>(z + 1)) index_capacity <<= 1;
-  const double slot_bytes = 1.0 + 8.0 * n_words + 3.0 * 8.0 + 16.0 * index_capacity / (z + 1.0);
+  const double slot_bytes = 1.0 + 8.0 * n_words + 3.0 * 8.0 +
+                            static_cast<double>(sizeof(IndexEntry)) * index_capacity / (z + 1.0);
   if (z >= std::numeric_limits<int32_t>::max()) return -1;
   if (!FitsInMemory(static_cast<double>(z + 1) * slot_bytes)) return -1;
   z_ = z;

@@ -11,6 +11,7 @@
 // once and is dropped.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <concepts>
 #include <cstdint>
@@ -176,17 +177,19 @@ inline void SuccessorKey(const Network& net, const SuccessorEnumerator& succ, bo
 
 // The successors of a node with what each edge needs: the successor
 // (all K components), its key, the line d, the edge's log weight and the
-// successor's LogRemainingWeight.  Along a run of the last free level one
-// count moves from the last cell of the line to the one before it, so the
-// key takes SuccessorKey's step and the two log sums change in their last
-// two terms only: the terms before them are summed once per run, in the
-// order EdgeLogWeight and LogRemainingWeight sum them, so the values are
-// the same doubles.
+// successor's LogRemainingWeight.  The two log sums are kept as running
+// sums over the components, in the order EdgeLogWeight and
+// LogRemainingWeight sum them, so their values are the same doubles; a
+// step of the enumerator that leaves the first components as they were
+// keeps their terms.  Along a run of the last free level one count moves
+// from the last cell of the line to the one before it: the key takes
+// SuccessorKey's step and only the last two terms change.
 template <class M>
 class SuccessorWalk {
  public:
   explicit SuccessorWalk(const Network& net)
-      : net_(net), K_(net.K), mn_(net.K), d_(net.K), scratch_(net.K), key_(net.codec.n_words) {
+      : net_(net), K_(net.K), mn_(net.K), d_(net.K), scratch_(net.K), key_(net.codec.n_words),
+        w_sum_(net.K), r_sum_(net.K) {
     succ_.Reserve(K_);
   }
   // The first successor of node m (m[K-1] its true last component) of
@@ -195,7 +198,9 @@ class SuccessorWalk {
     s_ = s;
     Tnext_ = net_.T[s + 1];
     succ_.Start(K_, net_.A.data(), m, net_.B[s], net_.rest[s], mn_.data());
-    Refresh();
+    w_sum_[0] = LogFactorial(net_.B[s], net_.lf);
+    r_sum_[0] = LogFactorial(net_.N - Tnext_, net_.lf);
+    Refresh(0);
   }
   // The next successor; false after the last.
   __attribute__((always_inline)) bool Next() {
@@ -206,7 +211,7 @@ class SuccessorWalk {
       --d_[K_ - 1];
       SuccessorKeyStep<M>(net_, mn_.data(), scratch_.data(), key_.data());
     } else {
-      Refresh();
+      Refresh(succ_.FirstChanged());
     }
     return true;
   }
@@ -215,23 +220,22 @@ class SuccessorWalk {
   const int64_t* line() const { return d_.data(); }
   // EdgeLogWeight of the line.
   double Weight() const {
-    return (w_head_ - LogFactorial(d_[K_ - 2], net_.lf)) - LogFactorial(d_[K_ - 1], net_.lf);
+    return (w_sum_[K_ - 2] - LogFactorial(d_[K_ - 2], net_.lf)) - LogFactorial(d_[K_ - 1], net_.lf);
   }
   // LogRemainingWeight of the successor.
   double Remaining() const {
-    return (r_head_ - LogFactorial(net_.A[K_ - 2] - mn_[K_ - 2], net_.lf)) -
+    return (r_sum_[K_ - 2] - LogFactorial(net_.A[K_ - 2] - mn_[K_ - 2], net_.lf)) -
            LogFactorial(net_.A[K_ - 1] - mn_[K_ - 1], net_.lf);
   }
 
  private:
-  __attribute__((noinline)) void Refresh() {
+  // Components from..K-1 of the successor are new.
+  __attribute__((noinline)) void Refresh(int from) {
     CompleteLast(K_, Tnext_, mn_.data());
-    succ_.Line(d_.data());
-    w_head_ = LogFactorial(net_.B[s_], net_.lf);
-    r_head_ = LogFactorial(net_.N - Tnext_, net_.lf);
-    for (int j = 0; j < K_ - 2; ++j) {
-      w_head_ -= LogFactorial(d_[j], net_.lf);
-      r_head_ -= LogFactorial(net_.A[j] - mn_[j], net_.lf);
+    succ_.Line(d_.data(), from);
+    for (int j = from; j < K_ - 2; ++j) {
+      w_sum_[j + 1] = w_sum_[j] - LogFactorial(d_[j], net_.lf);
+      r_sum_[j + 1] = r_sum_[j] - LogFactorial(net_.A[j] - mn_[j], net_.lf);
     }
     NodeKey<M>(net_, mn_.data(), Tnext_, scratch_.data(), key_.data());
   }
@@ -242,7 +246,9 @@ class SuccessorWalk {
   int64_t Tnext_ = 0;
   SuccessorEnumerator succ_;
   std::vector<int64_t> mn_, d_, scratch_, key_;
-  double w_head_ = 0.0, r_head_ = 0.0;  // the sums over the first K - 2 terms
+  // w_sum_[j]: log B! less the log factorials of d_0..d_{j-1}; r_sum_[j]:
+  // log (N - T)! less those of the complements of mn_0..mn_{j-1}.
+  std::vector<double> w_sum_, r_sum_;
 };
 
 // The node a key stands for, at a stage with total Ts.
