@@ -242,12 +242,6 @@ void NodeStore::IndexGrow() {
       IndexAdd(static_cast<int64_t>(w * 64 + __builtin_ctzll(bits)));
 }
 
-bool NodeStore::SameKey(int64_t slot, const int64_t* key) const {
-  const int64_t* k = &keys_[slot * n_words_];
-  for (int i = 0; i < n_words_; ++i)
-    if (k[i] != key[i]) return false;
-  return true;
-}
 
 void NodeStore::IndexAdd(int64_t slot) {
   uint64_t i = IndexHash(stage(slot), key(slot)) & index_mask_;
@@ -273,16 +267,6 @@ void NodeStore::IndexRemove(int64_t slot) {
     i = j;
   }
   index_[i] = IndexEntry{};
-}
-
-const NodeStore::IndexEntry* NodeStore::Lookup(uint64_t hash, int stage,
-                                               const int64_t* key) const {
-  for (uint64_t i = hash; index_[i].slot != 0; i = (i + 1) & index_mask_) {
-    const IndexEntry& e = index_[i];
-    if (e.stage == stage && e.key0 == key[0] && (n_words_ == 1 || SameKey(e.slot, key)))
-      return &e;
-  }
-  return nullptr;
 }
 
 // First free slot in from..to, a word of the occupancy bits at a time.

@@ -183,7 +183,12 @@ class NodeStore {
  private:
   struct IndexEntry;
   const IndexEntry* Lookup(uint64_t hash, int stage, const int64_t* key) const;
-  bool SameKey(int64_t slot, const int64_t* key) const;
+  bool SameKey(int64_t slot, const int64_t* key) const {
+    const int64_t* k = &keys_[slot * n_words_];
+    for (int i = 0; i < n_words_; ++i)
+      if (k[i] != key[i]) return false;
+    return true;
+  }
   void Take(int64_t slot, int stage, const int64_t* key, double first, double second);
   int64_t FirstFree(int64_t from, int64_t to) const;
   uint64_t IndexHash(int stage, const int64_t* key) const {
@@ -226,6 +231,16 @@ class NodeStore {
   uint64_t index_capacity_ = 0, index_size_ = 0, index_count_ = 0;
   uint64_t index_mask_ = 0;
 };
+
+inline const NodeStore::IndexEntry* NodeStore::Lookup(uint64_t hash, int stage,
+                                                     const int64_t* key) const {
+  for (uint64_t i = hash; index_[i].slot != 0; i = (i + 1) & index_mask_) {
+    const IndexEntry& e = index_[i];
+    if (e.stage == stage && e.key0 == key[0] && (n_words_ == 1 || SameKey(e.slot, key)))
+      return &e;
+  }
+  return nullptr;
+}
 
 // Pool of past-value tree entries, numbered from 1, with a free list.
 // Each node of the forward pass owns one binary search tree of the
