@@ -11,6 +11,7 @@
 
 #include <cmath>
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -328,9 +329,10 @@ class PastPool {
 
  private:
   static constexpr int64_t kChunk = 8;  // 256 bytes: four cache lines
-  // The newest entry of the tree at `root` (its root's total while it is
-  // being built).
-  int64_t& Newest(int64_t root) { return *reinterpret_cast<int64_t*>(&entries_[root].total); }
+  // The newest entry of the tree at `root` (its root's total holds it, bit
+  // for bit, while the tree is being built).
+  int64_t Newest(int64_t root) const { return std::bit_cast<int64_t>(entries_[root].total); }
+  void SetNewest(int64_t root, int64_t e) { entries_[root].total = std::bit_cast<double>(e); }
   // The first entry of a free chunk, or 0 when every chunk is taken.
   int64_t TakeChunk() {
     if (chunk_head_ != 0) {
@@ -353,17 +355,16 @@ class PastPool {
     const int64_t e = TakeChunk();
     if (e == 0) return 0;
     Place(e, s, q);
-    Newest(e) = e;
+    SetNewest(e, e);
     return e;
   }
   // A new entry of the tree at `root`: next to the tree's newest entry,
   // or at the start of a new chunk.  0 when the pool is exhausted.
   int64_t NewEntry(int64_t root, double s, double q) {
     if (live_ >= limit_) return 0;
-    int64_t& newest = Newest(root);
-    int64_t e = newest + 1;
+    int64_t e = Newest(root) + 1;
     if (e % kChunk == 0 && (e = TakeChunk()) == 0) return 0;
-    newest = e;
+    SetNewest(root, e);
     return Place(e, s, q);
   }
   // Entries, kChunk a chunk; chunk 0 is never used (entry 0 is no entry).

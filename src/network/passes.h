@@ -300,7 +300,7 @@ int BackwardInduction(Network& net, const M& member) {
   for (int t = S - 1; t >= 0; --t) {
     if (tick() || M::kCanonical) SendBackwardLine(t);
     if (t > 0) {
-      const int64_t Tt = net.T[t], Tnext = net.T[t + 1];
+      const int64_t Tt = net.T[t];
       const int64_t count = StageEnumerator(K, net.A.data(), Tt, net.N, net.stage_node_limit, matrix);
       if (count < 0) return -1;
       for (int64_t i = 0; i < count; ++i) {
@@ -515,7 +515,7 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
 
     // The stage processor: expand every node of stage s.
     int64_t new_entries = 0;
-    const int64_t Ts = net.T[s], Tnext = net.T[s + 1];
+    const int64_t Ts = net.T[s];
     const int64_t nodes = stage_nodes;
     int64_t slot = store.NextSlotOfStage(0, s);
     if (slot == 0) return -1;
