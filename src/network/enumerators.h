@@ -32,22 +32,31 @@ class SuccessorEnumerator {
     upper_.assign(K, 0);
     cap_.assign(K, 0);
     capsum_.assign(K, 0);
+    tie_.assign(K, -1);
   }
 
-  // m[0..K-1] is the node (m[K-1] its true last component).
+  // m[0..K-1] is the node (m[K-1] its true last component).  With `tie`,
+  // column j whose tie[j] = i >= 0 (an earlier column of the same
+  // capacity) takes at most what column i takes: of the lines that differ
+  // only by an exchange of such columns, only the one whose cells don't
+  // rise within each group is listed.  False when there is no line.
   bool Start(int K, const int64_t* A, const int64_t* m, int64_t line_total, int64_t rest,
-             int64_t* next) {
+             int64_t* next, const int* tie = nullptr) {
     K_ = K;
     line_ = line_total;
     rest_ = rest;
     m_ = m;
+    tied_ = tie != nullptr;
     int64_t s = 0;
     for (int j = 0; j < K; ++j) {
       cap_[j] = A[j] - m[j];
       s += cap_[j];
       capsum_[j] = s;
+      tie_[j] = tied_ ? tie[j] : -1;
     }
-    Fill(0);
+    last_step_ = 0;
+    const int dead = Fill(0);
+    if (dead >= 0 && (dead == 0 || !Settle(dead - 1))) return false;
     Emit(next);
     last_step_ = 0;
     return true;
@@ -75,17 +84,28 @@ class SuccessorEnumerator {
 
  private:
   __attribute__((noinline)) bool NextCarry(int64_t* next) {
-    int level = K_ - 2;
+    if (!Settle(K_ - 2)) return false;
+    Emit(next, last_step_);
+    return true;
+  }
+  // Raises level `level` and settles the levels below it at their lowest
+  // values, carrying upwards past levels that have none; false after the
+  // last line.  last_step_ becomes the lowest level raised.
+  bool Settle(int level) {
+    last_step_ = level;
     ++c_[level];
-    while (c_[level] > upper_[level]) {
-      if (level == 0) return false;
-      --level;
+    for (;;) {
+      while (c_[level] > upper_[level]) {
+        if (level == 0) return false;
+        --level;
+        ++c_[level];
+      }
+      if (level < last_step_) last_step_ = level;
+      const int dead = Fill(level + 1);
+      if (dead < 0) return true;
+      level = dead - 1;  // no value at level `dead`: raise the one above
       ++c_[level];
     }
-    last_step_ = level;
-    Fill(level + 1);
-    Emit(next, level);
-    return true;
   }
 
  public:
@@ -101,14 +121,27 @@ class SuccessorEnumerator {
   }
 
  private:
-  // Sets levels from..K-2 at their lower bounds.
-  void Fill(int from) {
+  // Sets levels from..K-2 at their lower bounds.  Returns -1, or the first
+  // level whose bounds cross (only under tie constraints).
+  int Fill(int from) {
     for (int j = from; j < K_ - 1; ++j) {
       const int64_t prev = j == 0 ? 0 : c_[j - 1];
-      c_[j] = std::max(prev, capsum_[j] - rest_);
-      upper_[j] = std::min(prev + cap_[j], line_);
+      int64_t lo = std::max(prev, capsum_[j] - rest_);
+      int64_t hi = std::min(prev + cap_[j], line_);
+      if (tied_) {
+        if (tie_[j] >= 0) hi = std::min(hi, prev + Cell(tie_[j]));
+        if (j == K_ - 2 && tie_[K_ - 1] >= 0) {  // the last cell, line - c_j, is bounded too
+          const int t = tie_[K_ - 1];
+          lo = std::max(lo, t == j ? (line_ + prev + 1) / 2 : line_ - Cell(t));
+        }
+        if (lo > hi) return j;
+      }
+      c_[j] = lo;
+      upper_[j] = hi;
     }
+    return -1;
   }
+  int64_t Cell(int j) const { return c_[j] - (j == 0 ? 0 : c_[j - 1]); }
   // Components from..K-2 of the successor.
   void Emit(int64_t* next, int from = 0) const {
     int64_t prev = from == 0 ? 0 : c_[from - 1];
@@ -119,9 +152,11 @@ class SuccessorEnumerator {
   }
 
   int K_ = 0, last_step_ = -1;
+  bool tied_ = false;
   int64_t line_ = 0, rest_ = 0;
   const int64_t* m_ = nullptr;
   std::vector<int64_t> c_, upper_, cap_, capsum_;
+  std::vector<int> tie_;
 };
 
 }  // namespace anvl::net

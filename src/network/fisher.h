@@ -22,6 +22,8 @@ struct FisherMember {
   static constexpr bool kTwoCut = false;
   static constexpr bool kClosedFormBounds = false;
   static constexpr bool kRelativeMerge = false;
+  // The edge adds the line's log weight, a symmetric function of its cells.
+  static constexpr bool kSymmetricLine = true;
   // Past log probabilities closer than this merge (1e-5 in single precision).
   static constexpr double kMergeTolerance = 9.999999747378752e-06;
   static constexpr double kStopMargin = 0.0;

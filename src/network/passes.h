@@ -194,13 +194,17 @@ class SuccessorWalk {
   }
   // The first successor of node m (m[K-1] its true last component) of
   // stage s.
-  void Start(int s, const int64_t* m) {
+  // stage s; with `tie`, only the lines that SuccessorEnumerator lists
+  // under that constraint.  False when there is none.
+  bool Start(int s, const int64_t* m, const int* tie = nullptr) {
     s_ = s;
     Tnext_ = net_.T[s + 1];
-    succ_.Start(K_, net_.A.data(), m, net_.B[s], net_.rest[s], mn_.data());
+    if (!succ_.Start(K_, net_.A.data(), m, net_.B[s], net_.rest[s], mn_.data(), tie))
+      return false;
     w_sum_[0] = LogFactorial(net_.B[s], net_.lf);
     r_sum_[0] = LogFactorial(net_.N - Tnext_, net_.lf);
     Refresh(0);
+    return true;
   }
   // The next successor; false after the last.
   __attribute__((always_inline)) bool Next() {
@@ -263,6 +267,32 @@ inline void NodeOfKey(const Network& net, const int64_t* key, int64_t Ts, int64_
 
 inline double ClampUnit(double x) { return x < 0.0 ? 0.0 : (x > 1.0 ? 1.0 : x); }
 
+// Whether a member's edge statistic is a symmetric function of the line's
+// cells: lines that differ by an exchange of cells then add the same
+// statistic, up to the order of its sum (the last bits of a double).
+template <class M>
+constexpr bool SymmetricLine() {
+  if constexpr (requires { M::kSymmetricLine; }) return M::kSymmetricLine;
+  else return false;
+}
+
+// Columns of a node that have equal complements: tie[j] is the last
+// column before j with the same complement, or -1.  True when there is
+// such a pair.
+inline bool TiedColumns(const Network& net, const int64_t* m, int* tie) {
+  bool any = false;
+  for (int j = 0; j < net.K; ++j) {
+    tie[j] = -1;
+    for (int i = j - 1; i >= 0; --i)
+      if (net.A[i] - m[i] == net.A[j] - m[j]) {
+        tie[j] = i;
+        any = true;
+        break;
+      }
+  }
+  return any;
+}
+
 // Writes every node of the network, stages S down to 1, with its exact
 // ShortestPath and LongestPath, and fills net.stage_end.  Returns 0, -1
 // (a stage over its limit, no free slot, a successor not found, more than
@@ -290,6 +320,7 @@ int BackwardInduction(Network& net, const M& member) {
   std::vector<int64_t> batch_key(static_cast<size_t>(kBackwardBatch) * nw);
   std::vector<uint64_t> batch_hash(kBackwardBatch);
   std::vector<double> batch_inc(kBackwardBatch);
+  std::vector<int> tie(K);
 
   // The root: the vector A at stage S (every complement 0).
   NodeKey<M>(net, net.A.data(), net.N, scratch.data(), key.data());
@@ -312,7 +343,12 @@ int BackwardInduction(Network& net, const M& member) {
         }
         double shortest = HUGE_VAL, longest = -HUGE_VAL;
         bool first = true, more = true;
-        walk.Start(t, m.data());
+        // Lines that differ by an exchange of cells between columns of equal
+        // complement reach the same canonical node with the same statistic,
+        // up to the order of its sum: one of them is listed.
+        bool tied = false;
+        if constexpr (SymmetricLine<M>()) tied = TiedColumns(net, m.data(), tie.data());
+        if (!walk.Start(t, m.data(), tied ? tie.data() : nullptr)) return -1;
         while (more) {
           // A batch of successors: keys, increments and the index loads
           // started, then the lookups, which find their lines in cache.
