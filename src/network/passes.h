@@ -193,9 +193,8 @@ class SuccessorWalk {
     succ_.Reserve(K_);
   }
   // The first successor of node m (m[K-1] its true last component) of
-  // stage s.
-  // stage s; with `tie`, only the lines that SuccessorEnumerator lists
-  // under that constraint.  False when there is none.
+  // stage s; with `tie`, of the lines that SuccessorEnumerator lists under
+  // that constraint.  False when there is none.
   bool Start(int s, const int64_t* m, const int* tie = nullptr) {
     s_ = s;
     Tnext_ = net_.T[s + 1];
