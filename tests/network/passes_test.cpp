@@ -242,9 +242,14 @@ TEST(SuccessorEnumerator, TiedColumnsListOneLineOfEachExchange) {
     bool more = e.Start(K, cap.data(), m.data(), line, total - line, next.data(), tie.data());
     while (more) {
       e.Line(got.data());
-      for (int j = 0; j < K - 1; ++j) ASSERT_EQ(next[j], got[j]) << trial;
-      if (!listed.empty())
-        for (int j = 0; j < e.FirstChanged(); ++j) ASSERT_EQ(got[j], listed.back()[j]) << trial;
+      for (int j = 0; j < K - 1; ++j) {
+        ASSERT_EQ(next[j], got[j]) << trial;
+      }
+      if (!listed.empty()) {
+        for (int j = 0; j < e.FirstChanged(); ++j) {
+          ASSERT_EQ(got[j], listed.back()[j]) << trial;
+        }
+      }
       listed.push_back(got);
       more = e.Next(next.data());
     }
