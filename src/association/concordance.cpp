@@ -81,7 +81,7 @@ void PublishNormalTest(double p, bool high_side) {
 
 template <class Run>
 void ConcordanceDriver(const CallArgs& args) {
-  TableDriver(args, kConcordanceTraits, true, [](const RunStore&) { return Run(); });
+  TableDriver(args, kConcordanceTraits, {.zero_runs_exact = true}, [](const RunStore&) { return Run(); });
 }
 
 }  // namespace

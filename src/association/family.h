@@ -193,23 +193,29 @@ int FamilyRun(Run& run, std::vector<int64_t>& table, int64_t rows, int64_t cols,
   return 0;
 }
 
+// What a table driver asks of its table beyond the family's checks.
+struct TableRule {
+  bool zero_runs_exact = false;  // a RunMethod of 0 runs as exact
+  bool square = false;           // as many rows as columns (kNotSquare)
+};
+
 // The driver of a member that reads a table of at least 2 x 2: the driver
 // frame, the table checks, and a run made by `make(store)` under FamilyRun.
-// With `zero_runs_exact` a RunMethod of 0 runs as exact.
 template <class MakeRun>
-void TableDriver(const CallArgs& args, const DriverTraits& traits, bool zero_runs_exact,
-                 MakeRun make) {
+void TableDriver(const CallArgs& args, const DriverTraits& traits, TableRule rule, MakeRun make) {
   std::vector<int64_t> work;
   int64_t code = BeginDriver(args, traits, work);
   const RunStore& st = Store();
   if (code == 0) {
     if (st.data_form != 1) {
       code = fail::kEmptyTable;  // the family reads Table only
+    } else if (rule.square && st.row_count != st.column_count) {
+      code = fail::kNotSquare;
     } else if (st.row_count < 2 || st.column_count < 2) {
       code = fail::kTableTooSmall;
     } else {
       auto run = make(st);
-      const int64_t method = zero_runs_exact && st.run_method == 0 ? 1 : st.run_method;
+      const int64_t method = rule.zero_runs_exact && st.run_method == 0 ? 1 : st.run_method;
       code = FamilyRun(run, work, st.row_count, st.column_count, method);
     }
   }

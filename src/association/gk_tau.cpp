@@ -117,7 +117,7 @@ bool GkTauRun::Hit::operator()(const int64_t* table) const {
 }
 
 void GkTauDriver(const CallArgs& args) {
-  TableDriver(args, kGkTauTraits, true, [](const RunStore&) { return GkTauRun(); });
+  TableDriver(args, kGkTauTraits, {.zero_runs_exact = true}, [](const RunStore&) { return GkTauRun(); });
 }
 
 }  // namespace anvl::assoc

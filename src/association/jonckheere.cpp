@@ -113,7 +113,7 @@ net::TwoCounts JonckheereRun::Hit::operator()(const int64_t* table) const {
 }
 
 void JonckheereDriver(const CallArgs& args) {
-  TableDriver(args, kJonckheereTraits, false, [](const RunStore&) { return JonckheereRun(); });
+  TableDriver(args, kJonckheereTraits, {}, [](const RunStore&) { return JonckheereRun(); });
 }
 
 }  // namespace anvl::assoc

@@ -120,22 +120,7 @@ net::TwoCounts KappaRun::Hit::operator()(const int64_t* table) const {
 }
 
 void KappaDriver(const CallArgs& args) {
-  std::vector<int64_t> work;
-  int64_t code = BeginDriver(args, kKappaTraits, work);
-  const RunStore& st = Store();
-  if (code == 0) {
-    if (st.data_form != 1) {
-      code = fail::kEmptyTable;  // the family reads Table only
-    } else if (st.row_count != st.column_count) {
-      code = fail::kNotSquare;
-    } else if (st.row_count < 2) {
-      code = fail::kTableTooSmall;
-    } else {
-      KappaRun run;
-      code = FamilyRun(run, work, st.row_count, st.column_count, st.run_method);
-    }
-  }
-  EndDriver(code);
+  TableDriver(args, kKappaTraits, {.square = true}, [](const RunStore&) { return KappaRun(); });
 }
 
 }  // namespace anvl::assoc

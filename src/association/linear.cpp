@@ -411,7 +411,7 @@ net::TwoCounts LinearRun::Hit::operator()(const int64_t* table) const {
 }
 
 void LinearDriver(const CallArgs& args) {
-  TableDriver(args, kLinearTraits, false, [&args](const RunStore& st) {
+  TableDriver(args, kLinearTraits, {}, [&args](const RunStore& st) {
     return LinearRun(static_cast<int>(st.run_selector), args.row_scores, args.scores);
   });
 }
