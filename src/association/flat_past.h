@@ -129,15 +129,14 @@ int FlatBackwardInduction(const net::Network& net, const M& member, FlatNodes<M>
   const int64_t Z = static_cast<int64_t>(z);
   nodes.largest_stage = static_cast<int64_t>(largest);
   if (nodes.store.Create(Z, net.codec.n_words, net::LargestPrimeBelow(Z)) != 0) return -1;
-  std::vector<int64_t> matrix, m(K), mn(K), d(K), scratch(K), key(net.codec.n_words);
+  std::vector<int64_t> matrix, m(K), scratch(K), key(net.codec.n_words);
   try {
     nodes.bounds.assign(static_cast<size_t>(Z + 1), typename M::Bounds{});
     matrix.assign(static_cast<size_t>(std::max(1, K - 1) * (nodes.largest_stage + 1)), 0);
   } catch (const std::bad_alloc&) {
     return -1;
   }
-  net::SuccessorEnumerator succ;
-  succ.Reserve(K);
+  net::SuccessorWalk<PlainKey> walk(net);
   Ticker tick;
 
   net::NodeKey<PlainKey>(net, net.A.data(), net.N, scratch.data(), key.data());
@@ -147,7 +146,7 @@ int FlatBackwardInduction(const net::Network& net, const M& member, FlatNodes<M>
   for (int t = S - 1; t >= 0; --t) {
     if (tick()) SendBackwardLine(t);
     if (RunStopped()) return static_cast<int>(FailureCode());
-    const int64_t Tt = net.T[t], Tnext = net.T[t + 1];
+    const int64_t Tt = net.T[t];
     int64_t count = 1;
     if (t > 0) {
       count = net::StageEnumerator(K, net.A.data(), Tt, net.N, nodes.largest_stage + 1, matrix);
@@ -162,16 +161,13 @@ int FlatBackwardInduction(const net::Network& net, const M& member, FlatNodes<M>
       }
       typename M::Bounds b{};
       bool first = true;
-      succ.Start(K, net.A.data(), m.data(), net.B[t], net.rest[t], mn.data());
+      walk.Start(t, m.data());
       do {
-        net::CompleteLast(K, Tnext, mn.data());
-        net::NodeKey<PlainKey>(net, mn.data(), Tnext, scratch.data(), key.data());
-        const int64_t slot = nodes.store.Find(t + 1, key.data());
+        const int64_t slot = nodes.store.Find(t + 1, walk.key());
         if (slot == 0) return -1;
-        succ.Line(d.data());
-        M::Widen(b, nodes.bounds[slot], member.Edge(m.data(), d.data()), first);
+        M::Widen(b, nodes.bounds[slot], member.Edge(m.data(), walk.line()), first);
         first = false;
-      } while (succ.Next(mn.data()));
+      } while (walk.Next());
       net::NodeKey<PlainKey>(net, m.data(), Tt, scratch.data(), key.data());
       const int64_t slot = nodes.store.Insert(t, key.data(), 0.0, 0.0, false);
       if (slot == 0) return -1;
@@ -321,15 +317,14 @@ int FlatForwardPass(const net::Network& net, const M& member, FlatNodes<M>& node
   if (table.Create(FlatTableSlots(MemoryBudget()), nodes.store.Z()) != 0) return -1;
   const double fill_limit = 0.6f * static_cast<float>(table.P());
   bool warned = false;
-  std::vector<int64_t> cur, next, m(K), mn(K), d(K), scratch(K), key(net.codec.n_words);
+  std::vector<int64_t> cur, next, m(K), scratch(K), key(net.codec.n_words);
   try {
     cur.reserve(static_cast<size_t>(nodes.largest_stage + 1));
     next.reserve(static_cast<size_t>(nodes.largest_stage + 1));
   } catch (const std::bad_alloc&) {
     return -1;
   }
-  net::SuccessorEnumerator succ;
-  succ.Reserve(K);
+  net::SuccessorWalk<PlainKey> walk(net);
   Ticker tick;
 
   // Stage 0: the zero node holds the one past value 0 with all the mass.
@@ -344,7 +339,7 @@ int FlatForwardPass(const net::Network& net, const M& member, FlatNodes<M>& node
 
   for (int s = 0; s < S; ++s) {
     if (tick()) SendStageLine(s);
-    const int64_t Ts = net.T[s], Tnext = net.T[s + 1];
+    const int64_t Ts = net.T[s];
     int64_t new_entries = 0;
     bool settled = false;
     next.clear();
@@ -355,17 +350,13 @@ int FlatForwardPass(const net::Network& net, const M& member, FlatNodes<M>& node
       int64_t chain = 0;  // entries of the node: the most one edge can add
       for (int32_t e = table.Head(node); e >= 0; e = table.Next(e)) ++chain;
       const double R = net.LogRemainingWeight(Ts, m.data());
-      succ.Start(K, net.A.data(), m.data(), net.B[s], net.rest[s], mn.data());
+      walk.Start(s, m.data());
       do {
-        net::CompleteLast(K, Tnext, mn.data());
-        succ.Line(d.data());
-        const double f =
-            std::exp(net.EdgeLogWeight(s, d.data()) + net.LogRemainingWeight(Tnext, mn.data()) - R);
-        net::NodeKey<PlainKey>(net, mn.data(), Tnext, scratch.data(), key.data());
-        const int64_t to = nodes.store.Find(s + 1, key.data());
+        const double f = std::exp(walk.Weight() + walk.Remaining() - R);
+        const int64_t to = nodes.store.Find(s + 1, walk.key());
         if (to == 0) return -1;
         const typename M::Bounds b = nodes.bounds[to];
-        const typename M::Value inc = member.Edge(m.data(), d.data());
+        const typename M::Value inc = member.Edge(m.data(), walk.line());
         if (table.Reserve(chain) != 0) return -1;
         for (int32_t e = table.Head(node); e >= 0; e = table.Next(e)) {
           const typename M::Value t = M::Plus(table.value(e), inc);
@@ -402,7 +393,7 @@ int FlatForwardPass(const net::Network& net, const M& member, FlatNodes<M>& node
             }
           }
         }
-      } while (!settled && succ.Next(mn.data()));
+      } while (!settled && walk.Next());
       if (!settled) table.FreeNode(node);
     }
     if (settled || new_entries == 0 || r.Undecided() <= 0.0) {
