@@ -24,6 +24,8 @@ struct FisherMember {
   static constexpr bool kRelativeMerge = false;
   // The edge adds the line's log weight, a symmetric function of its cells.
   static constexpr bool kSymmetricLine = true;
+  // The forward pass forms the bounds of a node when it first needs them.
+  static constexpr bool kLazyCuts = true;
   // Past log probabilities closer than this merge (1e-5 in single precision).
   static constexpr double kMergeTolerance = 9.999999747378752e-06;
   static constexpr double kStopMargin = 0.0;

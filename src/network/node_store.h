@@ -178,6 +178,16 @@ class NodeStore {
   double first(int64_t slot) const { return bounds_[slot].first; }
   double second(int64_t slot) const { return bounds_[slot].second; }
   int64_t& tree_root(int64_t slot) { return root_[slot]; }
+  // Sets a stored node's two doubles (made when the node was stored
+  // without them).
+  void SetFirst(int64_t slot, double v) {
+    bounds_[slot].first = v;
+    IndexEntryOf(slot).bounds.first = v;
+  }
+  void SetSecond(int64_t slot, double v) {
+    bounds_[slot].second = v;
+    IndexEntryOf(slot).bounds.second = v;
+  }
   // Places a node in a given slot, bypassing the hash (the stage-0 node).
   void Place(int64_t slot, int stage, const int64_t* key, double first, double second);
 
@@ -189,6 +199,11 @@ class NodeStore {
     for (int i = 0; i < n_words_; ++i)
       if (k[i] != key[i]) return false;
     return true;
+  }
+  IndexEntry& IndexEntryOf(int64_t slot) {
+    const int64_t* k = key(slot);
+    const int st = stage(slot);
+    return *const_cast<IndexEntry*>(Lookup(Hash(st, k), st, k));
   }
   void Take(int64_t slot, int stage, const int64_t* key, double first, double second);
   int64_t FirstFree(int64_t from, int64_t to) const;

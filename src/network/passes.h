@@ -292,15 +292,28 @@ inline bool TiedColumns(const Network& net, const int64_t* m, int* tie) {
   return any;
 }
 
+// Whether a member's bounds may be formed on demand (LazyBounds): the
+// forward pass then asks for a node's LongestPath when an edge first
+// reaches it, and for its ShortestPath when an entry first needs it.
+template <class M>
+constexpr bool LazyCuts() {
+  if constexpr (requires { M::kLazyCuts; }) return M::kLazyCuts;
+  else return false;
+}
+
+template <NetworkMember M>
+class LazyBounds;
+
 // Writes every node of the network, stages S down to 1, with its exact
-// ShortestPath and LongestPath, and fills net.stage_end.  Returns 0, -1
+// ShortestPath and LongestPath (`list_only`: with NaN for both, to be
+// formed on demand), and fills net.stage_end.  Returns 0, -1
 // (a stage over its limit, no free slot, a successor not found, more than
 // 127 stages, no memory) or the spill file's code.
 // Successors looked up together in the backward pass.
 inline constexpr int kBackwardBatch = 16;
 
 template <NetworkMember M>
-int BackwardInduction(Network& net, const M& member) {
+int BackwardInduction(Network& net, const M& member, bool list_only = false) {
   const int K = net.K, S = net.S;
   if (S > kMaxStages) return -1;
   NodeStore store;
@@ -341,13 +354,17 @@ int BackwardInduction(Network& net, const M& member) {
           if (store.Find(t, key.data()) != 0) continue;  // an equivalent node is done
         }
         double shortest = HUGE_VAL, longest = -HUGE_VAL;
-        bool first = true, more = true;
+        bool first = true, more = !list_only;
+        if (list_only) {
+          shortest = longest = std::nan("");
+          if (tick()) SendBackwardNodesLine(t, net.Z - created);
+        }
         // Lines that differ by an exchange of cells between columns of equal
         // complement reach the same canonical node with the same statistic,
         // up to the order of its sum: one of them is listed.
         bool tied = false;
         if constexpr (SymmetricLine<M>()) tied = TiedColumns(net, m.data(), tie.data());
-        if (!walk.Start(t, m.data(), tied ? tie.data() : nullptr)) return -1;
+        if (more && !walk.Start(t, m.data(), tied ? tie.data() : nullptr)) return -1;
         while (more) {
           // A batch of successors: keys, increments and the index loads
           // started, then the lookups, which find their lines in cache.
@@ -403,10 +420,13 @@ namespace detail {
 // the subtree on its side, times f, to a tail at once.  `first` and
 // `second` are the successor's cuts (one-cut) or its ShortestPath and
 // LongestPath (two-cut, against `cuts`).
-template <NetworkMember M>
+//
+// A node whose cuts are formed on demand comes with its lower cut and with
+// `first` NaN: `first_of` gives the upper cut when an entry first needs it.
+template <NetworkMember M, class FirstOf>
 int PastPathUpdate(PastPool& pool, Ticker& tick, int64_t root, int64_t& succ_root, double inc,
                    double f, double first, double second, const TwoCuts& cuts, PassResult& r,
-                   int64_t& new_entries) {
+                   int64_t& new_entries, const FirstOf& first_of) {
   if (root == 0) return 0;
   PastPool::TreeFinger finger;
   int64_t top = 0;
@@ -445,6 +465,7 @@ int PastPathUpdate(PastPool& pool, Ticker& tick, int64_t root, int64_t& succ_roo
       bool decided_high, decided_low;
       if constexpr (M::kPValueBelow) {
         decided_high = stat < second;  // less probable on every way: counts to the p-value
+        if (!decided_high && std::isnan(first)) first = first_of();
         decided_low = !decided_high && stat > first;
       } else {
         decided_high = stat > first;
@@ -488,11 +509,13 @@ int PastPathUpdate(PastPool& pool, Ticker& tick, int64_t root, int64_t& succ_roo
 // The forward pass: tails of the statistic against `obs` from stage 0 to
 // the root.  A two-cut member passes its HighBound as `obs` and its
 // LowBound as `low_bound`.  Returns 0, -1 (a node not found, a full store
-// or pool, more than 127 stages) or the spill file's code; on a failure
-// the tails are worthless.
+// or pool, more than 127 stages, no memory for the bounds) or the spill
+// file's code; on a failure the tails are worthless.  With `lazy`, the
+// nodes read carry no bounds (a listing pass wrote them) and `lazy` forms
+// them when the pass first needs them.
 template <NetworkMember M>
 int ForwardPass(const Network& net, const M& member, double obs, PassResult& result,
-                double low_bound = 0.0) {
+                double low_bound = 0.0, LazyBounds<M>* lazy = nullptr) {
   const int K = net.K, S = net.S;
   result = PassResult{};
   if (S > kMaxStages) return -1;
@@ -586,10 +609,28 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
             // host or the clock ends the pass here, its code standing.
             if (RunStopped()) return static_cast<int>(FailureCode());
           }
+          if constexpr (LazyCuts<M>()) {
+            if (lazy != nullptr && std::isnan(store.second(next))) {
+              const double longest = lazy->Longest(s + 1, key_next);
+              if (std::isnan(longest)) return -1;  // no memory for the bounds
+              store.SetSecond(next, obs - tol - longest);
+            }
+          }
+          const auto first_of = [&] {
+            double v = 0.0;
+            if constexpr (LazyCuts<M>()) {
+              if (lazy == nullptr) return v;
+              v = obs + tol - lazy->Shortest(s + 1, key_next);
+              store.SetFirst(next, v);
+            }
+            return v;
+          };
           if (detail::PastPathUpdate<M>(pool, tick, root, store.tree_root(next), inc, f,
                                         store.first(next), store.second(next), cuts, result,
-                                        new_entries) != 0)
+                                        new_entries, first_of) != 0)
             return -1;
+          if constexpr (LazyCuts<M>())
+            if (lazy != nullptr && lazy->failed()) return -1;
           if constexpr (M::kInnerStopTests) {
             if (result.Undecided() <= M::kStopMargin) {
               settled = true;
@@ -645,9 +686,22 @@ int RunPasses(Network& net, const M& member, double obs, PassResult& pass,
   const int64_t record_bytes = 8 * net.codec.n_words + 16 + (M::kCanonical ? 0 : 1);
   const int opened = OpenNodeFile(record_bytes);
   if (opened != 0) return opened;
-  int code = BackwardInduction(net, member);
-  if (code == 0) code = ForwardPass(net, member, obs, pass, low_bound);
-  return code;
+  if constexpr (LazyCuts<M>()) {
+    // The nodes are listed ahead as ever; their bounds come on demand.
+    int code = BackwardInduction(net, member, true);
+    if (code != 0) return code;
+    LazyBounds<M> lazy(net, member);
+    if (lazy.Create() != 0) return -1;
+    lazy.ShowTails(&pass);
+    return ForwardPass(net, member, obs, pass, low_bound, &lazy);
+  } else {
+    int code = BackwardInduction(net, member);
+    if (code == 0) code = ForwardPass(net, member, obs, pass, low_bound);
+    return code;
+  }
 }
 
 }  // namespace anvl::net
+
+// The bounds on demand, which build on the walks above.
+#include "network/lazy_bounds.h"

@@ -1,0 +1,404 @@
+// Exact ShortestPath and LongestPath of the nodes of Fisher's network,
+// formed when the forward pass first needs them rather than for every node
+// ahead of it.
+//
+// A bound is the dynamic programme of the backward pass, run from the node
+// towards the root and remembering every node it has done: the best over
+// the node's successors of the successor's bound plus the edge's log
+// weight.  Most successors can't attain that best, and a bound of their
+// bound says so without their subnetwork: from a node of stage t the path
+// to the root completes a table whose rows are the lines B_t .. B_{S-1}
+// still to come and whose column totals are the node's complements u_j, and
+// its weight is sum over rows of log B_s! less the sum of log x! over its
+// cells.  Dropping the row totals leaves one problem per column, and
+// log x! is convex: the least sum of a column spreads its count as evenly
+// as the rows take it, the greatest piles it into the largest rows first.
+// The same holds with the roles of rows and columns exchanged.  A successor
+// is skipped only when its relaxed bound, plus the edge, falls short of the
+// best found by more than the rounding of the sums, so the bound is the
+// same double that the full programme gives from the same node.
+//
+// For a table whose observed value lies next to the mode almost every path
+// is decided at the first stages, and the pass asks for the bounds of a few
+// thousand nodes out of a network that has millions of edges.
+#pragma once
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include "frame/progress.h"
+#include "frame/run_store.h"
+#include "network/passes.h"
+
+namespace anvl::net {
+
+template <NetworkMember M>
+class LazyBounds {
+ public:
+  LazyBounds(const Network& net, const M& member)
+      : net_(net), K_(net.K), S_(net.S), nw_(net.codec.n_words), member_(member) {}
+
+  // The walks, the table of relaxed bounds and a first table of nodes
+  // done (it doubles as it fills).  0 or -1.
+  int Create() {
+    try {
+      Resize(1024);
+      level_.resize(S_ + 1);
+      for (Level& l : level_) {
+        l.walk = std::make_unique<SuccessorWalk<M>>(net_);
+        l.m.assign(K_, 0);
+        l.tie.assign(K_, -1);
+      }
+      BuildRelaxations();
+      cells_.assign(static_cast<size_t>(S_) * K_, 0);
+      u_.assign(K_, 0);
+      dist_.assign(S_ + K_, 0.0);
+      pred_.assign(S_ + K_, -1);
+      seen_.assign(S_ + K_, 0);
+      col_left_.assign(K_, 0);
+      row_left_.assign(S_, 0);
+      log_.assign(static_cast<size_t>(net_.N) + 2, 0.0);
+      for (size_t k = 1; k < log_.size(); ++k) log_[k] = std::log(static_cast<double>(k));
+    } catch (const std::bad_alloc&) {
+      return -1;
+    }
+    return 0;
+  }
+
+  // The progress line of a tick inside a bound shows these tails.
+  void ShowTails(const PassResult* r) { tails_ = r; }
+
+  // LongestPath and ShortestPath of the node with `key` at stage t.  NaN,
+  // and failed() true, when the table of nodes done could not grow.
+  double Longest(int t, const int64_t* key);
+  double Shortest(int t, const int64_t* key);
+  bool failed() const { return failed_; }
+
+  // Nodes whose successors were walked, and the successors weighed.
+  int64_t nodes_walked() const { return nodes_walked_; }
+  int64_t edges_weighed() const { return edges_; }
+
+ private:
+  struct Level {
+    std::unique_ptr<SuccessorWalk<M>> walk;
+    std::vector<int64_t> m;
+    std::vector<int> tie;
+    // Per successor: its relaxed bound plus the edge, the edge, its key.
+    std::vector<double> reach, inc;
+    std::vector<int64_t> keys;
+  };
+
+  static uint64_t HashOf(int t, const int64_t* key, int nw) {
+    uint64_t h = static_cast<uint64_t>(t) * 0x9E3779B97F4A7C15ull;
+    for (int i = 0; i < nw; ++i)
+      h ^= static_cast<uint64_t>(key[i]) + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
+    h ^= h >> 31;
+    h *= 0xBF58476D1CE4E5B9ull;
+    h ^= h >> 29;
+    return h;
+  }
+
+  // Slot of (t, key) in the table of nodes done, made if absent; the
+  // table doubles when half full.  Throws std::bad_alloc.
+  uint64_t Slot(int t, const int64_t* key) {
+    if (2 * (count_ + 1) > mask_ + 1) Resize(2 * (mask_ + 1));
+    for (uint64_t i = HashOf(t, key, nw_) & mask_;; i = (i + 1) & mask_) {
+      if (stage_[i] < 0) {
+        stage_[i] = static_cast<int8_t>(t);
+        for (int w = 0; w < nw_; ++w) keys_[i * nw_ + w] = key[w];
+        ++count_;
+        return i;
+      }
+      if (stage_[i] == t) {
+        bool same = true;
+        for (int w = 0; w < nw_ && same; ++w) same = keys_[i * nw_ + w] == key[w];
+        if (same) return i;
+      }
+    }
+  }
+
+  void Resize(uint64_t cap) {
+    std::vector<int8_t> stage(cap, -1);
+    std::vector<int64_t> keys(cap * nw_, 0);
+    std::vector<double> shortest(cap, std::nan("")), longest(cap, std::nan(""));
+    const uint64_t mask = cap - 1;
+    for (uint64_t i = 0; i < stage_.size(); ++i) {
+      if (stage_[i] < 0) continue;
+      uint64_t j = HashOf(stage_[i], &keys_[i * nw_], nw_) & mask;
+      while (stage[j] >= 0) j = (j + 1) & mask;
+      stage[j] = stage_[i];
+      for (int w = 0; w < nw_; ++w) keys[j * nw_ + w] = keys_[i * nw_ + w];
+      shortest[j] = shortest_[i];
+      longest[j] = longest_[i];
+    }
+    stage_.swap(stage);
+    keys_.swap(keys);
+    shortest_.swap(shortest);
+    longest_.swap(longest);
+    mask_ = mask;
+  }
+
+  double ShortestOf(int t, const int64_t* key);
+  double MostProbableCompletion(int t, const int64_t* m);
+  bool CancelOneCycle(int rows);
+
+  // The host's poll on every tick, the progress line and the stop test on
+  // a report: a stopped run leaves every bound at 0 and remembers none.
+  void Tick() {
+    if (!tick_()) return;
+    if (RunStopped()) stopped_ = true;
+    if (tails_ != nullptr)
+      SendExactEstimateLine(ClampUnit(tails_->tail_high), ClampUnit(1.0 - tails_->tail_low));
+  }
+
+  // A lower bound of the least statistic from node m of stage t to the
+  // root: every column's count piled into the largest lines, whatever the
+  // line totals.
+  double Relaxed(int t, const int64_t* m) const {
+    if (t >= S_) return 0.0;
+    const double* col = &col_most_[static_cast<size_t>(t) * width_];
+    double cols = 0.0;
+    for (int j = 0; j < K_; ++j) cols += col[net_.A[j] - m[j]];
+    return rows_lf_[t] - cols;
+  }
+
+  // col_most_[t][u]: the greatest sum of log x! over a column of count u
+  // spread over the lines B_t .. B_{S-1}, at most B_s in line s.  Piling
+  // into the largest lines first gives a vector that majorizes every other
+  // spread, and a sum of a convex function is greatest there.
+  void BuildRelaxations() {
+    width_ = static_cast<size_t>(net_.A.back()) + 1;
+    col_most_.assign(static_cast<size_t>(S_ + 1) * width_, 0.0);
+    rows_lf_.assign(S_ + 1, 0.0);
+    std::vector<int64_t> caps;
+    for (int t = S_ - 1; t >= 0; --t) {
+      rows_lf_[t] = rows_lf_[t + 1] + LogFactorial(net_.B[t], net_.lf);
+      caps.assign(net_.B.begin() + t, net_.B.end());
+      std::sort(caps.begin(), caps.end());
+      int64_t room = 0;
+      for (int64_t c : caps) room += c;
+      for (int64_t u = 0; u < static_cast<int64_t>(width_); ++u) {
+        double most = -HUGE_VAL;
+        if (u <= room) {
+          most = 0.0;
+          int64_t left = u;
+          for (size_t k = caps.size(); k-- > 0 && left > 0;) {
+            const int64_t x = std::min(caps[k], left);
+            most += LogFactorial(x, net_.lf);
+            left -= x;
+          }
+        }
+        col_most_[static_cast<size_t>(t) * width_ + u] = most;
+      }
+    }
+  }
+
+  const Network& net_;
+  const int K_, S_, nw_;
+  const M member_;
+  uint64_t mask_ = 0, count_ = 0;
+  std::vector<int8_t> stage_;
+  std::vector<int64_t> keys_;
+  std::vector<double> shortest_, longest_;
+  std::vector<Level> level_;
+  size_t width_ = 0;
+  std::vector<double> col_most_, rows_lf_;
+  // The completion table of the most probable completion (line-major),
+  // the column totals, and the cycle search's distances and predecessors.
+  std::vector<int64_t> cells_, u_;
+  std::vector<double> dist_;
+  std::vector<int> pred_;
+  std::vector<char> seen_;
+  std::vector<int64_t> col_left_, row_left_;
+  std::vector<double> log_;  // log k
+  Ticker tick_;
+  const PassResult* tails_ = nullptr;
+  bool stopped_ = false, failed_ = false;
+  int64_t nodes_walked_ = 0, edges_ = 0;
+};
+
+template <NetworkMember M>
+double LazyBounds<M>::Longest(int t, const int64_t* key) {
+  if (t >= S_) return 0.0;
+  try {
+    const uint64_t slot = Slot(t, key);
+    if (std::isnan(longest_[slot])) {
+      std::vector<int64_t>& m = level_[t].m;
+      NodeOfKey<M>(net_, key, net_.T[t], m.data());
+      longest_[slot] = MostProbableCompletion(t, m.data());
+    }
+    return longest_[slot];
+  } catch (const std::bad_alloc&) {
+    failed_ = true;
+    return std::nan("");
+  }
+}
+
+template <NetworkMember M>
+double LazyBounds<M>::Shortest(int t, const int64_t* key) {
+  try {
+    return ShortestOf(t, key);
+  } catch (const std::bad_alloc&) {
+    failed_ = true;
+    return std::nan("");
+  }
+}
+
+// The least statistic from node (t, key) to the root: the least over its
+// successors of theirs plus the edge, where a successor whose relaxed
+// bound plus the edge lies above the least found (by more than the
+// rounding of the sums) can't attain it and is passed over.
+template <NetworkMember M>
+double LazyBounds<M>::ShortestOf(int t, const int64_t* key) {
+  if (t >= S_ || stopped_) return 0.0;
+  {
+    const double known = shortest_[Slot(t, key)];
+    if (!std::isnan(known)) return known;
+  }
+  Level& l = level_[t];
+  NodeOfKey<M>(net_, key, net_.T[t], l.m.data());
+  bool tied = false;
+  if constexpr (SymmetricLine<M>()) tied = TiedColumns(net_, l.m.data(), l.tie.data());
+  SuccessorWalk<M>& walk = *l.walk;
+  walk.Start(t, l.m.data(), tied ? l.tie.data() : nullptr);
+  ++nodes_walked_;
+  // Every successor with its reach; the most promising is done first so
+  // that the others meet a good bound.
+  int64_t n = 0, top = 0;
+  do {
+    if (static_cast<size_t>(n) >= l.reach.size()) {
+      const size_t grow = std::max<size_t>(64, l.reach.size());
+      l.reach.resize(l.reach.size() + grow);
+      l.inc.resize(l.inc.size() + grow);
+      l.keys.resize(l.keys.size() + grow * nw_);
+    }
+    const double inc = member_.EdgeStatistic(t, walk.line(), walk.Weight());
+    l.reach[n] = Relaxed(t + 1, walk.next()) + inc;
+    l.inc[n] = inc;
+    for (int w = 0; w < nw_; ++w) l.keys[n * nw_ + w] = walk.key()[w];
+    if (l.reach[n] < l.reach[top]) top = n;
+    ++n;
+    Tick();
+  } while (walk.Next());
+  edges_ += n;
+  double best = ShortestOf(t + 1, &l.keys[top * nw_]) + l.inc[top];
+  for (int64_t i = 0; i < n; ++i) {
+    if (i == top || l.reach[i] > best + 1e-9 * (1.0 + std::fabs(best))) continue;
+    best = std::min(best, ShortestOf(t + 1, &l.keys[i * nw_]) + l.inc[i]);
+  }
+  if (stopped_) return 0.0;
+  shortest_[Slot(t, key)] = best;
+  return best;
+}
+
+// The greatest statistic from node m of stage t to the root: the log
+// weight of the most probable table whose lines are B_t .. B_{S-1} and
+// whose column totals are the node's complements.  Its cells minimise the
+// sum of log x!, a separable convex function over the tables with these
+// totals, so a table is the most probable one when no cycle of unit moves
+// (up in one cell, down in the next of its column, up in the next of its
+// line, ...) lowers that sum.  Start from the proportional table rounded
+// down, fill what the totals still lack corner-wise, and cancel lowering
+// cycles until there is none.  The weight is summed line by line from the
+// last line, as the backward pass sums a path.
+template <NetworkMember M>
+double LazyBounds<M>::MostProbableCompletion(int t, const int64_t* m) {
+  const int rows = S_ - t;
+  int64_t total = 0;
+  for (int j = 0; j < K_; ++j) total += u_[j] = net_.A[j] - m[j];
+  // Rounded-down proportional cells, then the deficits corner-wise.
+  for (int j = 0; j < K_; ++j) col_left_[j] = u_[j];
+  for (int r = 0; r < rows; ++r) {
+    const int64_t b = net_.B[t + r];
+    int64_t used = 0;
+    for (int j = 0; j < K_; ++j) {
+      const int64_t x = total > 0 ? b * u_[j] / total : 0;
+      cells_[r * K_ + j] = x;
+      col_left_[j] -= x;
+      used += x;
+    }
+    row_left_[r] = b - used;
+  }
+  for (int r = 0, j = 0; r < rows && j < K_;) {
+    const int64_t x = std::min(row_left_[r], col_left_[j]);
+    cells_[r * K_ + j] += x;
+    row_left_[r] -= x;
+    col_left_[j] -= x;
+    if (row_left_[r] == 0) ++r;
+    else ++j;
+  }
+  while (CancelOneCycle(rows)) {
+  }
+  double v = 0.0;
+  for (int r = rows - 1; r >= 0; --r) {
+    double w = LogFactorial(net_.B[t + r], net_.lf);
+    for (int j = 0; j < K_; ++j) w -= LogFactorial(cells_[r * K_ + j], net_.lf);
+    v += w;
+  }
+  return v;
+}
+
+// Finds a cycle of unit moves that lowers the sum of log x! of the table
+// by more than rounding (Bellman-Ford over lines and columns: a move up in
+// cell (r, j) is an arc from line r to column j of cost log(x + 1), a move
+// down an arc from column j to line r of cost -log x) and makes it.  False
+// when there is none.
+template <NetworkMember M>
+bool LazyBounds<M>::CancelOneCycle(int rows) {
+  constexpr double kSlack = 1e-12;
+  const int V = rows + K_;
+  std::fill(dist_.begin(), dist_.begin() + V, 0.0);
+  std::fill(pred_.begin(), pred_.begin() + V, -1);
+  for (int pass = 0; pass <= V; ++pass) {
+    int changed = -1;
+    for (int r = 0; r < rows; ++r) {
+      for (int j = 0; j < K_; ++j) {
+        const int64_t x = cells_[r * K_ + j];
+        const int c = rows + j;
+        const double up = dist_[r] + log_[x + 1];
+        if (up < dist_[c] - kSlack) {
+          dist_[c] = up;
+          pred_[c] = r;
+          changed = c;
+        }
+        if (x > 0) {
+          const double down = dist_[c] - log_[x];
+          if (down < dist_[r] - kSlack) {
+            dist_[r] = down;
+            pred_[r] = c;
+            changed = r;
+          }
+        }
+      }
+    }
+    if (changed < 0) return false;
+    // A cycle among the predecessors lowers the sum (each of its arcs was
+    // taken because it lowered a distance); look for one through the
+    // vertices changed, all of them after the last pass.
+    for (int from = pass < V ? changed : 0; from < (pass < V ? changed + 1 : V); ++from) {
+      std::fill(seen_.begin(), seen_.begin() + V, 0);
+      int at = from;
+      while (at >= 0 && !seen_[at]) {
+        seen_[at] = 1;
+        at = pred_[at];
+      }
+      if (at < 0) continue;
+      const int start = at;
+      do {
+        const int p = pred_[at];
+        if (p < rows) ++cells_[p * K_ + (at - rows)];  // line -> column: up
+        else --cells_[at * K_ + (p - rows)];           // column -> line: down
+        at = p;
+      } while (at != start);
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace anvl::net
