@@ -321,6 +321,11 @@ class PastPool {
                     double merge_tolerance);
   // Sets the subtree total of every entry of the tree at `root`.
   void Summarize(int64_t root);
+  // The greatest value of a non-empty tree.
+  double Greatest(int64_t root) const {
+    while (entries_[root].right != 0) root = entries_[root].right;
+    return entries_[root].stat;
+  }
   // Returns every entry of the tree to the free list; root becomes 0.
   void FreeTree(int64_t& root);
 

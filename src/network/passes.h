@@ -420,13 +420,10 @@ namespace detail {
 // the subtree on its side, times f, to a tail at once.  `first` and
 // `second` are the successor's cuts (one-cut) or its ShortestPath and
 // LongestPath (two-cut, against `cuts`).
-//
-// A node whose cuts are formed on demand comes with its lower cut and with
-// `first` NaN: `first_of` gives the upper cut when an entry first needs it.
-template <NetworkMember M, class FirstOf>
+template <NetworkMember M>
 int PastPathUpdate(PastPool& pool, Ticker& tick, int64_t root, int64_t& succ_root, double inc,
                    double f, double first, double second, const TwoCuts& cuts, PassResult& r,
-                   int64_t& new_entries, const FirstOf& first_of) {
+                   int64_t& new_entries) {
   if (root == 0) return 0;
   PastPool::TreeFinger finger;
   int64_t top = 0;
@@ -465,7 +462,6 @@ int PastPathUpdate(PastPool& pool, Ticker& tick, int64_t root, int64_t& succ_roo
       bool decided_high, decided_low;
       if constexpr (M::kPValueBelow) {
         decided_high = stat < second;  // less probable on every way: counts to the p-value
-        if (!decided_high && std::isnan(first)) first = first_of();
         decided_low = !decided_high && stat > first;
       } else {
         decided_high = stat > first;
@@ -587,6 +583,8 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
       if (root != 0) {
         NodeOfKey<M>(net, store.key(slot), Ts, m.data());
         pool.Summarize(root);
+        double greatest = 0.0;  // the greatest past value of the node's tree
+        if constexpr (LazyCuts<M>()) greatest = pool.Greatest(root);
         const double R = net.LogRemainingWeight(Ts, m.data());
         walk.Start(s, m.data());
         do {
@@ -610,27 +608,24 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
             if (RunStopped()) return static_cast<int>(FailureCode());
           }
           if constexpr (LazyCuts<M>()) {
+            // The lower cut decides first: the upper one is needed only
+            // when the greatest past value passes the lower cut.
             if (lazy != nullptr && std::isnan(store.second(next))) {
               const double longest = lazy->Longest(s + 1, key_next);
               if (std::isnan(longest)) return -1;  // no memory for the bounds
               store.SetSecond(next, obs - tol - longest);
             }
-          }
-          const auto first_of = [&] {
-            double v = 0.0;
-            if constexpr (LazyCuts<M>()) {
-              if (lazy == nullptr) return v;
-              v = obs + tol - lazy->Shortest(s + 1, key_next);
-              store.SetFirst(next, v);
+            if (lazy != nullptr && std::isnan(store.first(next)) &&
+                !(greatest + inc < store.second(next))) {
+              const double shortest = lazy->Shortest(s + 1, key_next);
+              if (std::isnan(shortest)) return -1;
+              store.SetFirst(next, obs + tol - shortest);
             }
-            return v;
-          };
+          }
           if (detail::PastPathUpdate<M>(pool, tick, root, store.tree_root(next), inc, f,
                                         store.first(next), store.second(next), cuts, result,
-                                        new_entries, first_of) != 0)
+                                        new_entries) != 0)
             return -1;
-          if constexpr (LazyCuts<M>())
-            if (lazy != nullptr && lazy->failed()) return -1;
           if constexpr (M::kInnerStopTests) {
             if (result.Undecided() <= M::kStopMargin) {
               settled = true;
