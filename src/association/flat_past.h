@@ -149,7 +149,7 @@ int FlatBackwardInduction(const net::Network& net, const M& member, FlatNodes<M>
     const int64_t Tt = net.T[t];
     int64_t count = 1;
     if (t > 0) {
-      count = net::StageEnumerator(K, net.A.data(), Tt, net.N, nodes.largest_stage + 1, matrix);
+      count = net::StageEnumerator(K, net.A.data(), Tt, net.N, nodes.largest_stage + 1, matrix.data());
       if (count < 0) return -1;
     }
     for (int64_t i = 0; i < count; ++i) {

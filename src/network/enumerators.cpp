@@ -3,7 +3,7 @@
 namespace anvl::net {
 
 int64_t StageEnumerator(int K, const int64_t* A, int64_t T, int64_t N, int64_t limit,
-                        std::vector<int64_t>& matrix) {
+                        int64_t* matrix) {
   const int levels = K - 1;
   const int64_t R = N - T;
   int64_t c[kMaxDigits], upper[kMaxDigits], asum[kMaxDigits];

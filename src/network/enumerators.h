@@ -14,11 +14,11 @@ namespace anvl::net {
 inline constexpr int kMaxDigits = 128;
 
 // Lists every node of a stage with total T into `matrix` (K - 1 digits a
-// node, one node after another).  The K margins are A; the rest R = N - T
-// bounds the lower ends.  Returns the count, or -1 when it would pass
-// `limit`.
+// node, one node after another; room for `limit` nodes).  The K margins
+// are A; the rest R = N - T bounds the lower ends.  Returns the count, or
+// -1 when it would pass `limit`.
 int64_t StageEnumerator(int K, const int64_t* A, int64_t T, int64_t N, int64_t limit,
-                        std::vector<int64_t>& matrix);
+                        int64_t* matrix);
 
 // Successors of a node m of stage s at stage s + 1: the lines d with
 // 0 <= d_j <= A_j - m_j summing to the line total, such that the lines

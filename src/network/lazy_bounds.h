@@ -1,30 +1,33 @@
 // Exact ShortestPath and LongestPath of the nodes of Fisher's network,
 // formed when the forward pass first needs them rather than for every node
-// ahead of it.
+// ahead of it.  For a table whose observed value lies next to the mode
+// almost every path is decided at the first stages, and the pass asks for
+// the bounds of a few thousand nodes of a network with hundreds of
+// millions of edges.
 //
-// A bound is the dynamic programme of the backward pass, run from the node
-// towards the root and remembering every node it has done: the best over
-// the node's successors of the successor's bound plus the edge's log
-// weight.  Most successors can't attain that best, and a bound of their
-// bound says so without their subnetwork: from a node of stage t the path
-// to the root completes a table whose rows are the lines B_t .. B_{S-1}
-// still to come and whose column totals are the node's complements u_j, and
-// its weight is sum over rows of log B_s! less the sum of log x! over its
-// cells.  Dropping the row totals leaves one problem per column, and
-// log x! is convex: the least sum of a column spreads its count as evenly
-// as the rows take it, the greatest piles it into the largest rows first.
-// The same holds with the roles of rows and columns exchanged.  A successor
-// is skipped only when its relaxed bound, plus the edge, falls short of the
-// best found by more than the rounding of the sums, so the bound is the
+// From a node of stage t a path to the root completes a table whose lines
+// are B_t .. B_{S-1} and whose column totals are the node's complements
+// u_j; its statistic is the sum over the lines of log B_s! less the sum of
+// log x! over the cells.
+//
+// LongestPath is the statistic of the most probable completion.  Its cells
+// minimise a separable convex function over the tables with these totals,
+// so a table is optimal when no cycle of unit moves lowers the sum: it is
+// found directly, with no walk of the subnetwork.
+//
+// ShortestPath, the least probable completion, maximises a convex function
+// and has no such shortcut.  It is the backward pass's programme run from
+// the node towards the root, remembering every node done: the least over
+// the node's successors of the successor's bound plus the edge.  Most
+// successors can't attain that least, and a bound of their bound says so
+// without their subnetwork: with the line totals dropped, each column's
+// greatest sum of log x! piles its count into the largest lines first.  A
+// successor is skipped only when that bound, plus the edge, lies above the
+// least found by more than the rounding of the sums, so the result is the
 // same double that the full programme gives from the same node.
-//
-// For a table whose observed value lies next to the mode almost every path
-// is decided at the first stages, and the pass asks for the bounds of a few
-// thousand nodes out of a network that has millions of edges.
 #pragma once
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <memory>

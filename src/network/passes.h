@@ -318,15 +318,15 @@ int BackwardInduction(Network& net, const M& member, bool list_only = false) {
   if (S > kMaxStages) return -1;
   NodeStore store;
   if (store.Create(net.Z, net.codec.n_words, net.prime) != 0) return -1;
-  std::vector<int64_t> matrix, m(K), scratch(K), key(net.codec.n_words);
+  std::vector<int64_t> m(K), scratch(K), key(net.codec.n_words);
   SuccessorWalk<M> walk(net);
+  // Sized for the largest stage the estimate allows, of which most runs
+  // fill a small part: only the pages of the nodes listed are touched.
+  MappedArray<int64_t> matrix;
   const double matrix_bytes = 8.0 * (K - 1) * static_cast<double>(net.stage_node_limit);
-  if (!FitsInMemory(matrix_bytes)) return -1;
-  try {
-    matrix.assign(static_cast<size_t>((K - 1) * net.stage_node_limit), 0);
-  } catch (const std::bad_alloc&) {
+  if (!FitsInMemory(matrix_bytes) ||
+      matrix.Allocate(static_cast<size_t>((K - 1) * net.stage_node_limit)) != 0)
     return -1;
-  }
   net.stage_end.assign(S, 0);
   const int nw = net.codec.n_words;
   std::vector<int64_t> batch_key(static_cast<size_t>(kBackwardBatch) * nw);
@@ -344,7 +344,8 @@ int BackwardInduction(Network& net, const M& member, bool list_only = false) {
     if (tick() || M::kCanonical) SendBackwardLine(t);
     if (t > 0) {
       const int64_t Tt = net.T[t];
-      const int64_t count = StageEnumerator(K, net.A.data(), Tt, net.N, net.stage_node_limit, matrix);
+      const int64_t count =
+          StageEnumerator(K, net.A.data(), Tt, net.N, net.stage_node_limit, matrix.data());
       if (count < 0) return -1;
       for (int64_t i = 0; i < count; ++i) {
         for (int j = 0; j < K - 1; ++j) m[j] = matrix[static_cast<size_t>(i * (K - 1) + j)];
