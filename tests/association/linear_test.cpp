@@ -1,11 +1,10 @@
 // Procedures 41, 47 and 48: the exact two-cut masses against enumeration of
-// all tables with the margins, the measures against R, the Monte Carlo
-// route, the degenerate run and the failure codes.
+// all tables with the margins, the measures against R, the degenerate run and
+// the host's stop (Monte Carlo and failures: routes_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <random>
 
 #include "association/linear.h"
@@ -302,53 +301,6 @@ TEST(LinearFamily, MeasuresMatchR) {
   ExpectClose(assoc::StudentLowerTail(1.0, 1), 0.75, 1e-7, 0, "t = 1, f = 1");
 }
 
-// Estimates within 4 standard errors of the exact values, a seed that
-// repeats its run, and the intervals at the edges.
-TEST(LinearFamily, MonteCarloAgreesWithExactAndRepeats) {
-  const Table t = support::MakeTable({{4, 2, 1, 0}, {2, 3, 3, 1}, {0, 1, 3, 5}});
-  for (int proc : {41, 48}) {
-    HostCall exact(proc, TQ_METHOD_EXACT);
-    exact.row_scores = {-1, 0.5, 4};
-    exact.scores = {0, 1, 3, 7};
-    const std::vector<double> e(exact.Run(t), exact.Run(t) + TQ_RECORD_LENGTH);
-    HostCall mc(proc, TQ_METHOD_MONTE_CARLO);
-    mc.row_scores = exact.row_scores;
-    mc.scores = exact.scores;
-    mc.MonteCarlo(20000, 12345, 0.99);
-    const std::vector<double> a(mc.Run(t), mc.Run(t) + TQ_RECORD_LENGTH);
-    mc.Run(t);
-    for (int i = 0; i < TQ_RECORD_LENGTH; ++i)
-      if (i < 42 || i > 44) {
-        EXPECT_EQ(mc.f[i], a[i]) << "field " << i;
-      }
-    for (auto [est, ex] : {std::pair{18, 15}, std::pair{21, 16}}) {
-      if (proc == 48 && est == 18) continue;  // 48 shows the two-sided values only
-      const double se = std::sqrt(e[ex] * (1 - e[ex]) / 20000.0);
-      EXPECT_LE(std::fabs(a[est] - e[ex]), 4 * se + 1e-12) << "procedure " << proc << " field " << est;
-      EXPECT_LE(a[est + 1], a[est]);
-      EXPECT_GE(a[est + 2], a[est]);
-    }
-    EXPECT_EQ(a[0], e[0]);
-  }
-  // The observed value at its mean: every drawn table is a two-sided hit.
-  HostCall all(41, TQ_METHOD_MONTE_CARLO);
-  all.MonteCarlo(500, 7, 0.99);
-  const double* f = all.Run(support::MakeTable({{1, 2, 1}, {2, 4, 2}}));
-  ASSERT_EQ(f[48], 0.0);
-  EXPECT_EQ(f[21], 1.0);
-  EXPECT_DOUBLE_EQ(f[22], std::pow(0.01, 1.0 / 500));
-  EXPECT_EQ(f[23], 1.0);
-  // The most extreme table of a large sample: no drawn table reaches it.
-  HostCall none(41, TQ_METHOD_MONTE_CARLO);
-  none.MonteCarlo(500, 7, 0.99);
-  f = none.Run(support::MakeTable({{12, 0, 0}, {0, 12, 0}, {0, 0, 12}}));
-  ASSERT_EQ(f[48], 0.0);
-  EXPECT_EQ(f[18], 0.0);
-  EXPECT_EQ(f[19], 0.0);
-  EXPECT_DOUBLE_EQ(f[20], 1.0 - std::pow(0.01, 1.0 / 500));
-  EXPECT_EQ(f[21], 0.0);
-}
-
 TEST(LinearFamily, NoVarianceGivesPValuesOfOne) {
   const Table t = support::MakeTable({{3, 1, 2}, {1, 4, 2}});
   struct Case {
@@ -372,46 +324,6 @@ TEST(LinearFamily, NoVarianceGivesPValuesOfOne) {
       }
     }
   }
-}
-
-TEST(LinearFamily, BadInputGetsItsFailureCode) {
-  const std::string spill =
-      (std::filesystem::temp_directory_path() / "anvl_linear_test.spill").string();
-  std::filesystem::remove(spill);
-  struct Case {
-    Table t;
-    std::vector<double> u, v;
-    double field48;
-  };
-  std::vector<int64_t> wide(128, 1);
-  const double inf = HUGE_VAL;
-  const std::vector<Case> cases = {
-      {support::MakeTable({{1, 2, 3}}), {}, {}, -1016.0},
-      {support::MakeTable({{1}, {2}}), {}, {}, -1016.0},
-      {support::MakeTable({{1, 2}, {0, 0}}), {}, {}, -1001.0},
-      {support::MakeTable({{1, 0}, {2, 0}}), {}, {}, -1001.0},
-      {support::MakeTable({{1, 2}, {3, -1}}), {}, {}, -1001.0},
-      {support::MakeTable({{1, 2}, {3, 4}}), {1, NAN}, {}, -1003.0},
-      {support::MakeTable({{1, 2}, {3, 4}}), {}, {0, inf}, -1003.0},
-      {support::MakeTable({{1, 2}, {3, 4}}), {1e300, 2e300}, {1e300, 2e300}, -1003.0},
-      {support::MakeTable({wide, wide}), {}, {}, -1001.0},
-  };
-  for (const Case& c : cases) {
-    for (int proc : {41, 47, 48}) {
-      if (proc == 48 && !(c.u.empty() && c.v.empty())) continue;  // 48 ranks, reads no scores
-      HostCall call(proc, TQ_METHOD_EXACT);
-      call.spill = spill;
-      call.row_scores = c.u;
-      call.scores = c.v;
-      const double* f = call.Run(c.t);
-      EXPECT_EQ(f[48], c.field48) << support::Describe(c.t) << " procedure " << proc;
-      EXPECT_TRUE(call.Published().empty()) << support::Describe(c.t);
-      EXPECT_FALSE(std::filesystem::exists(spill));
-    }
-  }
-  HostCall cases_form(41, TQ_METHOD_EXACT);
-  cases_form.values = {1, 2, 3};
-  EXPECT_EQ(cases_form.RunCases()[48], -849.0);  // 151: the family reads Table only
 }
 
 // A stop from the host ends the exact route at once: no spill file is

@@ -1,12 +1,10 @@
 // The two-sample score tests against R (stats, exactRankTests, coin): the
 // committed values of tests/data/gen_score_refs.R; the Monte Carlo route
-// against the exact p-values; the failures of the family.
+// against the exact p-values and the failures of the score family, with
+// those of marginal homogeneity and the two-sample Kolmogorov-Smirnov test.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <fstream>
-#include <limits>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,89 +18,74 @@
 namespace anvl::support {
 namespace {
 
-struct ScoreRef {
-  std::string id;
-  int rule = 0, cols = 0;
-  std::vector<int64_t> cells;  // column-major, 2 x cols
-  double greater = 0, less = 0, two = 0, z = 0, asym_two = 0, u = 0;
-  Table table() const { return FromColumnMajor(2, cols, cells); }
-};
-
-std::vector<ScoreRef> LoadScoreRefs() {
-  std::ifstream in(TestDataDir() + "/score_refs.csv");
-  std::vector<ScoreRef> out;
-  std::string line;
-  std::getline(in, line);
-  while (std::getline(in, line)) {
-    std::vector<std::string> f;
-    std::stringstream ss(line);
-    for (std::string item; std::getline(ss, item, ',');) f.push_back(item);
-    if (f.size() != 11) continue;
-    ScoreRef r;
-    r.id = f[0];
-    r.rule = std::stoi(f[1]);
-    r.cols = std::stoi(f[2]);
-    std::stringstream cells(f[3]);
-    for (int64_t v; cells >> v;) r.cells.push_back(v);
-    r.greater = std::stod(f[4]);
-    r.less = std::stod(f[5]);
-    r.two = std::stod(f[6]);
-    r.z = std::stod(f[7]);
-    r.asym_two = std::stod(f[8]);
-    r.u = f[9] == "NA" ? std::numeric_limits<double>::quiet_NaN() : std::stod(f[9]);
-    out.push_back(r);
-  }
-  return out;
-}
-
 void ExpectNear(double got, double want, double rel, const std::string& what) {
   EXPECT_LE(std::fabs(got - want), rel * std::fabs(want)) << what << ": " << got << " vs " << want;
 }
 
-TEST(ScorePeers, ExactAndAsymptoticMatchR) {
-  const std::vector<ScoreRef> refs = LoadScoreRefs();
-  ASSERT_EQ(refs.size(), 32u);
-  for (const ScoreRef& r : refs) {
-    SCOPED_TRACE(r.id + " rule " + std::to_string(r.rule));
-    const int64_t procedure = r.rule == 1 ? TQ_PROC_WILCOXON : TQ_PROC_SCORES_EQUAL;
-    HostCall exact(procedure, TQ_METHOD_EXACT);
-    const double* f = exact.Run(r.table());
-    ASSERT_EQ(f[48], 0.0);
-    ExpectNear(f[15], f[12] == 2.0 ? r.greater : r.less, 1e-9, "one-sided");
-    ExpectNear(f[16], std::min(1.0, r.two), 1e-9, "two-sided");
-    ExpectNear(f[1], r.z, 1e-12, "z");
+int64_t Procedure(const CsvRow& r) { return r.Int("rule") == 1 ? TQ_PROC_WILCOXON : TQ_PROC_SCORES_EQUAL; }
+Table RefTable(const CsvRow& r) { return FromColumnMajor(2, r.Int("cols"), r.Ints("cells")); }
 
-    HostCall asym(procedure, TQ_METHOD_ASYMPTOTIC);
-    f = asym.Run(r.table());
+TEST(ScorePeers, ExactAndAsymptoticMatchR) {
+  const auto refs = LoadCsv("score_refs.csv");
+  ASSERT_EQ(refs.size(), 32u);
+  for (const CsvRow& r : refs) {
+    SCOPED_TRACE(r.Text("id") + " rule " + r.Text("rule"));
+    HostCall exact(Procedure(r), TQ_METHOD_EXACT);
+    const double* f = exact.Run(RefTable(r));
     ASSERT_EQ(f[48], 0.0);
-    ExpectNear(f[1], r.z, 1e-12, "z");
-    ExpectNear(PrivateBlock().slots[slot::kAsymTwoSided].value, r.asym_two, 1e-12, "asymptotic");
+    ExpectNear(f[15], r.Real(f[12] == 2.0 ? "exact_greater" : "exact_less"), 1e-9, "one-sided");
+    ExpectNear(f[16], std::min(1.0, r.Real("exact_two")), 1e-9, "two-sided");
+    ExpectNear(f[1], r.Real("z"), 1e-12, "z");
+
+    HostCall asym(Procedure(r), TQ_METHOD_ASYMPTOTIC);
+    f = asym.Run(RefTable(r));
+    ASSERT_EQ(f[48], 0.0);
+    ExpectNear(f[1], r.Real("z"), 1e-12, "z");
+    ExpectNear(PrivateBlock().slots[slot::kAsymTwoSided].value, r.Real("asym_two"), 1e-12, "asymptotic");
     EXPECT_TRUE(f[15] == kTestFiller && f[16] == kTestFiller && f[21] == kTestFiller);
-    if (r.rule == 1) {
-      EXPECT_EQ(f[0], r.u);  // the Mann-Whitney form
+    if (r.Int("rule") == 1) {
+      EXPECT_EQ(f[0], r.Real("u"));  // the Mann-Whitney form
       HostCall mw(TQ_PROC_MANN_WHITNEY, TQ_METHOD_EXACT);
-      f = mw.Run(r.table());
+      f = mw.Run(RefTable(r));
       ASSERT_EQ(f[48], 0.0);
-      EXPECT_EQ(f[3], r.u);
-      ExpectNear(f[16], std::min(1.0, r.two), 1e-9, "502 two-sided");
+      EXPECT_EQ(f[3], r.Real("u"));
+      ExpectNear(f[16], std::min(1.0, r.Real("exact_two")), 1e-9, "502 two-sided");
     }
   }
 }
 
 // Seeded Monte Carlo estimates lie within 4 standard errors of the exact
-// values, and the same seed gives the same estimates.
+// values, inside their interval, and the same seed gives the same
+// estimates: the two-sample tables of score_refs.csv, paired differences
+// (a one-row table) and marginal homogeneity.
 TEST(ScorePeers, MonteCarloWithinFourStandardErrors) {
-  const std::vector<ScoreRef> refs = LoadScoreRefs();
+  struct Case {
+    std::string what;
+    int64_t procedure;
+    Table table;
+    std::vector<double> scores;
+    int64_t seed;
+  };
+  std::vector<Case> cases;
+  for (const CsvRow& r : LoadCsv("score_refs.csv"))
+    cases.push_back({r.Text("id") + " rule " + r.Text("rule"), Procedure(r), RefTable(r), {}, 2000 + r.Int("cols")});
+  const Table paired{1, 7, {3, 2, 4, 1, 2, 5, 3}};
+  const std::vector<double> diffs = {-2, -1, 0, 0.5, 1, 2, 3};
+  cases.push_back({"signed rank", TQ_PROC_WILCOXON, paired, diffs, 99});
+  cases.push_back({"sign test", TQ_PROC_SCORES_EQUAL, paired, diffs, 99});
+  cases.push_back({"marginal homogeneity", TQ_PROC_MARGINAL_HOMOG_LONG,
+                   MakeTable({{5, 3, 1, 0}, {7, 6, 2, 1}, {2, 6, 8, 3}, {1, 0, 5, 9}}), {1, 2, 3, 5}, 4321});
   const int64_t samples = 20000;
-  for (const ScoreRef& r : refs) {
-    SCOPED_TRACE(r.id + " rule " + std::to_string(r.rule));
-    const int64_t procedure = r.rule == 1 ? TQ_PROC_WILCOXON : TQ_PROC_SCORES_EQUAL;
-    HostCall exact(procedure, TQ_METHOD_EXACT);
-    const double* e = exact.Run(r.table());
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    HostCall exact(c.procedure, TQ_METHOD_EXACT), mc = exact;
+    exact.scores = mc.scores = c.scores;
+    const double* e = exact.Run(c.table);
+    ASSERT_EQ(e[48], 0.0);
     const double one = e[15], two = e[16], side = e[12];
-    HostCall mc(procedure, TQ_METHOD_EXACT);
-    mc.MonteCarlo(samples, 2000 + r.cols, 0.99);
-    const double* f = mc.Run(r.table());
+    mc.MonteCarlo(samples, c.seed, 0.99);
+    HostCall again = mc;
+    const double* f = mc.Run(c.table);
     ASSERT_EQ(f[48], 0.0);
     EXPECT_EQ(f[12], side);
     for (auto [est, p] : {std::pair{f[18], one}, std::pair{f[21], two}}) {
@@ -113,44 +96,72 @@ TEST(ScorePeers, MonteCarloWithinFourStandardErrors) {
     EXPECT_GE(f[20], f[18]);
     EXPECT_EQ(f[15], kTestFiller);
     const std::vector<double> first(f, f + 24);
-    HostCall again(procedure, TQ_METHOD_EXACT);
-    again.MonteCarlo(samples, 2000 + r.cols, 0.99);
-    const double* g = again.Run(r.table());
+    const double* g = again.Run(c.table);
     for (int i = 18; i < 24; ++i) EXPECT_EQ(g[i], first[i]);
   }
 }
 
-// Bad input ends with its failure value and nothing else.
+// Bad input ends with its failure value and nothing else: the two-sample
+// and paired score tests, marginal homogeneity and the two-sample
+// Kolmogorov-Smirnov test, by every method (the memory budget: exact only).
 TEST(ScoreFailures, BadInputGivesTheCodeAndNothingElse) {
+  constexpr int64_t kScores = TQ_PROC_SCORES_EQUAL, kWilcoxon = TQ_PROC_WILCOXON,
+                    kMannWhitney = TQ_PROC_MANN_WHITNEY, kKs = TQ_PROC_KS_TWO_SAMPLE;
+  constexpr int64_t kMarginal[] = {TQ_PROC_MARGINAL_HOMOG, TQ_PROC_MARGINAL_HOMOG_LONG};
   struct Case {
     const char* what;
+    std::vector<int64_t> procedures;
     Table table;
-    int64_t memory_kb;
     double field48;
+    std::vector<double> scores = {};
+    int64_t memory_kb = -1;
   };
   Table big{2, 10, {}};  // 200 + 200 on ten levels: more nodes than a 2 MiB grid holds
-  const int64_t a[10] = {19, 22, 18, 21, 20, 23, 17, 20, 22, 18};
-  const int64_t b[10] = {21, 18, 20, 22, 19, 17, 23, 21, 18, 21};
-  for (int j = 0; j < 10; ++j) big.cells.push_back(a[j]);
-  for (int j = 0; j < 10; ++j) big.cells.push_back(b[j]);
+  for (int64_t x : {19, 22, 18, 21, 20, 23, 17, 20, 22, 18, 21, 18, 20, 22, 19, 17, 23, 21, 18, 21})
+    big.cells.push_back(x);
+  const std::vector<int64_t> two_sample = {kScores, kWilcoxon, kMannWhitney};
+  const std::vector<int64_t> marginal(std::begin(kMarginal), std::end(kMarginal));
   const Case cases[] = {
-      {"three rows", MakeTable({{1, 2}, {3, 4}, {5, 6}}), -1, 216 - 1000.0},
-      {"negative count", MakeTable({{1, -2, 3}, {3, 4, 5}}), -1, -1001.0},
-      {"empty second sample", MakeTable({{1, 2, 3}, {0, 0, 0}}), -1, -1001.0},
-      {"no levels", Table{2, 0, {}}, -1, 216 - 1000.0},
-      {"one row without differences", MakeTable({{1, 2, 3}}), -1, -1003.0},
-      {"grid too small", big, 2048, -1001.0},
+      {"three rows", two_sample, MakeTable({{1, 2}, {3, 4}, {5, 6}}), 216 - 1000.0},
+      {"negative count", two_sample, MakeTable({{1, -2, 3}, {3, 4, 5}}), -1001.0},
+      {"empty second sample", two_sample, MakeTable({{1, 2, 3}, {0, 0, 0}}), -1001.0},
+      {"no levels", two_sample, Table{2, 0, {}}, 216 - 1000.0},
+      {"one row without differences", two_sample, MakeTable({{1, 2, 3}}), -1003.0},
+      {"grid too small", {kWilcoxon, kMannWhitney}, big, -1001.0, {}, 2048},
+      {"paired: all zero", {kWilcoxon}, Table{1, 2, {3, 2}}, -1004.0, {0, 0}},
+      {"paired: negative count", {kWilcoxon}, Table{1, 2, {3, -2}}, -1001.0, {1, 2}},
+      {"paired: non-finite difference", {kWilcoxon}, Table{1, 2, {3, 2}}, -1003.0, {1, NAN}},
+      {"not square", marginal, MakeTable({{1, 2, 3}, {3, 4, 5}}), 88 - 1000.0, {1, 2, 3}},
+      {"one row", marginal, MakeTable({{4}}), -1016.0, {1}},
+      {"nobody moved", marginal, MakeTable({{4, 0, 0}, {0, 3, 0}, {0, 0, 2}}), -1004.0, {1, 2, 3}},
+      {"equal scores", marginal, MakeTable({{4, 2, 0}, {1, 3, 0}, {0, 0, 2}}), -1004.0, {1, 1, 3}},
+      {"negative count", marginal, MakeTable({{4, -2, 0}, {1, 3, 1}, {0, 2, 2}}), -1001.0, {1, 2, 3}},
+      {"negative 2 x 2", marginal, MakeTable({{4, -2}, {1, 3}}), -1001.0, {1, 2}},
+      {"no moves 2 x 2", marginal, MakeTable({{4, 0}, {0, 3}}), -1004.0, {1, 2}},
+      {"non-finite score", marginal, MakeTable({{4, 2, 0}, {1, 3, 1}, {0, 2, 2}}), -1003.0, {1, NAN, 3}},
+      {"ks: three rows", {kKs}, MakeTable({{1, 2}, {2, 1}, {1, 1}}), -784},
+      {"ks: one level (216)", {kKs}, MakeTable({{3}, {2}}), -784},
+      {"ks: one non-empty level (4)", {kKs}, MakeTable({{2, 0, 0}, {3, 0, 0}}), -996},
+      {"ks: empty first sample (902)", {kKs}, MakeTable({{0, 0, 0}, {1, 2, 3}}), -98},
+      {"ks: empty second sample (902)", {kKs}, MakeTable({{1, 2, 3}, {0, 0, 0}}), -98},
+      {"ks: negative count", {kKs}, MakeTable({{1, -1, 3}, {2, 2, 2}}), -1001},
   };
   for (const Case& c : cases)
-    for (int64_t procedure : {TQ_PROC_SCORES_EQUAL, TQ_PROC_WILCOXON, TQ_PROC_MANN_WHITNEY}) {
-      if (c.memory_kb > 0 && procedure == TQ_PROC_SCORES_EQUAL) continue;
-      SCOPED_TRACE(std::string(c.what) + " procedure " + std::to_string(procedure));
-      HostCall call(procedure, TQ_METHOD_EXACT);
-      call.ip[TQ_INT_MEMORY] = c.memory_kb;
-      call.Run(c.table);
-      EXPECT_EQ(call.f[48], c.field48);
-      EXPECT_TRUE(call.Published().empty());
-    }
+    for (int64_t procedure : c.procedures)
+      for (int64_t method : {TQ_METHOD_EXACT, TQ_METHOD_MONTE_CARLO, TQ_METHOD_ASYMPTOTIC}) {
+        if (c.memory_kb > 0 && method != TQ_METHOD_EXACT) continue;
+        SCOPED_TRACE(std::string(c.what) + " procedure " + std::to_string(procedure) + " method " +
+                     std::to_string(method));
+        HostCall call(procedure, method);
+        if (method == TQ_METHOD_MONTE_CARLO) call.MonteCarlo(100, 5, 0.99);
+        call.ip[TQ_INT_MEMORY] = c.memory_kb;
+        call.scores = c.scores;
+        EXPECT_EQ(call.Run(c.table)[48], c.field48);
+        EXPECT_TRUE(call.Published().empty());
+      }
+  HostCall call(kKs, TQ_METHOD_MONTE_CARLO);
+  call.MonteCarlo(100, 5, 1.5);  // a confidence level outside (0, 1)
+  EXPECT_EQ(call.Run(MakeTable({{1, 2, 0}, {0, 1, 3}}))[48], -1003.0);
 }
 
 TEST(ScoreFailures, EmptyFirstSampleAndOneLevelHaveNothingToTest) {
