@@ -13,6 +13,7 @@
 #include "support/enumerate.h"
 #include "support/host_call.h"
 #include "support/ref_data.h"
+#include "association/two_cut.h"
 
 namespace anvl {
 namespace {
@@ -20,48 +21,28 @@ namespace {
 using support::HostCall;
 using support::Table;
 
+using assoc_test::ExpectNear;
+using assoc_test::Frac;
+using assoc_test::Int;
+using assoc_test::Masses;
+
 // The two-cut masses of the enumeration, on whole-number scores, in exact
 // integer arithmetic: a table's statistic T is compared through N T with
 // U V = N x its mean (U, V the score sums over the margins), and the mirror
 // of the observed value about the mean is 2 U V - N T_obs.
-struct Masses {
-  long double above = 0, high_point = 0, middle = 0, low_point = 0, below = 0;
-  bool high_side = false;
-};
-
 Masses Enumerate(const Table& obs, const std::vector<int64_t>& iu, const std::vector<int64_t>& iv) {
   const auto R = support::RowTotals(obs), C = support::ColTotals(obs);
-  const __int128 N = support::GrandTotal(obs);
-  __int128 U = 0, V = 0;
+  const Int N = support::GrandTotal(obs);
+  Int U = 0, V = 0;
   for (size_t i = 0; i < R.size(); ++i) U += R[i] * iu[i];
   for (size_t j = 0; j < C.size(); ++j) V += C[j] * iv[j];
   auto stat = [&](const Table& t) {
-    __int128 s = 0;
+    Int s = 0;
     for (int i = 0; i < t.rows; ++i)
       for (int j = 0; j < t.cols; ++j) s += t.at(i, j) * iu[i] * iv[j];
-    return N * s;
+    return Frac{N * s, 1};
   };
-  const __int128 a = stat(obs), mirror = 2 * U * V - a;
-  Masses m;
-  m.high_side = a > U * V;
-  const __int128 hb = m.high_side ? a : mirror, lb = m.high_side ? mirror : a;
-  support::EnumerateTables(R, C, [&](const Table& t, long double p) {
-    const __int128 b = stat(t);
-    if (b > hb) m.above += p;
-    if (b == hb) m.high_point += p;
-    if (b < lb) m.below += p;
-    if (b == lb) m.low_point += p;
-    if (b > lb && b < hb) m.middle += p;
-  });
-  return m;
-}
-
-// Relative agreement at 1e-9; a mass the pass leaves undecided when it
-// ends at its stop margin (1e-12 of probability) may be short by that much.
-void ExpectNear(double engine, long double ref, double slack, const std::string& what) {
-  const double r = static_cast<double>(ref);
-  EXPECT_LE(std::fabs(engine - r), 1e-9 * std::fabs(r) + slack) << what << ": " << engine
-                                                                 << " vs " << r;
+  return assoc_test::EnumerateTwoCut(obs, stat, Frac{2 * U * V - stat(obs).n, 1});
 }
 
 // Scores of one side for a case: the engine's (empty: the default 1, 2, ...)

@@ -13,6 +13,7 @@
 #include "support/enumerate.h"
 #include "support/host_call.h"
 #include "support/ref_data.h"
+#include "association/two_cut.h"
 
 namespace anvl {
 namespace {
@@ -37,13 +38,12 @@ double RowConcentration(const Table& t) {
   return q;
 }
 
+using assoc_test::ExpectNear;
+using assoc_test::Frac;
+
 // Two-cut enumeration of kappa in whole numbers: N W against N E = sum R_i C_i
-// and its mirror 2 N E - N W.  Masses at and beyond the high and the low bound.
-struct TwoCut {
-  long double high = 0, high_point = 0, low = 0, low_point = 0;
-  bool high_side = false;
-};
-TwoCut EnumerateKappa(const Table& t) {
+// and its mirror 2 N E - N W.
+assoc_test::Masses EnumerateKappa(const Table& t) {
   const auto R = support::RowTotals(t), C = support::ColTotals(t);
   const int64_t N = support::GrandTotal(t);
   int64_t sg = 0;
@@ -51,26 +51,9 @@ TwoCut EnumerateKappa(const Table& t) {
   auto nw = [&](const Table& x) {
     int64_t d = 0;
     for (int i = 0; i < x.rows; ++i) d += x.at(i, i);
-    return N * d;
+    return Frac{N * d, 1};
   };
-  const int64_t a = nw(t), mirror = 2 * sg - a;
-  TwoCut m;
-  m.high_side = a > sg;
-  const int64_t hb = std::max(a, mirror), lb = std::min(a, mirror);
-  support::EnumerateTables(R, C, [&](const Table& x, long double p) {
-    const int64_t b = nw(x);
-    if (b >= hb) m.high += p;
-    if (b == hb) m.high_point += p;
-    if (b <= lb) m.low += p;
-    if (b == lb) m.low_point += p;
-  });
-  return m;
-}
-
-void ExpectNear(double engine, long double ref, double slack, const std::string& what) {
-  const double r = static_cast<double>(ref);
-  EXPECT_LE(std::fabs(engine - r), 1e-9 * std::fabs(r) + slack)
-      << what << ": " << engine << " vs " << r;
+  return assoc_test::EnumerateTwoCut(t, nw, Frac{2 * sg - nw(t).n, 1});
 }
 
 TEST(NominalFamily, ExactPValuesMatchEnumeration) {
@@ -116,9 +99,10 @@ TEST(NominalFamily, ExactPValuesMatchEnumeration) {
       const double* f = call.Run(t);
       ASSERT_EQ(f[48], 0.0) << what;
       if (mb.proc == 43) {
-        const TwoCut m = EnumerateKappa(t);
-        ExpectNear(f[16], std::min<long double>(1, m.high + m.low), 0, what);
-        ExpectNear(Slot(slot::kExactOneSided).value, m.high_side ? m.high : m.low, 0, what);
+        const assoc_test::Masses m = EnumerateKappa(t);
+        const long double high = m.above + m.high_point, low = m.below + m.low_point;
+        ExpectNear(f[16], std::min<long double>(1, high + low), 0, what);
+        ExpectNear(Slot(slot::kExactOneSided).value, m.high_side ? high : low, 0, what);
         ExpectNear(Slot(slot::kPointProbability).value,
                    m.high_side ? m.high_point : m.low_point, 0, what);
         ties += m.high_point > 0 && m.low_point > 0;

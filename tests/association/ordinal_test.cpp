@@ -16,22 +16,16 @@
 #include "support/enumerate.h"
 #include "support/host_call.h"
 #include "support/ref_data.h"
+#include "association/two_cut.h"
 
 namespace anvl {
 namespace {
 
 using support::HostCall;
 using support::Table;
-using Int = __int128;
-
-// A statistic as an exact fraction n / d (d > 0).
-struct Frac {
-  Int n = 0, d = 1;
-};
-int Compare(Frac a, Frac b) {
-  const Int l = a.n * b.d, r = b.n * a.d;
-  return l < r ? -1 : (l > r ? 1 : 0);
-}
+using assoc_test::Frac;
+using assoc_test::Int;
+using assoc_test::Masses;
 
 // Concordant and discordant pairs by their definition, cell pair by cell pair.
 void Pairs(const Table& t, Int& C, Int& D) {
@@ -93,35 +87,8 @@ const Member kJonckheere{
       return Frac{(n * n - r2) - TwiceJt(t), 2};
     }};
 
-// The five masses of a two-cut member by enumeration.
-struct Masses {
-  long double above = 0, high_point = 0, middle = 0, low_point = 0, below = 0;
-  bool high_side = false;
-  uint64_t tables = 0;
-};
-
-Masses Enumerate(const Member& m, const Table& obs) {
-  const Frac a = m.stat(obs), b = m.mirror(obs);
-  Masses out;
-  out.high_side = Compare(a, b) > 0;
-  const Frac hi = out.high_side ? a : b, lo = out.high_side ? b : a;
-  out.tables = support::EnumerateTables(
-      support::RowTotals(obs), support::ColTotals(obs), [&](const Table& t, long double p) {
-        const Frac v = m.stat(t);
-        const int ch = Compare(v, hi), cl = Compare(v, lo);
-        if (ch > 0) out.above += p;
-        if (ch == 0) out.high_point += p;
-        if (cl < 0) out.below += p;
-        if (cl == 0) out.low_point += p;
-        if (cl > 0 && ch < 0) out.middle += p;
-      });
-  return out;
-}
-
 void ExpectNear(double engine, long double ref, const std::string& what) {
-  const double r = static_cast<double>(ref);
-  EXPECT_LE(std::fabs(engine - r), 1e-9 * std::fabs(r) + 1e-15) << what << ": " << engine
-                                                                 << " vs " << r;
+  assoc_test::ExpectNear(engine, ref, 1e-15, what);
 }
 
 template <class Run>
@@ -170,7 +137,7 @@ TEST(OrdinalFamily, ExactMassesMatchEnumeration) {
   for (const Member* m : {&kGamma, &kKendall, &kJonckheere}) {
     int at_mean = 0;
     for (const Table& t : tables) {
-      const Masses ref = Enumerate(*m, t);
+      const Masses ref = assoc_test::EnumerateTwoCut(t, m->stat, m->mirror(t));
       enumerated += ref.tables;
       const std::string what = support::Describe(t) + " procedure " + std::to_string(m->proc);
       at_mean += ref.low_point == ref.high_point && ref.middle == 0;
