@@ -1,6 +1,7 @@
 // Procedures 41, 47 and 48: the exact two-cut masses against enumeration of
 // all tables with the margins, the measures against R, the degenerate run and
-// the host's stop (Monte Carlo and failures: routes_test.cpp).
+// the host's stop (failures: failures_test.cpp; Monte Carlo:
+// engines/sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>

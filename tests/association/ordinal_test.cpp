@@ -1,7 +1,8 @@
 // Procedures 50 (gamma), 49 (Kendall's family), 20 (Jonckheere-Terpstra)
 // and 21 (Kruskal-Wallis): the exact masses against enumeration of all
 // tables with the margins, the measures against R, the degenerate table and
-// the flat past table (Monte Carlo and failures: routes_test.cpp).
+// the flat past table (failures: failures_test.cpp; Monte Carlo:
+// engines/sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>

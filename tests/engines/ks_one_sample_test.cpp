@@ -1,7 +1,7 @@
 // The one-sample Kolmogorov-Smirnov test (procedure 6) from the host's
 // side: continuous models against R's ks.test (tests/data/gen_ks1_refs.R),
 // the Poisson against exact rational sums (tests/data/gen_ks1_poisson.py),
-// the Monte Carlo route against the exact values, and the failure codes.
+// and the failure codes (Monte Carlo: sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -112,47 +112,6 @@ TEST(KsOneSample, PoissonAgreesWithExactRationalSums) {
     // The one-sided tails, also at d = 0 where Conover's sums leave out a term.
     EXPECT_LE(Rel(anvl::Slot(86).value, r.Real("p_plus")), 1e-12);
     EXPECT_LE(Rel(anvl::Slot(93).value, r.Real("p_minus")), 1e-12);
-  }
-}
-
-// Seeded Monte Carlo runs against the exact tails: each estimate within
-// four standard errors (a false alarm about once in 16000 per estimate).
-TEST(KsOneSample, MonteCarloEstimatesTheExactTails) {
-  struct Case { int64_t model; double p1, p2; std::vector<double> x; std::vector<int64_t> w; };
-  const Case cases[] = {
-      {4, 0.0, 1.0, {0.35, -0.04, -1.63, -0.09, 0.98, 1.7, 0.2, -0.6, 2.1, 0.05, 1.1, 0.44}, {}},
-      {6, 2.5, 0.0, {0.3, 1.1, 4.2, 0.7, 2.2, 6.9, 0.05, 1.6}, {}},
-      {3, 2.5, 0.0, {0, 1, 2, 3, 5, 7}, {1, 4, 3, 2, 2, 1}},
-  };
-  constexpr int64_t kSamples = 20000;
-  for (const Case& c : cases) {
-    HostCall exact = KsCall(c.model, c.p1, c.p2, c.x, c.w);
-    const double* f = exact.RunCases();
-    ASSERT_EQ(f[48], 0.0);
-    const double two = f[16], plus = anvl::Slot(86).value, minus = anvl::Slot(93).value;
-    for (int64_t seed : {11, 12345}) {
-      SCOPED_TRACE(testing::Message() << "model " << c.model << " seed " << seed);
-      HostCall mc = KsCall(c.model, c.p1, c.p2, c.x, c.w);
-      mc.MonteCarlo(kSamples, seed, 0.99);
-      f = mc.RunCases();
-      ASSERT_EQ(f[48], 0.0);
-      EXPECT_EQ(f[16], kMissing);
-      EXPECT_EQ(anvl::Slot(anvl::slot::kMcCount).value, static_cast<double>(kSamples));
-      EXPECT_LE(f[22], f[21]);
-      EXPECT_LE(f[21], f[23]);
-      auto near = [](double estimate, double p) {
-        return std::fabs(estimate - p) <= 4.0 * std::sqrt(p * (1.0 - p) / kSamples);
-      };
-      // The Poisson's exact two-sided value adds both tails: it bounds the
-      // estimate from above.
-      if (c.model == 3) {
-        EXPECT_LE(f[21], two + 4.0 * std::sqrt(two * (1.0 - std::min(two, 1.0)) / kSamples));
-      } else {
-        EXPECT_TRUE(near(f[21], two)) << f[21] << " vs " << two;
-      }
-      EXPECT_TRUE(near(anvl::Slot(88).value, plus)) << anvl::Slot(88).value << " vs " << plus;
-      EXPECT_TRUE(near(anvl::Slot(95).value, minus)) << anvl::Slot(95).value << " vs " << minus;
-    }
   }
 }
 

@@ -1,7 +1,7 @@
 // Procedures 24, 26 and 51 from the host's side: exact p-values against
 // the distribution over every within-block order, statistics and asymptotic
-// p-values against R, the Monte Carlo route against the exact value, the
-// compaction of the caller's data and the failure codes.
+// p-values against R, the compaction of the caller's data and the failure
+// codes (Monte Carlo: sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -186,37 +186,6 @@ TEST(RelatedSamples, AsymptoticMatchesR) {
     const double W = w.RunCases()[0];
     EXPECT_NEAR(W, ref.Real("friedman") / (n * (k - 1.0)), 1e-12 * W);
   }
-}
-
-TEST(RelatedSamples, MonteCarloEstimatesTheExactValue) {
-  std::mt19937_64 rng(7);
-  const std::vector<double> data = RandomBlocks(rng, 4, 4, 3);
-  HostCall exact = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, 4);
-  const double p = exact.RunCases()[16];
-  ASSERT_GT(p, 0.02);
-  ASSERT_LT(p, 0.98);
-  constexpr int64_t M = 20000;
-  // A false alarm at 4 standard errors: about 6e-5 per seed.
-  for (int64_t seed : {1, 2024, 99991}) {
-    HostCall mc = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, 4);
-    mc.MonteCarlo(M, seed, 0.99);
-    const double* r = mc.RunCases();
-    ASSERT_EQ(r[48], 0.0);
-    EXPECT_EQ(mc.Published(), (std::vector<int>{0, 21, 22, 23}));
-    EXPECT_NEAR(r[21], p, 4.0 * std::sqrt(p * (1 - p) / M)) << "seed " << seed;
-    EXPECT_LT(r[22], r[21]);
-    EXPECT_GT(r[23], r[21]);
-    HostCall again = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, 4);
-    again.MonteCarlo(M, seed, 0.99);
-    EXPECT_EQ(again.RunCases()[21], r[21]) << "same seed, same estimate";
-  }
-  // S = 0: every sample reaches it.
-  HostCall all = Call(TQ_PROC_KENDALL_W, TQ_METHOD_EXACT, {1, 2, 2, 1}, 2);
-  all.MonteCarlo(500, 3, 0.99);
-  const double* r = all.RunCases();
-  EXPECT_EQ(r[21], 1.0);
-  EXPECT_NEAR(r[22], std::pow(0.01, 1.0 / 500), 1e-15);
-  EXPECT_EQ(r[23], 1.0);
 }
 
 TEST(RelatedSamples, ConstantBlocksLeaveTheCallersData) {

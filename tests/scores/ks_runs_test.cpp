@@ -2,8 +2,8 @@
 // from the host's side: exact values against enumeration of every
 // arrangement of the samples, against R (tests/data/gen_ks2_refs.R:
 // ks.test; gen_runs_refs.R: the Swed-Eisenhart distribution and
-// tseries::runs.test), Monte Carlo against exact, and the failure codes of
-// the runs tests (those of 18: score_peers_test.cpp).
+// tseries::runs.test), and the failure codes of the runs tests (those of
+// 18: score_peers_test.cpp; Monte Carlo: engines/sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -135,55 +135,6 @@ TEST(KsTwoSample, MatchesRKsTestWithAndWithoutTies) {
       EXPECT_NEAR(Slot(99).value, r.Real("asym_two"), 5e-5);
       EXPECT_LE(Rel(Slot(85).value, r.Real("asym_plus")), 1e-12);
       EXPECT_LE(Rel(Slot(92).value, r.Real("asym_minus")), 1e-12);
-    }
-  }
-}
-
-// Seeded estimates within four standard errors of the exact values, inside
-// their intervals, repeated by the same seed: the three tails of 18, and
-// both statistics on both sides of 19 on a tied table.
-TEST(KsTwoSample, MonteCarloWithinFourStandardErrorsOfExact) {
-  const struct {
-    int64_t procedure;
-    std::vector<Row> rows;
-    std::vector<std::pair<int, int>> slots;  // exact, estimate
-  } cases[] = {
-      {TQ_PROC_KS_TWO_SAMPLE, {{3, 0, 2, 4, 1, 0}, {1, 3, 2, 0, 3, 4}}, {{86, 88}, {93, 95}, {100, 102}}},
-      {TQ_PROC_WALD_WOLFOWITZ,
-       {{2, 1, 0, 3, 1, 2}, {1, 2, 2, 0, 1, 3}},
-       {{slot::kExactOneSided, slot::kMcOneSided}, {slot::kExactTwoSided, slot::kMcTwoSided},
-        {slot::kExactOneSided2, slot::kMcOneSided2}, {slot::kExactTwoSided2, slot::kMcTwoSided2}}},
-  };
-  const int64_t M = 20000;
-  for (const auto& c : cases) {
-    const auto t = MakeTable(c.rows);
-    HostCall exact(c.procedure, TQ_METHOD_EXACT);
-    ASSERT_EQ(exact.Run(t)[TQ_REC_FAILURE], 0.0);
-    std::vector<double> p;
-    for (auto [e, m] : c.slots) p.push_back(Slot(e).value);
-    for (int64_t seed : {1, 4242}) {
-      SCOPED_TRACE("procedure " + std::to_string(c.procedure) + " seed " + std::to_string(seed));
-      HostCall mc(c.procedure, TQ_METHOD_EXACT);
-      mc.MonteCarlo(M, seed, 0.99);
-      HostCall again = mc;
-      const double* f = mc.Run(t);
-      ASSERT_EQ(f[TQ_REC_FAILURE], 0.0);
-      for (size_t i = 0; i < p.size(); ++i) {
-        const double est = Slot(c.slots[i].second).value;
-        EXPECT_LE(std::fabs(est - p[i]), 4.0 * std::sqrt(p[i] * (1 - p[i]) / M)) << i;
-        EXPECT_LT(Slot(c.slots[i].second + 1).value, est) << i;
-        EXPECT_GT(Slot(c.slots[i].second + 2).value, est) << i;
-      }
-      EXPECT_EQ(Slot(slot::kMcCount).value, static_cast<double>(M));
-      if (c.procedure == TQ_PROC_KS_TWO_SAMPLE) {
-        EXPECT_EQ(f[21], Slot(102).value);
-      } else {
-        EXPECT_EQ(f[18], Slot(slot::kMcOneSided2).value);
-        EXPECT_EQ(f[39], Slot(slot::kMcOneSided).value);
-      }
-      const std::vector<double> first(f, f + 42);
-      const double* g = again.Run(t);
-      for (int i = 0; i < 42; ++i) EXPECT_EQ(g[i], first[i]) << "the same seed, the same record: " << i;
     }
   }
 }

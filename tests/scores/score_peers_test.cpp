@@ -1,7 +1,7 @@
 // The two-sample score tests against R (stats, exactRankTests, coin): the
-// committed values of tests/data/gen_score_refs.R; the Monte Carlo route
-// against the exact p-values and the failures of the score family, with
-// those of marginal homogeneity and the two-sample Kolmogorov-Smirnov test.
+// committed values of tests/data/gen_score_refs.R; the failures of the score
+// family, with those of marginal homogeneity and the two-sample
+// Kolmogorov-Smirnov test (Monte Carlo: engines/sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -51,53 +51,6 @@ TEST(ScorePeers, ExactAndAsymptoticMatchR) {
       EXPECT_EQ(f[3], r.Real("u"));
       ExpectNear(f[16], std::min(1.0, r.Real("exact_two")), 1e-9, "502 two-sided");
     }
-  }
-}
-
-// Seeded Monte Carlo estimates lie within 4 standard errors of the exact
-// values, inside their interval, and the same seed gives the same
-// estimates: the two-sample tables of score_refs.csv, paired differences
-// (a one-row table) and marginal homogeneity.
-TEST(ScorePeers, MonteCarloWithinFourStandardErrors) {
-  struct Case {
-    std::string what;
-    int64_t procedure;
-    Table table;
-    std::vector<double> scores;
-    int64_t seed;
-  };
-  std::vector<Case> cases;
-  for (const CsvRow& r : LoadCsv("score_refs.csv"))
-    cases.push_back({r.Text("id") + " rule " + r.Text("rule"), Procedure(r), RefTable(r), {}, 2000 + r.Int("cols")});
-  const Table paired{1, 7, {3, 2, 4, 1, 2, 5, 3}};
-  const std::vector<double> diffs = {-2, -1, 0, 0.5, 1, 2, 3};
-  cases.push_back({"signed rank", TQ_PROC_WILCOXON, paired, diffs, 99});
-  cases.push_back({"sign test", TQ_PROC_SCORES_EQUAL, paired, diffs, 99});
-  cases.push_back({"marginal homogeneity", TQ_PROC_MARGINAL_HOMOG_LONG,
-                   MakeTable({{5, 3, 1, 0}, {7, 6, 2, 1}, {2, 6, 8, 3}, {1, 0, 5, 9}}), {1, 2, 3, 5}, 4321});
-  const int64_t samples = 20000;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    HostCall exact(c.procedure, TQ_METHOD_EXACT), mc = exact;
-    exact.scores = mc.scores = c.scores;
-    const double* e = exact.Run(c.table);
-    ASSERT_EQ(e[48], 0.0);
-    const double one = e[15], two = e[16], side = e[12];
-    mc.MonteCarlo(samples, c.seed, 0.99);
-    HostCall again = mc;
-    const double* f = mc.Run(c.table);
-    ASSERT_EQ(f[48], 0.0);
-    EXPECT_EQ(f[12], side);
-    for (auto [est, p] : {std::pair{f[18], one}, std::pair{f[21], two}}) {
-      const double se = std::sqrt(p * (1 - p) / samples);
-      EXPECT_LE(std::fabs(est - p), 4 * se + 1e-12) << est << " vs " << p;
-    }
-    EXPECT_LE(f[19], f[18]);
-    EXPECT_GE(f[20], f[18]);
-    EXPECT_EQ(f[15], kTestFiller);
-    const std::vector<double> first(f, f + 24);
-    const double* g = again.Run(c.table);
-    for (int i = 18; i < 24; ++i) EXPECT_EQ(g[i], first[i]);
   }
 }
 

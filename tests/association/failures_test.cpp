@@ -1,6 +1,5 @@
-// What the association procedures share from the host's side: the Monte
-// Carlo route against the exact one, and the failure codes of bad input
-// (nothing published, no spill file left behind).
+// The failure codes of the association procedures on bad input: nothing
+// published, no spill file left behind.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -16,76 +15,6 @@ namespace {
 using support::HostCall;
 using support::MakeTable;
 using support::Table;
-
-constexpr int kLinear[] = {41, 47, 48}, kOrdinal[] = {50, 49, 20, 21}, kNominal[] = {40, 45, 43, 46};
-
-// Estimates within 4 standard errors of the exact values (two-sided, and
-// one-sided where the record shows it), inside their interval; the same
-// seed repeats the record but the elapsed time; no exact value beside them.
-TEST(AssociationRoutes, MonteCarloAgreesWithExactAndRepeats) {
-  const Table t = MakeTable({{4, 2, 1, 0}, {2, 3, 3, 1}, {0, 1, 3, 5}, {1, 0, 2, 2}});
-  std::vector<int> procs(std::begin(kLinear), std::end(kLinear));
-  procs.insert(procs.end(), std::begin(kOrdinal), std::end(kOrdinal));
-  procs.insert(procs.end(), std::begin(kNominal), std::end(kNominal));
-  for (int proc : procs) {
-    SCOPED_TRACE("procedure " + std::to_string(proc));
-    auto call = [&](int64_t method) {
-      HostCall c(proc, method);
-      if (proc == 41 || proc == 47) c.row_scores = {-1, 0.5, 4, 6}, c.scores = {0, 1, 3, 7};
-      return c;
-    };
-    HostCall exact = call(TQ_METHOD_EXACT), mc = call(TQ_METHOD_MONTE_CARLO);
-    exact.Run(t);
-    const std::vector<double> e(exact.f, exact.f + TQ_RECORD_LENGTH);
-    ASSERT_EQ(e[48], 0.0);
-    mc.MonteCarlo(20000, 4711, 0.99);
-    mc.Run(t);
-    const std::vector<double> a(mc.f, mc.f + TQ_RECORD_LENGTH);
-    ASSERT_EQ(a[48], 0.0);
-    mc.Run(t);
-    for (int i = 0; i < TQ_RECORD_LENGTH; ++i)
-      if (i < 42 || i > 44) {
-        EXPECT_EQ(mc.f[i], a[i]) << "field " << i;
-      }
-    std::vector<std::pair<int, int>> pairs = {{21, 16}};
-    if (proc == 41 || proc == 20) pairs.push_back({18, 15});
-    for (auto [est, ex] : pairs) {
-      const double se = std::sqrt(e[ex] * (1 - e[ex]) / 20000.0);
-      EXPECT_LE(std::fabs(a[est] - e[ex]), 4 * se + 1e-12) << "field " << est;
-      EXPECT_LT(a[est + 1], a[est]);
-      EXPECT_GT(a[est + 2], a[est]);
-    }
-    EXPECT_EQ(a[0], e[0]);
-    EXPECT_EQ(a[16], support::kTestFiller);
-  }
-  // The observed value at its mean: every drawn table is a two-sided hit.
-  HostCall all(41, TQ_METHOD_MONTE_CARLO);
-  all.MonteCarlo(500, 7, 0.99);
-  const double* f = all.Run(MakeTable({{1, 2, 1}, {2, 4, 2}}));
-  ASSERT_EQ(f[48], 0.0);
-  EXPECT_EQ(f[21], 1.0);
-  EXPECT_DOUBLE_EQ(f[22], std::pow(0.01, 1.0 / 500));
-  EXPECT_EQ(f[23], 1.0);
-  // The most extreme table of a large sample: no drawn table reaches it.
-  HostCall none(41, TQ_METHOD_MONTE_CARLO);
-  none.MonteCarlo(500, 7, 0.99);
-  f = none.Run(MakeTable({{12, 0, 0}, {0, 12, 0}, {0, 0, 12}}));
-  ASSERT_EQ(f[48], 0.0);
-  EXPECT_EQ(f[18], 0.0);
-  EXPECT_EQ(f[19], 0.0);
-  EXPECT_DOUBLE_EQ(f[20], 1.0 - std::pow(0.01, 1.0 / 500));
-  EXPECT_EQ(f[21], 0.0);
-  // 40 on a 2 x 2 table walks its cell whatever the method asks.
-  HostCall walk(40, TQ_METHOD_MONTE_CARLO);
-  walk.MonteCarlo(100, 1, 0.99);
-  f = walk.Run(MakeTable({{3, 1}, {1, 3}}));
-  EXPECT_NEAR(f[16], 34.0 / 70, 1e-14);  // the law 1 16 36 16 1 over 70: H ties at 0 and 4
-  EXPECT_NEAR(f[15], 17.0 / 70, 1e-14);  // the cell's upper tail
-  EXPECT_EQ(f[12], 2.0);
-  EXPECT_EQ(f[6], 3.0);
-  EXPECT_EQ(f[8], 2.0);
-  EXPECT_EQ(f[21], support::kTestFiller);
-}
 
 TEST(AssociationRoutes, BadInputGetsItsFailureCode) {
   const std::string spill =
