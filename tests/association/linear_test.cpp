@@ -1,6 +1,6 @@
 // Procedures 41, 47 and 48: the exact two-cut masses against enumeration of
 // all tables with the margins, the measures against R, the degenerate run and
-// the host's stop (failures: failures_test.cpp; Monte Carlo:
+// the host's stop (failures and Monte Carlo: engines/failures_test.cpp,
 // engines/sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 

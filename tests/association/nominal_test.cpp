@@ -1,7 +1,7 @@
 // Procedures 40 and 45 (likelihood ratio, uncertainty coefficients), 43
 // (Cohen's kappa) and 46 (Goodman and Kruskal's tau): exact p-values against
 // enumeration of all tables with the margins and the measures against R
-// (tests/data/gen_association_refs.R); failures in failures_test.cpp,
+// (tests/data/gen_association_refs.R); failures in engines/failures_test.cpp,
 // Monte Carlo in engines/sampling_routes_test.cpp.
 #include <gtest/gtest.h>
 

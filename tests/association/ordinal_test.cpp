@@ -1,7 +1,7 @@
 // Procedures 50 (gamma), 49 (Kendall's family), 20 (Jonckheere-Terpstra)
 // and 21 (Kruskal-Wallis): the exact masses against enumeration of all
 // tables with the margins, the measures against R, the degenerate table and
-// the flat past table (failures: failures_test.cpp; Monte Carlo:
+// the flat past table (failures and Monte Carlo: engines/failures_test.cpp,
 // engines/sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 

@@ -2,13 +2,12 @@
 // from the host's side: exact values against enumeration of every
 // arrangement of the samples, against R (tests/data/gen_ks2_refs.R:
 // ks.test; gen_runs_refs.R: the Swed-Eisenhart distribution and
-// tseries::runs.test), and the failure codes of the runs tests (those of
-// 18: score_peers_test.cpp; Monte Carlo: engines/sampling_routes_test.cpp).
+// tseries::runs.test), and the cut points (failures and Monte Carlo:
+// engines/failures_test.cpp, engines/sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <random>
 #include <string>
 #include <vector>
@@ -277,44 +276,6 @@ TEST(RunsTest, CutPoints) {
   weighted.values = {1, 2};
   weighted.weights = {2, 3};
   EXPECT_EQ(weighted.RunCases()[0], 2.0);
-}
-
-TEST(RunsTest, BadInputGivesItsFailureCodeAndNothingElse) {
-  const double inf = std::numeric_limits<double>::infinity();
-  const struct {
-    std::vector<double> values;
-    Row weights;
-    int64_t case_rows;
-    double field48;
-  } cases[] = {
-      {{}, {}, 1, -99},  {{1, 2, 3}, {0, 0, 0}, 1, -99},  // no values; no observations (901)
-      {{2, 2, 2}, {}, 1, -1190},                          // one distinct value: one side of the cut
-      {{1, inf, 3}, {}, 1, -1003},                        // a value that isn't finite (-3)
-      {{1, 2, 3}, {1, -1, 2}, 1, -2003},                  // a negative count (-1003)
-      {{1, 2, 3, 4}, {}, 2, -884},                        // two case rows (116)
-  };
-  for (const auto& c : cases)
-    for (int64_t method : {TQ_METHOD_EXACT, TQ_METHOD_ASYMPTOTIC}) {
-      HostCall call(TQ_PROC_RUNS, method);
-      call.values = c.values, call.weights = c.weights, call.case_rows = c.case_rows;
-      EXPECT_EQ(call.RunCases()[TQ_REC_FAILURE], c.field48);
-      EXPECT_TRUE(call.Published().empty());
-    }
-  const struct {
-    std::vector<Row> rows;
-    int64_t memory_kb;
-    double field48;
-  } tables[] = {
-      {{{1, 2}, {2, 1}, {1, 1}}, -1, -784}, {{{0, 0, 0}, {1, 2, 3}}, -1, -784},  // three rows; an empty sample
-      {{{1, -1, 2}, {1, 1, 1}}, -1, -784},                                      // a negative count
-      {{{1000}, {1000}}, 2048, -2002},  // stage offsets beyond a 2 MiB budget (-1002)
-  };
-  for (const auto& t : tables) {
-    HostCall call(TQ_PROC_WALD_WOLFOWITZ, TQ_METHOD_EXACT);
-    call.ip[TQ_INT_MEMORY] = t.memory_kb;
-    EXPECT_EQ(call.Run(MakeTable(t.rows))[TQ_REC_FAILURE], t.field48);
-    EXPECT_TRUE(call.Published().empty());
-  }
 }
 
 }  // namespace

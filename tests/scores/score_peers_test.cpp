@@ -1,7 +1,7 @@
 // The two-sample score tests against R (stats, exactRankTests, coin): the
-// committed values of tests/data/gen_score_refs.R; the failures of the score
-// family, with those of marginal homogeneity and the two-sample
-// Kolmogorov-Smirnov test (Monte Carlo: engines/sampling_routes_test.cpp).
+// committed values of tests/data/gen_score_refs.R; what the family makes of
+// tables with nothing to test and of scores (failures and Monte Carlo:
+// engines/failures_test.cpp, engines/sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -52,69 +52,6 @@ TEST(ScorePeers, ExactAndAsymptoticMatchR) {
       ExpectNear(f[16], std::min(1.0, r.Real("exact_two")), 1e-9, "502 two-sided");
     }
   }
-}
-
-// Bad input ends with its failure value and nothing else: the two-sample
-// and paired score tests, marginal homogeneity and the two-sample
-// Kolmogorov-Smirnov test, by every method (the memory budget: exact only).
-TEST(ScoreFailures, BadInputGivesTheCodeAndNothingElse) {
-  constexpr int64_t kScores = TQ_PROC_SCORES_EQUAL, kWilcoxon = TQ_PROC_WILCOXON,
-                    kMannWhitney = TQ_PROC_MANN_WHITNEY, kKs = TQ_PROC_KS_TWO_SAMPLE;
-  constexpr int64_t kMarginal[] = {TQ_PROC_MARGINAL_HOMOG, TQ_PROC_MARGINAL_HOMOG_LONG};
-  struct Case {
-    const char* what;
-    std::vector<int64_t> procedures;
-    Table table;
-    double field48;
-    std::vector<double> scores = {};
-    int64_t memory_kb = -1;
-  };
-  Table big{2, 10, {}};  // 200 + 200 on ten levels: more nodes than a 2 MiB grid holds
-  for (int64_t x : {19, 22, 18, 21, 20, 23, 17, 20, 22, 18, 21, 18, 20, 22, 19, 17, 23, 21, 18, 21})
-    big.cells.push_back(x);
-  const std::vector<int64_t> two_sample = {kScores, kWilcoxon, kMannWhitney};
-  const std::vector<int64_t> marginal(std::begin(kMarginal), std::end(kMarginal));
-  const Case cases[] = {
-      {"three rows", two_sample, MakeTable({{1, 2}, {3, 4}, {5, 6}}), 216 - 1000.0},
-      {"negative count", two_sample, MakeTable({{1, -2, 3}, {3, 4, 5}}), -1001.0},
-      {"empty second sample", two_sample, MakeTable({{1, 2, 3}, {0, 0, 0}}), -1001.0},
-      {"no levels", two_sample, Table{2, 0, {}}, 216 - 1000.0},
-      {"one row without differences", two_sample, MakeTable({{1, 2, 3}}), -1003.0},
-      {"grid too small", {kWilcoxon, kMannWhitney}, big, -1001.0, {}, 2048},
-      {"paired: all zero", {kWilcoxon}, Table{1, 2, {3, 2}}, -1004.0, {0, 0}},
-      {"paired: negative count", {kWilcoxon}, Table{1, 2, {3, -2}}, -1001.0, {1, 2}},
-      {"paired: non-finite difference", {kWilcoxon}, Table{1, 2, {3, 2}}, -1003.0, {1, NAN}},
-      {"not square", marginal, MakeTable({{1, 2, 3}, {3, 4, 5}}), 88 - 1000.0, {1, 2, 3}},
-      {"one row", marginal, MakeTable({{4}}), -1016.0, {1}},
-      {"nobody moved", marginal, MakeTable({{4, 0, 0}, {0, 3, 0}, {0, 0, 2}}), -1004.0, {1, 2, 3}},
-      {"equal scores", marginal, MakeTable({{4, 2, 0}, {1, 3, 0}, {0, 0, 2}}), -1004.0, {1, 1, 3}},
-      {"negative count", marginal, MakeTable({{4, -2, 0}, {1, 3, 1}, {0, 2, 2}}), -1001.0, {1, 2, 3}},
-      {"negative 2 x 2", marginal, MakeTable({{4, -2}, {1, 3}}), -1001.0, {1, 2}},
-      {"no moves 2 x 2", marginal, MakeTable({{4, 0}, {0, 3}}), -1004.0, {1, 2}},
-      {"non-finite score", marginal, MakeTable({{4, 2, 0}, {1, 3, 1}, {0, 2, 2}}), -1003.0, {1, NAN, 3}},
-      {"ks: three rows", {kKs}, MakeTable({{1, 2}, {2, 1}, {1, 1}}), -784},
-      {"ks: one level (216)", {kKs}, MakeTable({{3}, {2}}), -784},
-      {"ks: one non-empty level (4)", {kKs}, MakeTable({{2, 0, 0}, {3, 0, 0}}), -996},
-      {"ks: empty first sample (902)", {kKs}, MakeTable({{0, 0, 0}, {1, 2, 3}}), -98},
-      {"ks: empty second sample (902)", {kKs}, MakeTable({{1, 2, 3}, {0, 0, 0}}), -98},
-      {"ks: negative count", {kKs}, MakeTable({{1, -1, 3}, {2, 2, 2}}), -1001},
-  };
-  for (const Case& c : cases)
-    for (int64_t procedure : c.procedures)
-      for (int64_t method : {TQ_METHOD_EXACT, TQ_METHOD_MONTE_CARLO, TQ_METHOD_ASYMPTOTIC}) {
-        if (c.memory_kb > 0 && method != TQ_METHOD_EXACT) continue;
-        SCOPED_TRACE(std::string(c.what) + " procedure " + std::to_string(procedure) + " method " +
-                     std::to_string(method));
-        HostCall call(procedure, method);
-        if (method == TQ_METHOD_MONTE_CARLO) call.MonteCarlo(100, 5, 0.99);
-        call.ip[TQ_INT_MEMORY] = c.memory_kb;
-        call.scores = c.scores;
-        EXPECT_EQ(call.Run(c.table)[48], c.field48);
-        EXPECT_TRUE(call.Published().empty());
-      }
-  HostCall call(kKs, TQ_METHOD_MONTE_CARLO);
-  call.MonteCarlo(100, 5, 1.5);  // a confidence level outside (0, 1)
-  EXPECT_EQ(call.Run(MakeTable({{1, 2, 0}, {0, 1, 3}}))[48], -1003.0);
 }
 
 TEST(ScoreFailures, EmptyFirstSampleAndOneLevelHaveNothingToTest) {
