@@ -1,11 +1,11 @@
 // Procedures 41, 47 and 48: the exact two-cut masses against enumeration of
-// all tables with the margins, the measures against R, the Monte Carlo
-// route, the degenerate run and the failure codes.
+// all tables with the margins, the measures against R, the degenerate run and
+// the host's stop (failures and Monte Carlo: engines/failures_test.cpp,
+// engines/sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <random>
 
 #include "association/linear.h"
@@ -14,6 +14,7 @@
 #include "support/enumerate.h"
 #include "support/host_call.h"
 #include "support/ref_data.h"
+#include "association/two_cut.h"
 
 namespace anvl {
 namespace {
@@ -21,48 +22,28 @@ namespace {
 using support::HostCall;
 using support::Table;
 
+using assoc_test::ExpectNear;
+using assoc_test::Frac;
+using assoc_test::Int;
+using assoc_test::Masses;
+
 // The two-cut masses of the enumeration, on whole-number scores, in exact
 // integer arithmetic: a table's statistic T is compared through N T with
 // U V = N x its mean (U, V the score sums over the margins), and the mirror
 // of the observed value about the mean is 2 U V - N T_obs.
-struct Masses {
-  long double above = 0, high_point = 0, middle = 0, low_point = 0, below = 0;
-  bool high_side = false;
-};
-
 Masses Enumerate(const Table& obs, const std::vector<int64_t>& iu, const std::vector<int64_t>& iv) {
   const auto R = support::RowTotals(obs), C = support::ColTotals(obs);
-  const __int128 N = support::GrandTotal(obs);
-  __int128 U = 0, V = 0;
+  const Int N = support::GrandTotal(obs);
+  Int U = 0, V = 0;
   for (size_t i = 0; i < R.size(); ++i) U += R[i] * iu[i];
   for (size_t j = 0; j < C.size(); ++j) V += C[j] * iv[j];
   auto stat = [&](const Table& t) {
-    __int128 s = 0;
+    Int s = 0;
     for (int i = 0; i < t.rows; ++i)
       for (int j = 0; j < t.cols; ++j) s += t.at(i, j) * iu[i] * iv[j];
-    return N * s;
+    return Frac{N * s, 1};
   };
-  const __int128 a = stat(obs), mirror = 2 * U * V - a;
-  Masses m;
-  m.high_side = a > U * V;
-  const __int128 hb = m.high_side ? a : mirror, lb = m.high_side ? mirror : a;
-  support::EnumerateTables(R, C, [&](const Table& t, long double p) {
-    const __int128 b = stat(t);
-    if (b > hb) m.above += p;
-    if (b == hb) m.high_point += p;
-    if (b < lb) m.below += p;
-    if (b == lb) m.low_point += p;
-    if (b > lb && b < hb) m.middle += p;
-  });
-  return m;
-}
-
-// Relative agreement at 1e-9; a mass the pass leaves undecided when it
-// ends at its stop margin (1e-12 of probability) may be short by that much.
-void ExpectNear(double engine, long double ref, double slack, const std::string& what) {
-  const double r = static_cast<double>(ref);
-  EXPECT_LE(std::fabs(engine - r), 1e-9 * std::fabs(r) + slack) << what << ": " << engine
-                                                                 << " vs " << r;
+  return assoc_test::EnumerateTwoCut(obs, stat, Frac{2 * U * V - stat(obs).n, 1});
 }
 
 // Scores of one side for a case: the engine's (empty: the default 1, 2, ...)
@@ -302,53 +283,6 @@ TEST(LinearFamily, MeasuresMatchR) {
   ExpectClose(assoc::StudentLowerTail(1.0, 1), 0.75, 1e-7, 0, "t = 1, f = 1");
 }
 
-// Estimates within 4 standard errors of the exact values, a seed that
-// repeats its run, and the intervals at the edges.
-TEST(LinearFamily, MonteCarloAgreesWithExactAndRepeats) {
-  const Table t = support::MakeTable({{4, 2, 1, 0}, {2, 3, 3, 1}, {0, 1, 3, 5}});
-  for (int proc : {41, 48}) {
-    HostCall exact(proc, TQ_METHOD_EXACT);
-    exact.row_scores = {-1, 0.5, 4};
-    exact.scores = {0, 1, 3, 7};
-    const std::vector<double> e(exact.Run(t), exact.Run(t) + TQ_RECORD_LENGTH);
-    HostCall mc(proc, TQ_METHOD_MONTE_CARLO);
-    mc.row_scores = exact.row_scores;
-    mc.scores = exact.scores;
-    mc.MonteCarlo(20000, 12345, 0.99);
-    const std::vector<double> a(mc.Run(t), mc.Run(t) + TQ_RECORD_LENGTH);
-    mc.Run(t);
-    for (int i = 0; i < TQ_RECORD_LENGTH; ++i)
-      if (i < 42 || i > 44) {
-        EXPECT_EQ(mc.f[i], a[i]) << "field " << i;
-      }
-    for (auto [est, ex] : {std::pair{18, 15}, std::pair{21, 16}}) {
-      if (proc == 48 && est == 18) continue;  // 48 shows the two-sided values only
-      const double se = std::sqrt(e[ex] * (1 - e[ex]) / 20000.0);
-      EXPECT_LE(std::fabs(a[est] - e[ex]), 4 * se + 1e-12) << "procedure " << proc << " field " << est;
-      EXPECT_LE(a[est + 1], a[est]);
-      EXPECT_GE(a[est + 2], a[est]);
-    }
-    EXPECT_EQ(a[0], e[0]);
-  }
-  // The observed value at its mean: every drawn table is a two-sided hit.
-  HostCall all(41, TQ_METHOD_MONTE_CARLO);
-  all.MonteCarlo(500, 7, 0.99);
-  const double* f = all.Run(support::MakeTable({{1, 2, 1}, {2, 4, 2}}));
-  ASSERT_EQ(f[48], 0.0);
-  EXPECT_EQ(f[21], 1.0);
-  EXPECT_DOUBLE_EQ(f[22], std::pow(0.01, 1.0 / 500));
-  EXPECT_EQ(f[23], 1.0);
-  // The most extreme table of a large sample: no drawn table reaches it.
-  HostCall none(41, TQ_METHOD_MONTE_CARLO);
-  none.MonteCarlo(500, 7, 0.99);
-  f = none.Run(support::MakeTable({{12, 0, 0}, {0, 12, 0}, {0, 0, 12}}));
-  ASSERT_EQ(f[48], 0.0);
-  EXPECT_EQ(f[18], 0.0);
-  EXPECT_EQ(f[19], 0.0);
-  EXPECT_DOUBLE_EQ(f[20], 1.0 - std::pow(0.01, 1.0 / 500));
-  EXPECT_EQ(f[21], 0.0);
-}
-
 TEST(LinearFamily, NoVarianceGivesPValuesOfOne) {
   const Table t = support::MakeTable({{3, 1, 2}, {1, 4, 2}});
   struct Case {
@@ -372,46 +306,6 @@ TEST(LinearFamily, NoVarianceGivesPValuesOfOne) {
       }
     }
   }
-}
-
-TEST(LinearFamily, BadInputGetsItsFailureCode) {
-  const std::string spill =
-      (std::filesystem::temp_directory_path() / "anvl_linear_test.spill").string();
-  std::filesystem::remove(spill);
-  struct Case {
-    Table t;
-    std::vector<double> u, v;
-    double field48;
-  };
-  std::vector<int64_t> wide(128, 1);
-  const double inf = HUGE_VAL;
-  const std::vector<Case> cases = {
-      {support::MakeTable({{1, 2, 3}}), {}, {}, -1016.0},
-      {support::MakeTable({{1}, {2}}), {}, {}, -1016.0},
-      {support::MakeTable({{1, 2}, {0, 0}}), {}, {}, -1001.0},
-      {support::MakeTable({{1, 0}, {2, 0}}), {}, {}, -1001.0},
-      {support::MakeTable({{1, 2}, {3, -1}}), {}, {}, -1001.0},
-      {support::MakeTable({{1, 2}, {3, 4}}), {1, NAN}, {}, -1003.0},
-      {support::MakeTable({{1, 2}, {3, 4}}), {}, {0, inf}, -1003.0},
-      {support::MakeTable({{1, 2}, {3, 4}}), {1e300, 2e300}, {1e300, 2e300}, -1003.0},
-      {support::MakeTable({wide, wide}), {}, {}, -1001.0},
-  };
-  for (const Case& c : cases) {
-    for (int proc : {41, 47, 48}) {
-      if (proc == 48 && !(c.u.empty() && c.v.empty())) continue;  // 48 ranks, reads no scores
-      HostCall call(proc, TQ_METHOD_EXACT);
-      call.spill = spill;
-      call.row_scores = c.u;
-      call.scores = c.v;
-      const double* f = call.Run(c.t);
-      EXPECT_EQ(f[48], c.field48) << support::Describe(c.t) << " procedure " << proc;
-      EXPECT_TRUE(call.Published().empty()) << support::Describe(c.t);
-      EXPECT_FALSE(std::filesystem::exists(spill));
-    }
-  }
-  HostCall cases_form(41, TQ_METHOD_EXACT);
-  cases_form.values = {1, 2, 3};
-  EXPECT_EQ(cases_form.RunCases()[48], -849.0);  // 151: the family reads Table only
 }
 
 // A stop from the host ends the exact route at once: no spill file is

@@ -1,17 +1,14 @@
 // Procedures 50 (gamma), 49 (Kendall's family), 20 (Jonckheere-Terpstra)
 // and 21 (Kruskal-Wallis): the exact masses against enumeration of all
-// tables with the margins, the measures against R, the Monte Carlo route
-// and the failure codes.
+// tables with the margins, the measures against R, the degenerate table and
+// the flat past table (failures and Monte Carlo: engines/failures_test.cpp,
+// engines/sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <map>
 #include <random>
-#include <sstream>
 
 #include "association/concordance.h"
 #include "association/jonckheere.h"
@@ -20,22 +17,16 @@
 #include "support/enumerate.h"
 #include "support/host_call.h"
 #include "support/ref_data.h"
+#include "association/two_cut.h"
 
 namespace anvl {
 namespace {
 
 using support::HostCall;
 using support::Table;
-using Int = __int128;
-
-// A statistic as an exact fraction n / d (d > 0).
-struct Frac {
-  Int n = 0, d = 1;
-};
-int Compare(Frac a, Frac b) {
-  const Int l = a.n * b.d, r = b.n * a.d;
-  return l < r ? -1 : (l > r ? 1 : 0);
-}
+using assoc_test::Frac;
+using assoc_test::Int;
+using assoc_test::Masses;
 
 // Concordant and discordant pairs by their definition, cell pair by cell pair.
 void Pairs(const Table& t, Int& C, Int& D) {
@@ -60,8 +51,6 @@ Int TwiceJt(const Table& t) {
           s += Int(t.at(i, j)) * t.at(k, l) * (l > j ? 2 : (l == j ? 1 : 0));
   return s;
 }
-
-constexpr int kAllCodes[] = {50, 49, 20, 21};
 
 // The Kruskal-Wallis H with its tie correction, from the rank sums of the
 // groups: (12 / (N (N + 1)) sum S_i^2 / n_i - 3 (N + 1)) / (1 - sum (t^3 - t) / (N^3 - N)).
@@ -99,35 +88,8 @@ const Member kJonckheere{
       return Frac{(n * n - r2) - TwiceJt(t), 2};
     }};
 
-// The five masses of a two-cut member by enumeration.
-struct Masses {
-  long double above = 0, high_point = 0, middle = 0, low_point = 0, below = 0;
-  bool high_side = false;
-  uint64_t tables = 0;
-};
-
-Masses Enumerate(const Member& m, const Table& obs) {
-  const Frac a = m.stat(obs), b = m.mirror(obs);
-  Masses out;
-  out.high_side = Compare(a, b) > 0;
-  const Frac hi = out.high_side ? a : b, lo = out.high_side ? b : a;
-  out.tables = support::EnumerateTables(
-      support::RowTotals(obs), support::ColTotals(obs), [&](const Table& t, long double p) {
-        const Frac v = m.stat(t);
-        const int ch = Compare(v, hi), cl = Compare(v, lo);
-        if (ch > 0) out.above += p;
-        if (ch == 0) out.high_point += p;
-        if (cl < 0) out.below += p;
-        if (cl == 0) out.low_point += p;
-        if (cl > 0 && ch < 0) out.middle += p;
-      });
-  return out;
-}
-
 void ExpectNear(double engine, long double ref, const std::string& what) {
-  const double r = static_cast<double>(ref);
-  EXPECT_LE(std::fabs(engine - r), 1e-9 * std::fabs(r) + 1e-15) << what << ": " << engine
-                                                                 << " vs " << r;
+  assoc_test::ExpectNear(engine, ref, 1e-15, what);
 }
 
 template <class Run>
@@ -176,7 +138,7 @@ TEST(OrdinalFamily, ExactMassesMatchEnumeration) {
   for (const Member* m : {&kGamma, &kKendall, &kJonckheere}) {
     int at_mean = 0;
     for (const Table& t : tables) {
-      const Masses ref = Enumerate(*m, t);
+      const Masses ref = assoc_test::EnumerateTwoCut(t, m->stat, m->mirror(t));
       enumerated += ref.tables;
       const std::string what = support::Describe(t) + " procedure " + std::to_string(m->proc);
       at_mean += ref.low_point == ref.high_point && ref.middle == 0;
@@ -212,122 +174,64 @@ TEST(OrdinalFamily, ExactMassesMatchEnumeration) {
   EXPECT_GT(enumerated, 100000u);
 }
 
-// ---------------------------------------------------------------------------
-// Measures against R (tests/data/gen_ordinal_refs.R).
-// ---------------------------------------------------------------------------
-
-// One row of a reference file: the table and the named values.
-struct Ref {
-  std::string id;
-  Table t;
-  std::map<std::string, double> v;
-};
-
-std::vector<Ref> LoadRefs(const std::string& file) {
-  std::ifstream in(support::TestDataDir() + "/" + file);
-  std::string line;
-  std::vector<std::string> names;
-  std::vector<Ref> refs;
-  while (std::getline(in, line)) {
-    std::vector<std::string> f;
-    std::stringstream ss(line);
-    for (std::string item; std::getline(ss, item, ',');) f.push_back(item);
-    if (names.empty()) {
-      names = f;
-      continue;
-    }
-    Ref r;
-    r.id = f[0];
-    std::istringstream cells(f[3]);
-    std::vector<int64_t> cm;
-    for (int64_t c; cells >> c;) cm.push_back(c);
-    r.t = support::FromColumnMajor(std::stoi(f[1]), std::stoi(f[2]), cm);
-    for (size_t k = 4; k < f.size(); ++k) r.v[names[k]] = std::stod(f[k]);
-    refs.push_back(r);
-  }
-  return refs;
-}
-
 void ExpectClose(double engine, double ref, double rel, const std::string& what) {
   EXPECT_LE(std::fabs(engine - ref), rel * std::fabs(ref) + 1e-12) << what << ": " << engine
                                                                    << " vs " << ref;
 }
 
+support::Table RefTable(const support::CsvRow& r) {
+  return support::FromColumnMajor(r.Int("rows"), r.Int("cols"), r.Ints("cells"));
+}
+
+// The measures against R (tests/data/gen_ordinal_refs.R).
 TEST(OrdinalFamily, MeasuresMatchR) {
-  const auto refs = LoadRefs("concordance_refs.csv");
+  const auto refs = support::LoadCsv("concordance_refs.csv");
   ASSERT_GE(refs.size(), 18u);
-  for (const Ref& r : refs) {
+  for (const support::CsvRow& r : refs) {
+    const std::string id = r.Text("id");
     HostCall g(50, TQ_METHOD_ASYMPTOTIC);
-    const double* f = g.Run(r.t);
-    ASSERT_EQ(f[48], 0.0) << r.id;
-    ExpectClose(f[0], r.v.at("gamma"), 1e-12, r.id + " gamma");
-    ExpectClose(f[3], r.v.at("gamma_ase"), 1e-5, r.id + " gamma ASE1");
-    ExpectClose(f[1], r.v.at("gamma") / r.v.at("gamma_ase0"), 1e-10, r.id + " gamma z");
+    const double* f = g.Run(RefTable(r));
+    ASSERT_EQ(f[48], 0.0) << id;
+    ExpectClose(f[0], r.Real("gamma"), 1e-12, id + " gamma");
+    ExpectClose(f[3], r.Real("gamma_ase"), 1e-5, id + " gamma ASE1");
+    ExpectClose(f[1], r.Real("gamma") / r.Real("gamma_ase0"), 1e-10, id + " gamma z");
     const double p = 0.5 * std::erfc(std::fabs(f[1]) / std::sqrt(2.0));
-    ExpectClose(f[14], std::min(1.0, 2 * p), 1e-7, r.id + " gamma p");
+    ExpectClose(f[14], std::min(1.0, 2 * p), 1e-7, id + " gamma p");
 
     HostCall k(49, TQ_METHOD_ASYMPTOTIC);
-    f = k.Run(r.t);
-    ASSERT_EQ(f[48], 0.0) << r.id;
+    f = k.Run(RefTable(r));
+    ASSERT_EQ(f[48], 0.0) << id;
     const std::pair<int, const char*> fields[] = {
         {0, "tau_b"}, {3, "tau_b_ase"}, {6, "tau_c"}, {9, "tau_c_ase"},  {24, "d_sym"},
         {27, "d_sym_ase"}, {28, "d_rc"}, {31, "d_rc_ase"}, {32, "d_cr"}, {35, "d_cr_ase"}};
     for (auto [field, name] : fields) {
       const bool ase = std::string(name).find("ase") != std::string::npos;
-      ExpectClose(f[field], r.v.at(name), ase ? 1e-5 : 1e-12, r.id + " " + name);
+      ExpectClose(f[field], r.Real(name), ase ? 1e-5 : 1e-12, id + " " + name);
     }
-    ExpectClose(f[1], r.v.at("tau_b") / r.v.at("tau_b_ase0"), 1e-10, r.id + " tau-b z");
-    for (int field : {7, 25, 29, 33}) EXPECT_EQ(f[field], f[1]) << r.id;
+    ExpectClose(f[1], r.Real("tau_b") / r.Real("tau_b_ase0"), 1e-10, id + " tau-b z");
+    for (int field : {7, 25, 29, 33}) EXPECT_EQ(f[field], f[1]) << id;
   }
-  const auto ranks = LoadRefs("rank_refs.csv");
+  const auto ranks = support::LoadCsv("rank_refs.csv");
   ASSERT_GE(ranks.size(), 18u);
-  for (const Ref& r : ranks) {
+  for (const support::CsvRow& r : ranks) {
+    const std::string id = r.Text("id");
+    const Table t = RefTable(r);
     HostCall jt(20, TQ_METHOD_ASYMPTOTIC);
-    const double* f = jt.Run(r.t);
-    ASSERT_EQ(f[48], 0.0) << r.id;
-    ExpectClose(f[0], r.v.at("jt"), 1e-12, r.id + " JT");
-    ExpectClose(f[2], r.v.at("jt_mean"), 1e-12, r.id + " JT mean");
-    ExpectClose(f[3], r.v.at("jt_sd"), 1e-12, r.id + " JT sd");
-    ExpectClose(f[1], (r.v.at("jt") - r.v.at("jt_mean")) / r.v.at("jt_sd"), 1e-10, r.id + " z");
-    EXPECT_EQ(f[46], r.t.rows);
+    const double* f = jt.Run(t);
+    ASSERT_EQ(f[48], 0.0) << id;
+    ExpectClose(f[0], r.Real("jt"), 1e-12, id + " JT");
+    ExpectClose(f[2], r.Real("jt_mean"), 1e-12, id + " JT mean");
+    ExpectClose(f[3], r.Real("jt_sd"), 1e-12, id + " JT sd");
+    ExpectClose(f[1], (r.Real("jt") - r.Real("jt_mean")) / r.Real("jt_sd"), 1e-10, id + " z");
+    EXPECT_EQ(f[46], t.rows);
 
     HostCall kw(21, TQ_METHOD_ASYMPTOTIC);
-    f = kw.Run(r.t);
-    if (r.t.cols == 1) continue;
-    ASSERT_EQ(f[48], 0.0) << r.id;
-    ExpectClose(f[0], r.v.at("kw"), 1e-12, r.id + " Kruskal-Wallis");
+    f = kw.Run(t);
+    if (t.cols == 1) continue;
+    ASSERT_EQ(f[48], 0.0) << id;
+    ExpectClose(f[0], r.Real("kw"), 1e-12, id + " Kruskal-Wallis");
     // The asymptotic p-value isn't in this procedure's record: the store holds it.
-    ExpectClose(Slot(slot::kAsymTwoSided).value, r.v.at("kw_p"), 1e-9, r.id + " p");
-  }
-}
-
-// ---------------------------------------------------------------------------
-// Monte Carlo, marks of no test, failures.
-// ---------------------------------------------------------------------------
-
-TEST(OrdinalFamily, MonteCarloAgreesWithExactAndRepeats) {
-  const Table t = support::MakeTable({{4, 2, 1, 0}, {2, 3, 3, 1}, {0, 1, 3, 5}});
-  for (int proc : kAllCodes) {
-    HostCall exact(proc, TQ_METHOD_EXACT);
-    const std::vector<double> e(exact.Run(t), exact.Run(t) + TQ_RECORD_LENGTH);
-    ASSERT_EQ(e[48], 0.0);
-    HostCall mc(proc, TQ_METHOD_MONTE_CARLO);
-    mc.MonteCarlo(20000, 4711, 0.99);
-    const std::vector<double> a(mc.Run(t), mc.Run(t) + TQ_RECORD_LENGTH);
-    mc.Run(t);
-    for (int i = 0; i < TQ_RECORD_LENGTH; ++i)
-      if (i < 42 || i > 44) {
-        EXPECT_EQ(mc.f[i], a[i]) << "procedure " << proc << " field " << i;
-      }
-    std::vector<std::pair<int, int>> pairs = {{21, 16}};
-    if (proc == 20) pairs.push_back({18, 15});
-    for (auto [est, ex] : pairs) {
-      const double se = std::sqrt(e[ex] * (1 - e[ex]) / 20000.0);
-      EXPECT_LE(std::fabs(a[est] - e[ex]), 4 * se + 1e-12) << "procedure " << proc << " field " << est;
-      EXPECT_LE(a[est + 1], a[est]);
-      EXPECT_GE(a[est + 2], a[est]);
-    }
-    EXPECT_EQ(a[0], e[0]);
+    ExpectClose(Slot(slot::kAsymTwoSided).value, r.Real("kw_p"), 1e-9, id + " p");
   }
 }
 
@@ -344,34 +248,6 @@ TEST(OrdinalFamily, NoNullVarianceMarksTheTest) {
     EXPECT_EQ(f[14], 0.0) << proc;
     EXPECT_NEAR(f[16], 2.0 / 20.0, 1e-14) << proc;  // the two diagonal tables of 20
     EXPECT_EQ(f[0], 1.0) << proc;
-  }
-}
-
-TEST(OrdinalFamily, BadInputGetsItsFailureCode) {
-  const std::string spill =
-      (std::filesystem::temp_directory_path() / "anvl_ordinal_test.spill").string();
-  std::filesystem::remove(spill);
-  std::vector<int64_t> wide(130, 1);
-  const std::vector<std::pair<Table, double>> cases = {
-      {support::MakeTable({{1, 2, 3}}), -1016.0},
-      {support::MakeTable({{1}, {2}}), -1016.0},  // Kruskal-Wallis: no variance, -1033
-      {support::MakeTable({{1, 2}, {0, 0}}), -1001.0},
-      {support::MakeTable({{1, 2}, {3, -1}}), -1001.0},
-      {support::MakeTable({wide, wide}), -1001.0},
-  };
-  for (int proc : kAllCodes) {
-    for (const auto& [t, field48] : cases) {
-      HostCall call(proc, TQ_METHOD_EXACT);
-      call.spill = spill;
-      const double* f = call.Run(t);
-      const double expected = proc == 21 && t.cols == 1 && t.rows > 1 ? -1033.0 : field48;
-      EXPECT_EQ(f[48], expected) << support::Describe(t) << " procedure " << proc;
-      EXPECT_TRUE(call.Published().empty()) << support::Describe(t);
-      EXPECT_FALSE(std::filesystem::exists(spill));
-    }
-    HostCall cases_form(proc, TQ_METHOD_EXACT);
-    cases_form.values = {1, 2, 3};
-    EXPECT_EQ(cases_form.RunCases()[48], -849.0) << proc;  // 151: Table only
   }
 }
 

@@ -1,7 +1,8 @@
 // Procedures 24, 26 and 51 from the host's side: exact p-values against
 // the distribution over every within-block order, statistics and asymptotic
-// p-values against R, the Monte Carlo route against the exact value, the
-// compaction of the caller's data and the failure codes.
+// p-values against R, the compaction of the caller's data, the host's stop
+// and the exact route's limits (failures and Monte Carlo:
+// failures_test.cpp, sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -188,37 +189,6 @@ TEST(RelatedSamples, AsymptoticMatchesR) {
   }
 }
 
-TEST(RelatedSamples, MonteCarloEstimatesTheExactValue) {
-  std::mt19937_64 rng(7);
-  const std::vector<double> data = RandomBlocks(rng, 4, 4, 3);
-  HostCall exact = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, 4);
-  const double p = exact.RunCases()[16];
-  ASSERT_GT(p, 0.02);
-  ASSERT_LT(p, 0.98);
-  constexpr int64_t M = 20000;
-  // A false alarm at 4 standard errors: about 6e-5 per seed.
-  for (int64_t seed : {1, 2024, 99991}) {
-    HostCall mc = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, 4);
-    mc.MonteCarlo(M, seed, 0.99);
-    const double* r = mc.RunCases();
-    ASSERT_EQ(r[48], 0.0);
-    EXPECT_EQ(mc.Published(), (std::vector<int>{0, 21, 22, 23}));
-    EXPECT_NEAR(r[21], p, 4.0 * std::sqrt(p * (1 - p) / M)) << "seed " << seed;
-    EXPECT_LT(r[22], r[21]);
-    EXPECT_GT(r[23], r[21]);
-    HostCall again = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, data, 4);
-    again.MonteCarlo(M, seed, 0.99);
-    EXPECT_EQ(again.RunCases()[21], r[21]) << "same seed, same estimate";
-  }
-  // S = 0: every sample reaches it.
-  HostCall all = Call(TQ_PROC_KENDALL_W, TQ_METHOD_EXACT, {1, 2, 2, 1}, 2);
-  all.MonteCarlo(500, 3, 0.99);
-  const double* r = all.RunCases();
-  EXPECT_EQ(r[21], 1.0);
-  EXPECT_NEAR(r[22], std::pow(0.01, 1.0 / 500), 1e-15);
-  EXPECT_EQ(r[23], 1.0);
-}
-
 TEST(RelatedSamples, ConstantBlocksLeaveTheCallersData) {
   // Three blocks, one constant: the test on the other two, which move
   // forward in the caller's array; the slot behind them keeps its values.
@@ -232,39 +202,7 @@ TEST(RelatedSamples, ConstantBlocksLeaveTheCallersData) {
   EXPECT_EQ(plain.values, two);
 }
 
-TEST(RelatedSamples, FailuresShowTheCodeAndLeaveDataAsPrescribed) {
-  struct Case {
-    const char* what;
-    int64_t procedure;
-    std::vector<double> data;
-    int64_t k;
-    double field48;
-    std::vector<double> data_after;
-  };
-  const std::vector<Case> cases = {
-      {"one block left", TQ_PROC_FRIEDMAN, {4, 4, 4, 1, 2, 3, 7, 7, 7}, 3, -849.0, {1, 2, 3, 1, 2, 3, 7, 7, 7}},
-      {"one row", TQ_PROC_KENDALL_W, {1, 2, 3}, 1, -849.0, {1, 2, 3}},
-      {"no blocks", TQ_PROC_FRIEDMAN, {}, 3, -849.0, {}},
-      {"a 2 under Cochran's Q", TQ_PROC_COCHRAN_Q, {1, 1, 1, 0, 1, 2, 1, 0, 0}, 3, -1035.0,
-       {0, 1, 2, 1, 0, 0, 1, 0, 0}},
-      {"NaN", TQ_PROC_FRIEDMAN, {5, 5, 5, 1, NAN, 3, 2, 1, 3}, 3, -1003.0, {5, 5, 5, 1, NAN, 3, 2, 1, 3}},
-      {"infinity", TQ_PROC_COCHRAN_Q, {1, 1, 0, 1, 0, INFINITY}, 3, -1003.0, {1, 1, 0, 1, 0, INFINITY}},
-  };
-  for (const Case& c : cases) {
-    for (int64_t method : {TQ_METHOD_EXACT, TQ_METHOD_MONTE_CARLO, TQ_METHOD_ASYMPTOTIC}) {
-      HostCall call = Call(c.procedure, method, c.data, c.k);
-      if (method == TQ_METHOD_MONTE_CARLO) call.MonteCarlo(100, 5, 0.99);
-      const double* r = call.RunCases();
-      SCOPED_TRACE(std::string(c.what) + ", method " + std::to_string(method));
-      EXPECT_EQ(r[48], c.field48);
-      EXPECT_TRUE(call.Published().empty());
-      ASSERT_EQ(call.values.size(), c.data_after.size());
-      for (size_t i = 0; i < c.data_after.size(); ++i)
-        EXPECT_TRUE(call.values[i] == c.data_after[i] ||
-                    (std::isnan(call.values[i]) && std::isnan(c.data_after[i])))
-            << "value " << i;
-    }
-  }
+TEST(RelatedSamples, HostStopAndExactLimits) {
   // A stop asked by the host ends the exact run with its code.
   HostCall stopped = Call(TQ_PROC_FRIEDMAN, TQ_METHOD_EXACT, {1, 2, 3, 3, 1, 2, 2, 2, 1}, 3);
   stopped.poll = [](int64_t* flag) { *flag = *flag == -1 ? -1 : 1; };

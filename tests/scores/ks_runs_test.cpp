@@ -2,15 +2,13 @@
 // from the host's side: exact values against enumeration of every
 // arrangement of the samples, against R (tests/data/gen_ks2_refs.R:
 // ks.test; gen_runs_refs.R: the Swed-Eisenhart distribution and
-// tseries::runs.test), Monte Carlo against exact, and the failure codes.
+// tseries::runs.test), and the cut points (failures and Monte Carlo:
+// engines/failures_test.cpp, engines/sampling_routes_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
-#include <limits>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,28 +26,6 @@ using Row = std::vector<int64_t>;
 namespace slot = anvl::slot;
 
 double Rel(double a, double b) { return std::fabs(a - b) / std::max(std::fabs(b), 1e-300); }
-
-std::vector<std::string> Split(const std::string& s, char sep) {
-  std::vector<std::string> out;
-  std::stringstream in(s);
-  for (std::string item; std::getline(in, item, sep);) out.push_back(item);
-  return out;
-}
-std::vector<double> Reals(const std::string& s) {
-  std::vector<double> out;
-  for (const std::string& x : Split(s, ' ')) out.push_back(std::stod(x));
-  return out;
-}
-// The rows of a committed reference file, split at commas, header dropped.
-std::vector<std::vector<std::string>> Refs(const std::string& name) {
-  std::ifstream in(anvl::support::TestDataDir() + "/" + name);
-  EXPECT_TRUE(in.good()) << name;
-  std::vector<std::vector<std::string>> rows;
-  std::string line;
-  std::getline(in, line);
-  while (std::getline(in, line)) rows.push_back(Split(line, ','));
-  return rows;
-}
 
 // Every first row x (0 <= x[k] <= a[k] + b[k], sum n) with its
 // hypergeometric probability, handed to `visit`.
@@ -124,13 +100,12 @@ TEST(KsTwoSample, ExactTailsMatchEnumerationWithTies) {
 }
 
 TEST(KsTwoSample, MatchesRKsTestWithAndWithoutTies) {
-  const auto refs = Refs("ks2_refs.csv");
+  const auto refs = anvl::support::LoadCsv("ks2_refs.csv");
   ASSERT_EQ(refs.size(), 62u);
   for (const auto& r : refs) {
-    ASSERT_EQ(r.size(), 13u);
-    SCOPED_TRACE(r[0]);
+    SCOPED_TRACE(r.Text("id"));
     // The two-row table of the samples over their pooled distinct values.
-    const std::vector<double> x = Reals(r[1]), y = Reals(r[2]);
+    const std::vector<double> x = r.Reals("x"), y = r.Reals("y");
     std::vector<double> v = x;
     v.insert(v.end(), y.begin(), y.end());
     std::sort(v.begin(), v.end());
@@ -143,71 +118,24 @@ TEST(KsTwoSample, MatchesRKsTestWithAndWithoutTies) {
       const double* f = call.Run(MakeTable({a, b}));
       ASSERT_EQ(f[TQ_REC_FAILURE], 0.0);
       // d in single precision on these routes; R gives a d of 0 as -1e-16.
-      EXPECT_NEAR(f[TQ_REC_STATISTIC], std::stod(r[3]), 1e-7);
-      EXPECT_NEAR(Slot(84).value, std::stod(r[4]), 1e-7);
-      EXPECT_NEAR(Slot(91).value, std::stod(r[5]), 1e-7);
+      EXPECT_NEAR(f[TQ_REC_STATISTIC], r.Real("d"), 1e-7);
+      EXPECT_NEAR(Slot(84).value, r.Real("d_plus"), 1e-7);
+      EXPECT_NEAR(Slot(91).value, r.Real("d_minus"), 1e-7);
       if (method == TQ_METHOD_EXACT) {
-        EXPECT_LE(Rel(f[TQ_REC_EXACT_TWO], std::stod(r[6])), 1e-9);
-        EXPECT_LE(Rel(Slot(86).value, std::stod(r[11])), 1e-9);
-        EXPECT_LE(Rel(Slot(93).value, std::stod(r[12])), 1e-9);
+        EXPECT_LE(Rel(f[TQ_REC_EXACT_TWO], r.Real("exact_two")), 1e-9);
+        EXPECT_LE(Rel(Slot(86).value, r.Real("exact_plus")), 1e-9);
+        EXPECT_LE(Rel(Slot(93).value, r.Real("exact_minus")), 1e-9);
       }
       // Ours stops after the first term of the series at most 5e-5, which
       // leaves out less than 5e-6.  ks.test sums it to a tolerance of 1e-6
       // (three terms of its small-l form), which leaves R up to 3.4e-5 off
       // the full series in these rows.
-      EXPECT_NEAR(Slot(99).value, std::stod(r[10]), 5e-6);
-      EXPECT_NEAR(Slot(99).value, std::stod(r[7]), 5e-5);
-      EXPECT_LE(Rel(Slot(85).value, std::stod(r[8])), 1e-12);
-      EXPECT_LE(Rel(Slot(92).value, std::stod(r[9])), 1e-12);
+      EXPECT_NEAR(Slot(99).value, r.Real("limit_two"), 5e-6);
+      EXPECT_NEAR(Slot(99).value, r.Real("asym_two"), 5e-5);
+      EXPECT_LE(Rel(Slot(85).value, r.Real("asym_plus")), 1e-12);
+      EXPECT_LE(Rel(Slot(92).value, r.Real("asym_minus")), 1e-12);
     }
   }
-}
-
-TEST(KsTwoSample, MonteCarloWithinFourStandardErrorsOfExact) {
-  const auto t = MakeTable({{3, 0, 2, 4, 1, 0}, {1, 3, 2, 0, 3, 4}});
-  HostCall exact(TQ_PROC_KS_TWO_SAMPLE, TQ_METHOD_EXACT);
-  ASSERT_EQ(exact.Run(t)[TQ_REC_FAILURE], 0.0);
-  double p[3];
-  for (int i = 0; i < 3; ++i) p[i] = Slot(kKsTail[i]).value;
-  const int64_t M = 20000;
-  for (int64_t seed : {1, 4242}) {
-    HostCall mc(TQ_PROC_KS_TWO_SAMPLE, TQ_METHOD_EXACT), again = mc;
-    mc.MonteCarlo(M, seed, 0.99);
-    again.MonteCarlo(M, seed, 0.99);
-    const double* f = mc.Run(t);
-    ASSERT_EQ(f[TQ_REC_FAILURE], 0.0);
-    for (int i = 0; i < 3; ++i) {
-      const double est = Slot(kKsMc[i]).value;
-      EXPECT_LE(std::fabs(est - p[i]), 4.0 * std::sqrt(p[i] * (1 - p[i]) / M)) << i << " " << seed;
-      EXPECT_LT(Slot(kKsMc[i] + 1).value, est);
-      EXPECT_GT(Slot(kKsMc[i] + 2).value, est);
-    }
-    EXPECT_EQ(f[21], Slot(102).value);
-    EXPECT_EQ(Slot(slot::kMcCount).value, static_cast<double>(M));
-    EXPECT_EQ(again.Run(t)[21], f[21]);  // the same seed, the same estimate
-  }
-}
-
-TEST(KsTwoSample, BadInputGivesItsFailureCodeAndNothingElse) {
-  const struct {
-    std::vector<Row> rows;
-    double field48;
-  } cases[] = {
-      {{{1, 2}, {2, 1}, {1, 1}}, -784}, {{{3}, {2}}, -784},           // three rows; one level (216)
-      {{{2, 0, 0}, {3, 0, 0}}, -996},                                 // one non-empty level (4)
-      {{{0, 0, 0}, {1, 2, 3}}, -98}, {{{1, 2, 3}, {0, 0, 0}}, -98},   // an empty sample (902)
-      {{{1, -1, 3}, {2, 2, 2}}, -1001},                               // a negative count
-  };
-  for (const auto& c : cases)
-    for (int64_t method : {TQ_METHOD_EXACT, TQ_METHOD_MONTE_CARLO, TQ_METHOD_ASYMPTOTIC}) {
-      HostCall call(TQ_PROC_KS_TWO_SAMPLE, method);
-      if (method == TQ_METHOD_MONTE_CARLO) call.MonteCarlo(100, 5, 0.99);
-      EXPECT_EQ(call.Run(MakeTable(c.rows))[TQ_REC_FAILURE], c.field48) << c.field48;
-      EXPECT_TRUE(call.Published().empty());
-    }
-  HostCall call(TQ_PROC_KS_TWO_SAMPLE, TQ_METHOD_MONTE_CARLO);
-  call.MonteCarlo(100, 5, 1.5);  // a confidence level outside (0, 1)
-  EXPECT_EQ(call.Run(MakeTable({{1, 2, 0}, {0, 1, 3}}))[TQ_REC_FAILURE], -1003.0);
 }
 
 // The published exact values of an observed run count R with null mean
@@ -294,13 +222,12 @@ HostCall SeriesCall(const std::vector<double>& s, int64_t method) {
 }
 
 TEST(RunsTest, MatchesTheNullDistributionAndTseries) {
-  const auto refs = Refs("runs_refs.csv");
+  const auto refs = anvl::support::LoadCsv("runs_refs.csv");
   ASSERT_EQ(refs.size(), 40u);
   for (const auto& r : refs) {
-    ASSERT_EQ(r.size(), 11u);
-    SCOPED_TRACE(r[0]);
-    const std::vector<double> s = Reals(r[1]);
-    const double R = std::stod(r[4]), lower = std::stod(r[5]), upper = std::stod(r[6]), point = std::stod(r[7]);
+    SCOPED_TRACE(r.Text("id"));
+    const std::vector<double> s = r.Reals("sequence");
+    const double R = r.Real("runs"), lower = r.Real("lower"), upper = r.Real("upper"), point = r.Real("point");
     Row a, b;  // Wald-Wolfowitz on unit levels: the lower tail
     for (double v : s) a.push_back(v == 1.0), b.push_back(v == 0.0);
     HostCall ww(TQ_PROC_WALD_WOLFOWITZ, TQ_METHOD_EXACT);
@@ -310,7 +237,7 @@ TEST(RunsTest, MatchesTheNullDistributionAndTseries) {
     EXPECT_EQ(f[TQ_REC_SIDE], 1.0);
     EXPECT_LE(Rel(f[15], lower), 1e-9);
     EXPECT_LE(Rel(f[17], point), 1e-9);
-    EXPECT_LE(Rel(Slot(slot::kExactTwoSided2).value, std::stod(r[8])), 1e-9);
+    EXPECT_LE(Rel(Slot(slot::kExactTwoSided2).value, r.Real("two")), 1e-9);
     HostCall cut = SeriesCall(s, TQ_METHOD_EXACT);  // the tail on the observed side
     f = cut.RunCases();
     ASSERT_EQ(f[TQ_REC_FAILURE], 0.0);
@@ -318,18 +245,18 @@ TEST(RunsTest, MatchesTheNullDistributionAndTseries) {
     EXPECT_EQ(Slot(slot::kOption11Value).value, 0.5);
     EXPECT_LE(Rel(Slot(slot::kExactOneSided2).value, mean > R ? lower : upper), 1e-9);
     EXPECT_LE(Rel(f[17], point), 1e-9);
-    EXPECT_LE(Rel(f[16], std::stod(r[8])), 1e-9);
+    EXPECT_LE(Rel(f[16], r.Real("two")), 1e-9);
     // tseries has no continuity correction; below 50 observations ours
     // moves R half a run towards the mean.
     const double correction = s.size() >= 50 || R == mean ? 0.0 : R < mean ? 0.5 : -0.5;
-    EXPECT_NEAR((z - std::stod(r[9])) * sd, correction, 1e-9);
+    EXPECT_NEAR((z - r.Real("z")) * sd, correction, 1e-9);
     if (correction == 0.0) {
-      EXPECT_LE(Rel(Slot(slot::kAsymTwoSided2).value, std::stod(r[10])), 1e-9);
+      EXPECT_LE(Rel(Slot(slot::kAsymTwoSided2).value, r.Real("p_asym")), 1e-9);
     }
   }
 }
 
-TEST(RunsTest, CutPointsAndMonteCarlo) {
+TEST(RunsTest, CutPoints) {
   // 3 1 4 1 5 9 2 6 5 5: median (4 + 5) / 2, mode 5, mean 4.1, or as given;
   // no option is the median.
   const struct {
@@ -349,62 +276,6 @@ TEST(RunsTest, CutPointsAndMonteCarlo) {
   weighted.values = {1, 2};
   weighted.weights = {2, 3};
   EXPECT_EQ(weighted.RunCases()[0], 2.0);
-
-  // A tied table: both statistics, both sides.
-  const auto t = MakeTable({{2, 1, 0, 3, 1, 2}, {1, 2, 2, 0, 1, 3}});
-  HostCall exact(TQ_PROC_WALD_WOLFOWITZ, TQ_METHOD_EXACT);
-  ASSERT_EQ(exact.Run(t)[TQ_REC_FAILURE], 0.0);
-  const int exact_slot[4] = {slot::kExactOneSided, slot::kExactTwoSided, slot::kExactOneSided2, slot::kExactTwoSided2};
-  const int mc_slot[4] = {slot::kMcOneSided, slot::kMcTwoSided, slot::kMcOneSided2, slot::kMcTwoSided2};
-  double p[4];
-  for (int i = 0; i < 4; ++i) p[i] = Slot(exact_slot[i]).value;
-  const int64_t M = 20000;
-  HostCall mc(TQ_PROC_WALD_WOLFOWITZ, TQ_METHOD_EXACT);
-  mc.MonteCarlo(M, 3, 0.99);
-  const double* f = mc.Run(t);
-  ASSERT_EQ(f[TQ_REC_FAILURE], 0.0);
-  for (int i = 0; i < 4; ++i)
-    EXPECT_LE(std::fabs(Slot(mc_slot[i]).value - p[i]), 4.0 * std::sqrt(p[i] * (1 - p[i]) / M)) << i;
-  EXPECT_EQ(f[18], Slot(slot::kMcOneSided2).value);
-  EXPECT_EQ(f[39], Slot(slot::kMcOneSided).value);
-}
-
-TEST(RunsTest, BadInputGivesItsFailureCodeAndNothingElse) {
-  const double inf = std::numeric_limits<double>::infinity();
-  const struct {
-    std::vector<double> values;
-    Row weights;
-    int64_t case_rows;
-    double field48;
-  } cases[] = {
-      {{}, {}, 1, -99},  {{1, 2, 3}, {0, 0, 0}, 1, -99},  // no values; no observations (901)
-      {{2, 2, 2}, {}, 1, -1190},                          // one distinct value: one side of the cut
-      {{1, inf, 3}, {}, 1, -1003},                        // a value that isn't finite (-3)
-      {{1, 2, 3}, {1, -1, 2}, 1, -2003},                  // a negative count (-1003)
-      {{1, 2, 3, 4}, {}, 2, -884},                        // two case rows (116)
-  };
-  for (const auto& c : cases)
-    for (int64_t method : {TQ_METHOD_EXACT, TQ_METHOD_ASYMPTOTIC}) {
-      HostCall call(TQ_PROC_RUNS, method);
-      call.values = c.values, call.weights = c.weights, call.case_rows = c.case_rows;
-      EXPECT_EQ(call.RunCases()[TQ_REC_FAILURE], c.field48);
-      EXPECT_TRUE(call.Published().empty());
-    }
-  const struct {
-    std::vector<Row> rows;
-    int64_t memory_kb;
-    double field48;
-  } tables[] = {
-      {{{1, 2}, {2, 1}, {1, 1}}, -1, -784}, {{{0, 0, 0}, {1, 2, 3}}, -1, -784},  // three rows; an empty sample
-      {{{1, -1, 2}, {1, 1, 1}}, -1, -784},                                      // a negative count
-      {{{1000}, {1000}}, 2048, -2002},  // stage offsets beyond a 2 MiB budget (-1002)
-  };
-  for (const auto& t : tables) {
-    HostCall call(TQ_PROC_WALD_WOLFOWITZ, TQ_METHOD_EXACT);
-    call.ip[TQ_INT_MEMORY] = t.memory_kb;
-    EXPECT_EQ(call.Run(MakeTable(t.rows))[TQ_REC_FAILURE], t.field48);
-    EXPECT_TRUE(call.Published().empty());
-  }
 }
 
 }  // namespace

@@ -37,33 +37,29 @@ void Walk(const std::vector<int64_t>& c, const std::vector<double>& s, size_t j,
     Walk(c, s, j + 1, left - x, logw + LogChoose(c[j], x), t + x * (long double)s[j], out);
 }
 
+std::vector<std::pair<long double, long double>> NetworkRows(const std::vector<scores::TwoRowColumn>& cols,
+                                                             bool balanced);
+
 // Midrank or equally spaced scores of the levels, the observed T and its
 // tails; ties within 1e-9 absolute (the scores are halves).
 BruteTails Brute(const Table& t, bool midranks, long double* tobs_out, long double* mean_out) {
-  std::vector<int64_t> c(t.cols);
-  std::vector<double> s(t.cols);
+  std::vector<scores::TwoRowColumn> cols;
   int64_t m = 0, N = 0;
-  for (int j = 0; j < t.cols; ++j) {
-    c[j] = t.at(0, j) + t.at(1, j);
-    m += t.at(0, j);
-    N += c[j];
-  }
   double rank = 0;
   for (int j = 0; j < t.cols; ++j) {
-    s[j] = midranks ? rank + (c[j] + 1) / 2.0 : j;
-    rank += c[j];
+    const int64_t c = t.at(0, j) + t.at(1, j);
+    cols.push_back({t.at(0, j), t.at(1, j), midranks ? rank + (c + 1) / 2.0 : j});
+    rank += c, m += t.at(0, j), N += c;
   }
   long double tobs = 0, mean = 0;
-  for (int j = 0; j < t.cols; ++j) {
-    tobs += t.at(0, j) * (long double)s[j];
-    mean += (long double)m / N * c[j] * s[j];
+  for (const auto& col : cols) {
+    tobs += col.first * (long double)col.score;
+    mean += (long double)m / N * (col.first + col.second) * col.score;
   }
-  std::vector<std::pair<long double, long double>> rows;
-  Walk(c, s, 0, m, -LogChoose(N, m), 0, rows);
   const long double mirror = 2 * mean - tobs, hi = std::max(tobs, mirror), lo = std::min(tobs, mirror);
   const long double eps = 1e-9L;
   BruteTails b;
-  for (auto [v, lw] : rows) {
+  for (auto [v, lw] : NetworkRows(cols, false)) {
     const long double p = std::exp(lw);
     if (v >= tobs - eps) b.at_or_above += p;
     if (v <= tobs + eps) b.at_or_below += p;

@@ -99,8 +99,8 @@ std::string Joined(const Args& args) {
   return s;
 }
 
-Args With(Args args, std::initializer_list<std::string> more) {
-  args.insert(args.end(), more);
+Args With(Args args, const Args& more) {
+  args.insert(args.end(), more.begin(), more.end());
   return args;
 }
 
@@ -128,13 +128,13 @@ std::vector<double> ParseRecord(const std::string& out) {
 const std::string kHardTable = "6 7 2 7 5; 4 12 6 2 9; 8 4 4 4 3; 7 17 2 7 4; 6 5 1 4 10";
 const std::string kTightTable = "0 2 1 1 2; 3 10 2 3 6; 5 2 0 5 3; 5 3 1 6 0; 1 4 3 5 3";
 
-// Exact binomial tails by summing the probability function in long double.
-struct BinomialReference {
-  long double one_sided, two_sided, point;
-  int side;
-};
+// Values of a result: a key (a field of "results", or a JSON pointer), the
+// peer's value (NaN: the key is absent) and the tolerance.
+using Values = std::vector<std::tuple<const char*, double, double>>;
 
-BinomialReference Binomial(int x, int n, long double p0) {
+// The binomial test of x successes in n trials by summing the probability
+// function in long double; only published fields appear.
+Values Binomial(int x, int n, long double p0) {
   auto pmf = [&](int k) {
     return std::exp(std::lgamma(n + 1.0L) - std::lgamma(k + 1.0L) - std::lgamma(n - k + 1.0L) + k * std::log(p0) +
                     (n - k) * std::log1p(-p0));
@@ -143,39 +143,14 @@ BinomialReference Binomial(int x, int n, long double p0) {
   const bool lower = symmetric ? n >= 2 * x : p0 >= static_cast<long double>(x) / n;
   long double tail = 0.0L;
   for (int k = lower ? 0 : x; k <= (lower ? x : n); ++k) tail += pmf(k);
-  return {tail, std::min(1.0L, 2.0L * tail), pmf(x), (!symmetric && !lower) ? 2 : 1};
+  const double one = static_cast<double>(tail), two = static_cast<double>(std::min(1.0L, 2.0L * tail));
+  const double point = static_cast<double>(pmf(x));
+  return {{"/procedure", 9, 0}, {"successes", x, 0}, {"trials", n, 0}, {"side", (!symmetric && !lower) ? 2 : 1, 0},
+          {"exact_one_sided", one, 1e-12 * one}, {"exact_two_sided", two, 1e-12 * two},
+          {"point_probability", point, 1e-12 * point}, {"asymptotic_two_sided", NAN, 0}};
 }
 
-TEST(TqResults, BinomialJsonMatchesDirectSums) {
-  struct Case {
-    Args data;
-    const char* p0;
-    int successes, trials;
-  } cases[] = {
-      {{"--values", "1 0", "--weights", "7 5"}, "0.3", 7, 12},       // upper tail, asymmetric null
-      {{"--values", "1 0", "--weights", "3 9"}, "0.5", 3, 12},       // symmetric null, lower tail doubled
-      {{"--values", "0 1", "--weights", "5 7"}, "0.6", 7, 12},       // the larger value counts successes
-      {{"--values", "2 2 5", "--weights", "3 4 5"}, "0.25", 5, 12},  // two columns of one value add up
-  };
-  for (const Case& c : cases) {
-    Args full = {"binomial", "--p0", c.p0};
-    full.insert(full.end(), c.data.begin(), c.data.end());
-    SCOPED_TRACE(Joined(full));
-    const BinomialReference ref = Binomial(c.successes, c.trials, std::strtold(c.p0, nullptr));
-    const Json j = RunJson(full);
-    EXPECT_EQ(j["test"], "binomial");
-    EXPECT_EQ(j["procedure"], 9);
-    EXPECT_EQ(j["status"], "ok");
-    EXPECT_TRUE(j["failure"].is_null());
-    const Json& res = j["results"];
-    EXPECT_EQ(res["successes"], c.successes);
-    EXPECT_EQ(res["trials"], c.trials);
-    EXPECT_EQ(res["side"], ref.side);
-    EXPECT_NEAR(res["exact_one_sided"].get<double>(), static_cast<double>(ref.one_sided), 1e-12 * ref.one_sided);
-    EXPECT_NEAR(res["exact_two_sided"].get<double>(), static_cast<double>(ref.two_sided), 1e-12 * ref.two_sided);
-    EXPECT_NEAR(res["point_probability"].get<double>(), static_cast<double>(ref.point), 1e-12 * ref.point);
-    EXPECT_FALSE(res.contains("asymptotic_two_sided")) << "only published fields appear";
-  }
+TEST(TqResults, BinomialRecordAndReport) {
   // The raw record: 50 fields, the filler where nothing is published, and
   // the report leaves out what equals the filler.
   const Args base = {"binomial", "--values", "1 0", "--weights", "7 5", "--missing", "-99"};
@@ -187,6 +162,166 @@ TEST(TqResults, BinomialJsonMatchesDirectSums) {
   const Result report = RunTq(base);
   EXPECT_NE(report.out.find("successes"), std::string::npos) << report.out;
   EXPECT_EQ(report.out.find("mean under the null"), std::string::npos) << report.out;
+}
+
+// Each command against its peers' values, and every other form of its data
+// (files, raw values by group, --case-rows, ...) with the result of the
+// first.  Peers: direct sums (binomial); R 4.2.2
+// (the example files, friedman.test, chisq.test, ks.test); exactRankTests'
+// wilcox.exact; tests/data/association_refs.csv (table s3x3) and
+// linear_refs.csv (t3x4_uneq: R's cor and coin's z); for H, R's
+// kruskal.test and the share of all 11550 assignments of the 11 values to
+// groups of 4, 4, 3 with H at least the observed one, and for JT the
+// Mann-Whitney counts of later against earlier groups (ties one half), its
+// upper and two-sided tails about 20; the rest by hand.
+TEST(TqResults, CommandsMatchTheirPeersInEveryFormOfTheirData) {
+  const std::string examples = std::string(ANVL_EXAMPLES) + "/", s3x3 = "2 1 1; 0 3 2; 1 0 4";
+  const std::string t3x4 = "4 2 1 0; 2 3 3 1; 0 1 3 5", a = "--asymptotic";
+  const Args scores = {"--row-scores", "-1 0.5 4", "--scores", "0 1 3 7", a};
+  const std::string csv = Temp("t.csv", "arm,low,mid,high\nA,2,1,1\nB,0,3,2\n");
+  const std::string tsv = Temp("t.tsv", "# counts\nlow\tmid\thigh\n2\t1\t1\n0\t3\t2\n");
+  const std::string txt = Temp("t.txt", "2 1 1\n\n0 3 2\n");
+  const std::string raw = Temp("raw.csv", "arm,score\nA,1\nA,1\nB,2\nA,2\nB,2\nB,2\nA,3\nB,3\nB,3\nB,NA\n,3\n");
+  const std::string blocks = Temp("blocks.csv", "block,a,b,c,d\nb1,3,1,2,2\nb2,2,3,1,2\nb3,2,2,1,2\n"
+                                                "b4,1,1,1,3\nb5,1,1,1,2\n");
+  const std::string samples = Temp("samples.txt", "v g\n1.2 a\n3.4 a\n2.2 a\n5 a\n3.4 a\n2.2 b\n6 b\n"
+                                                  "7.1 b\n3.4 b\n8 b\n9 b\n");
+  const std::string ordinal = Temp("ordinal.csv", "value,group\n2.1,a\n3.4,a\n1.2,a\n5,a\n4.4,b\n6,b\n5,b\n"
+                                                  "7.1,b\n8,c\n9.2,c\n7.1,c\n");
+  const std::string groups = "2.1 3.4 1.2 5; 4.4 6 5 7.1; 8 9.2 7.1";
+  const std::string grouped = "1 1 1 0 1 0 0 0 0; 0 0 0 1 1 1 1 0 0; 0 0 0 0 0 0 1 1 1";
+  const std::string x = "0.61 0.29 0.06 0.59 -1.73 -0.74 0.51 -0.56 0.39 1.64 0.05 -0.06 0.64 -0.82 0.37 1.77 "
+                        "1.09 -1.28 2.36 1.31 1.05 -0.32 -0.4 1.06 -2.47";
+  const std::string y = "2.2 1.66 1.38 0.2 0.36 0 0.96 1.56 0.44 1.5 -0.3 0.66 2.31 3.29 -0.27 -0.37 0.38 0.7 "
+                        "0.52 -0.71";
+  struct Case {
+    std::vector<Args> forms;
+    Values values;
+    bool same_data = false;  // the forms describe their data alike
+    int status = 0;
+  };
+  const std::vector<Case> cases = {
+      // Upper tail, asymmetric null; symmetric null, lower tail doubled; the
+      // larger value counts successes; two columns of one value add up.
+      {{{"binomial", "--p0", "0.3", "--values", "1 0", "--weights", "7 5"}}, Binomial(7, 12, 0.3L)},
+      {{{"binomial", "--p0", "0.5", "--values", "1 0", "--weights", "3 9"}}, Binomial(3, 12, 0.5L)},
+      {{{"binomial", "--p0", "0.6", "--values", "0 1", "--weights", "5 7"}}, Binomial(7, 12, 0.6L)},
+      {{{"binomial", "--p0", "0.25", "--values", "2 2 5", "--weights", "3 4 5"}}, Binomial(5, 12, 0.25L)},
+      // fisher.test(matrix(c(1,2,1,0,3,3,6,1,10,10,14,9,6,7,12,11),4))$p.value
+      {{{"fisher", "--table-file", examples + "job_satisfaction.txt"}},
+       {{"exact_two_sided", 0.782684938965639, 7.8e-10}}},
+      // fisher.test(matrix(c(2,0,1,1,3,0,1,2,4),3))$p.value
+      {{{"fisher", "--table-file", examples + "small_3x3.txt"}}, {{"exact_two_sided", 0.154179154179154, 1.5e-10}}},
+      // chisq.test(matrix(c(1,2,1,0,3,3,6,1,10,10,14,9,6,7,12,11),4))$statistic
+      {{{"chisq", "--table-file", examples + "job_satisfaction.txt"}}, {{"chi_square", 5.9655145887704, 5.9e-9}}},
+      {{{"likelihood-ratio", "--table", s3x3, a}}, {{"g_squared", 8.9169274492912862, 1e-11}}},
+      {{{"uncertainty", "--table", s3x3, a}},
+       {{"symmetric", 0.29930948660174772, 1e-12}, {"columns_given_rows", 0.30781105269105496, 1e-12},
+        {"rows_given_columns_ase", 0.11719999619105709, 1e-7}}},
+      {{{"kappa", "--table", s3x3, a}},
+       {{"kappa", 0.45736434108527141, 1e-12}, {"ase", 0.18987750570958817, 1e-9}}},
+      {{{"gk-tau", "--table", s3x3, a}},
+       {{"symmetric_tau", 0.25925925925925924, 1e-12}, {"ase", 0.15225070794695891, 1e-7}}},
+      {{With({"pearson", "--table", t3x4}, scores)}, {{"r", 0.67308830666087505, 1e-12}}},
+      {{With({"linear-by-linear", "--table", t3x4}, scores)}, {{"standardized", 3.2974458063062242, 1e-9}}},
+      {{{"spearman", "--table", t3x4, a}}, {{"rs", 0.68591990138143033, 1e-12}}},
+      {{{"gamma", "--table", "3 1; 1 3"}}, {{"gamma", 0.8, 1e-15}}},
+      {{{"kendall", "--table", "3 1; 1 3", a}}, {{"tau_b", 0.5, 1e-15}}},
+      // One table five ways: whitespace, a CSV with a header and row names, a
+      // TSV, and raw observations tabulated by group.
+      {{{"chisq", "--table", "2 1 1; 0 3 2"},
+        {"chisq", "--table-file", csv},
+        {"chisq", "--table-file", tsv},
+        {"chisq", "--table-file", txt},
+        {"chisq", "--data", raw, "--value-column", "score", "--group-column", "1"}},
+       {},
+       true},
+      // Raw values of a case test form one row, as --values does.
+      {{{"binomial", "--values", "1 0 1 1"},
+        {"binomial", "--data", Temp("v.tsv", "id\tx\n1\t1\n2\t0\n3\t1\n4\t1\n"), "--value-column", "x"}},
+       {}},
+      // Blocks by treatments: a block a row, one list cut by --case-rows, a
+      // CSV file with treatment names and block names.
+      // friedman.test(matrix(c(3,1,2,2, 2,3,1,2, 2,2,1,2, 1,1,1,3, 1,1,1,2), 5, byrow = TRUE))
+      {{{"friedman", "--values", "3 1 2 2; 2 3 1 2; 2 2 1 2; 1 1 1 3; 1 1 1 2"},
+        {"friedman", "--values", "3 1 2 2 2 3 1 2 2 2 1 2 1 1 1 3 1 1 1 2", "--case-rows", "5"},
+        {"friedman", "--values-file", blocks}},
+       // rows: treatments, columns: blocks
+       {{"chi_square", 4.91666666666667, 1e-12}, {"/data/rows", 4, 0}, {"/data/cols", 5, 0}},
+       true},
+      // Observed and expected counts: --weights and --values, or a file of two
+      // columns (and names); chisq.test(c(12, 7, 9, 2), p = c(10, 8, 8, 4) / 30)
+      {{{"chisq", "--weights", "12 7 9 2", "--values", "10 8 8 4"},
+        {"chisq", "--fit-file",
+         Temp("fit.tsv", "category\tobserved\texpected\nA\t12\t10\nB\t7\t8\nC\t9\t8\nD\t2\t4\n")}},
+       {{"chi_square", 1.65, 1e-12}}},
+      // wilcox.exact(c(1.2,3.4,2.2,5,3.4), c(2.2,6,7.1,3.4,8,9))
+      {{{"mann-whitney", "--x", "1.2 3.4 2.2 5 3.4", "--y", "2.2,6,7.1,3.4,8,9"},
+        {"mann-whitney", "--data", samples, "--value-column", "v", "--group-column", "g"},
+        {"mann-whitney", "--table", "1 1 2 1 0 0 0 0; 0 1 1 0 1 1 1 1"}},
+       {{"exact_two_sided", 0.08874459, 1e-8}}},
+      // Signed ranks of x - y = -1, -2.6, -4.9, 1.6, -4.6: V = 2, P(V <= 2) = 3/32.
+      {{{"wilcoxon", "--x", "1.2 3.4 2.2 5 3.4", "--y", "2.2 6 7.1 3.4 8", "--paired"},
+        {"wilcoxon", "--x", "-1 -2.6 -4.9 1.6 -4.6", "--paired"}},
+       {{"statistic", 2, 0}, {"exact_one_sided", 3.0 / 32.0, 0}}},
+      {{{"kruskal-wallis", "--groups", groups},
+        {"kruskal-wallis", "--table", grouped},
+        {"kruskal-wallis", "--data", ordinal, "--value-column", "value", "--group-column", "group"}},
+       {{"statistic", 7.6509938837920455, 1e-12}, {"exact_two_sided", 44.0 / 11550.0, 1e-12}}},
+      {{{"jonckheere", "--groups", groups},
+        {"jonckheere", "--table", grouped},
+        {"jonckheere", "--data", ordinal, "--value-column", "value", "--group-column", "group"}},
+       {{"statistic", 38, 0}, {"mean", 20, 0}, {"exact_one_sided", 0.00069264069264069264, 1e-15},
+        {"exact_two_sided", 0.0011255411255411255, 1e-15}}},
+      // ks.test(x, y, exact = TRUE)
+      {{{"ks2", "--x", x, "--y", y}}, {{"exact_two_sided", 0.528636444814519, 1e-9}, {"total", 45, 0}}},
+      {{{"wald-wolfowitz", "--x", "1 2 2 3 5 8", "--y", "2 4 6 7 9"},
+        {"wald-wolfowitz", "--data", Temp("ww.csv", "g,v\nx,1\nx,2\nx,2\ny,2\nx,3\ny,4\nx,5\ny,6\ny,7\nx,8\n"
+                                          "y,9\n"), "--value-column", "v", "--group-column", "g"},
+        {"wald-wolfowitz", "--table", "1 2 1 0 1 0 0 1 0; 0 1 0 1 0 1 1 0 1"}},
+       {{"runs", 8, 0}}},
+      // 3 1 4 1 5 9 2 6 5 5 at or above 4: 0 0 1 0 1 1 0 1 1 1, six runs.
+      {{{"runs", "--values", "3 1 4 1 5 9 2 6 5 5", "--runs-cut", "4"}}, {{"runs", 6, 0}}},
+      // The median test's cut: by default the pooled median.
+      {{{"median", "--table", "1 2 3; 3 2 1"}}, {{"/settings/cut", 2, 0}}},  // the 6th and 7th of 12 at 2
+      {{{"median", "--table", "1 0 3; 0 1 0"}}, {{"/settings/cut", 3, 0}}, false, 1},  // the 3rd of 5: none above
+      {{{"median", "--table", "1 1; 1 1"}}, {{"/settings/cut", 1.5, 0}}},    // the mean of 1 and 2
+      {{{"median", "--table", "1 1; 1 0", "--scores", "10 20"}}, {{"/settings/cut", 10, 0}}},
+      {{{"median", "--table", "1 1; 1 0", "--cut", "15"}}, {{"/settings/cut", 15, 0}}, false, 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(Joined(c.forms[0]));
+    const Json want = RunJson(c.forms[0], c.status);
+    EXPECT_EQ(want["test"], c.forms[0][0]);
+    EXPECT_EQ(want["status"], c.status == 0 ? "ok" : "failed");
+    EXPECT_EQ(want["failure"].is_null(), c.status == 0);
+    for (const auto& [key, value, tolerance] : c.values) {
+      if (std::isnan(value)) {
+        EXPECT_FALSE(want["results"].contains(key)) << key << ": only published fields appear";
+        continue;
+      }
+      const Json& got = key[0] == '/' ? want[Json::json_pointer(key)] : want["results"][key];
+      EXPECT_NEAR(got.get<double>(), value, tolerance) << key;
+    }
+    for (size_t i = 1; i < c.forms.size(); ++i) {
+      SCOPED_TRACE(Joined(c.forms[i]));
+      const Json j = RunJson(c.forms[i]);
+      EXPECT_EQ(j["results"], want["results"]);
+      if (c.same_data) {
+        EXPECT_EQ(j["data"], want["data"]);
+      }
+    }
+  }
+  // What the settings say: skipped observations, the rule of the runs' cut.
+  const Json skipped = RunJson({"chisq", "--data", raw, "--value-column", "score", "--group-column", "arm"});
+  EXPECT_NE(skipped["settings"]["observations"].get<std::string>().find("2 rows with a missing value skipped"),
+            std::string::npos)
+      << skipped;
+  for (const char* cut : {"mean", "median", "mode"}) {  // 4.1, 4.5 and 5 all give four runs
+    const Json j = RunJson({"runs", "--values", "3 1 4 1 5 9 2 6 5 5", "--runs-cut", cut});
+    EXPECT_EQ(j["results"]["runs"], 4.0) << cut;
+    EXPECT_NE(j["settings"]["cut"].get<std::string>().find(cut), std::string::npos) << j;
+  }
 }
 
 // ks1 passes its distribution and parameters as the engine expects them:
@@ -245,6 +380,13 @@ TEST(TqResults, FailuresInWordsWithExitOne) {
       {{"ks1", "--values", "0.2 1.4", "--param1", "0", "--param2", "1"}, -3, "outside the hypothesised"},
       {{"ks1", "--values", "-1 2", "--distribution", "exponential"}, -14, "below the support"},
       {{"ks1", "--values", "1 2.5", "--distribution", "poisson"}, -15, "whole number"},
+      {{"kappa", "--table", "1 2 3; 4 5 6"}, 88, "isn't square"},
+      {{"uncertainty", "--table", "1 2 3"}, 901, "one row or column"},
+      {{"likelihood-ratio", "--table", "1 2; 0 0"}, -1, "a row or column is empty"},
+      {{"gk-tau", "--table", "1 2 3"}, -16, "smaller than 2 x 2"},
+      {{"cochran", "--values", "1 0 2; 0 1 1"}, -35, "Cochran's Q: 0 and 1"},
+      {{"chisq", "--weights", "12 7 9 2", "--values", "10 8 8 5"}, -302, "don't add up"},
+      {{"kendall-w", "--values", "1 2 3; 4 4 4"}, 151, "fewer than two rows"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(Joined(c.args));
@@ -297,6 +439,17 @@ TEST(TqUsage, MistakesGiveOneLineExitTwoAndNameTheFix) {
       {{"fisher", "--table", "1 2; 3 4", "--memory", "1000000T"}, "half of this machine"},
       {{"fisher", "--table", "1 2; 3 4", "--memory", "99999999999999999999999G"}, "half of this machine"},
       {{"fisher", "--table", "1 2; 3 4", "--time-limit", "soon"}, "30s, 5m or 1h"},
+      {{"friedman", "--values", "1 2 3; 4 5"}, "the first block has 3"},
+      {{"chisq", "--fit-file", Temp("bad_fit.txt", "3 4 5\n")}, "an observed and an expected count"},
+      {{"wilcoxon", "--x", "1 2"}, "--x needs --y"},
+      {{"wilcoxon", "--x", "1 2", "--y", "3", "--paired"}, "--x has 2 values, --y 1"},
+      {{"wilcoxon", "--x", "1 2", "--y", "3", "--table", "1 2; 3 4"}, "give the data once"},
+      {{"wilcoxon", "--x", "1 b", "--y", "3"}, "'b' is not a number"},
+      {{"jonckheere"}, "needs data"},
+      {{"kruskal-wallis", "--groups", "1 2;;3"}, "group 2 holds no values"},
+      {{"kruskal-wallis", "--groups", "1 2; 3", "--table", "1 2; 3 4"}, "give the data once"},
+      {{"ks2", "--x", "1 2", "--paired"}, "no option --paired"},
+      {{"runs", "--values", "3 1 4", "--runs-cut", "middle"}, "'middle' is not a number"},
       {{}, "name a test"},
   };
   for (const auto& c : cases) {
@@ -358,9 +511,7 @@ TEST(TqTests, NameAndCodeGiveTheSameRecordAndOwnHelp) {
   ASSERT_EQ(kTests.size(), 29u);
   const Result top = RunTq({"--help"});
   for (const TestCase& t : kTests) {
-    Args by_name = {t.name}, by_code = {std::to_string(t.code)};
-    by_name.insert(by_name.end(), t.data.begin(), t.data.end());
-    by_code.insert(by_code.end(), t.data.begin(), t.data.end());
+    const Args by_name = With({t.name}, t.data), by_code = With({std::to_string(t.code)}, t.data);
     SCOPED_TRACE(Joined(by_name));
     EXPECT_NE(top.out.find(std::string(t.name) + ", " + std::to_string(t.code)), std::string::npos);
     const Result a = RunTq(With(by_name, {"--record"})), b = RunTq(With(by_code, {"--record", "--quiet"}));
@@ -383,158 +534,6 @@ TEST(TqTests, NameAndCodeGiveTheSameRecordAndOwnHelp) {
   }
 }
 
-TEST(TqData, FilesAndRawObservationsGiveTheTableTheyHold) {
-  // One table, five ways: --table, a whitespace file, a CSV with a header
-  // and row names, a TSV, and raw observations tabulated by group.
-  const Args expected = {"chisq", "--table", "2 1 1; 0 3 2"};
-  const std::string csv = Temp("t.csv", "arm,low,mid,high\nA,2,1,1\nB,0,3,2\n");
-  const std::string tsv = Temp("t.tsv", "# counts\nlow\tmid\thigh\n2\t1\t1\n0\t3\t2\n");
-  const std::string txt = Temp("t.txt", "2 1 1\n\n0 3 2\n");
-  const std::string raw = Temp("raw.csv", "arm,score\nA,1\nA,1\nB,2\nA,2\nB,2\nB,2\nA,3\nB,3\nB,3\nB,NA\n,3\n");
-  const Json want = RunJson(expected);
-  ASSERT_EQ(want["status"], "ok");
-  for (const Args& args :
-       std::vector<Args>{{"chisq", "--table-file", csv},
-                         {"chisq", "--table-file", tsv},
-                         {"chisq", "--table-file", txt},
-                         {"chisq", "--data", raw, "--value-column", "score", "--group-column", "1"}}) {
-    SCOPED_TRACE(Joined(args));
-    const Json j = RunJson(args);
-    EXPECT_EQ(j["data"], want["data"]);
-    EXPECT_EQ(j["results"], want["results"]);
-  }
-  const Json raw_j = RunJson({"chisq", "--data", raw, "--value-column", "score", "--group-column", "arm"});
-  EXPECT_NE(raw_j["settings"]["observations"].get<std::string>().find("2 rows with a missing value skipped"),
-            std::string::npos)
-      << raw_j;
-  // Raw values of a case test form one row, as --values does.
-  const std::string values = Temp("v.tsv", "id\tx\n1\t1\n2\t0\n3\t1\n4\t1\n");
-  EXPECT_EQ(RunJson({"binomial", "--data", values, "--value-column", "x"})["results"],
-            RunJson({"binomial", "--values", "1 0 1 1"})["results"]);
-
-  // The example files against R 4.2.2.
-  const struct {
-    const char *test, *file, *key;
-    double expected;
-  } peers[] = {
-      // fisher.test(matrix(c(1,2,1,0,3,3,6,1,10,10,14,9,6,7,12,11),4))$p.value
-      {"fisher", "job_satisfaction.txt", "exact_two_sided", 0.782684938965639},
-      // fisher.test(matrix(c(2,0,1,1,3,0,1,2,4),3))$p.value
-      {"fisher", "small_3x3.txt", "exact_two_sided", 0.154179154179154},
-      // chisq.test(matrix(c(1,2,1,0,3,3,6,1,10,10,14,9,6,7,12,11),4))$statistic
-      {"chisq", "job_satisfaction.txt", "chi_square", 5.9655145887704},
-  };
-  for (const auto& p : peers) {
-    const Json j = RunJson({p.test, "--table-file", std::string(ANVL_EXAMPLES) + "/" + p.file});
-    EXPECT_NEAR(j["results"][p.key].get<double>(), p.expected, 1e-9 * p.expected) << p.test << " " << p.file;
-  }
-}
-
-TEST(TqData, BlocksAndOneWayCountsReadFromOptionsAndFiles) {
-  // Blocks by treatments, three ways: a block a row, one list cut by
-  // --case-rows, a CSV file with treatment names and block names.
-  const Args rows = {"friedman", "--values", "3 1 2 2; 2 3 1 2; 2 2 1 2; 1 1 1 3; 1 1 1 2"};
-  const std::string csv = Temp("blocks.csv", "block,a,b,c,d\nb1,3,1,2,2\nb2,2,3,1,2\nb3,2,2,1,2\n"
-                                             "b4,1,1,1,3\nb5,1,1,1,2\n");
-  const Json want = RunJson(rows);
-  ASSERT_EQ(want["status"], "ok") << want;
-  // friedman.test(matrix(c(3,1,2,2, 2,3,1,2, 2,2,1,2, 1,1,1,3, 1,1,1,2), 5, byrow = TRUE))
-  EXPECT_NEAR(want["results"]["chi_square"].get<double>(), 4.91666666666667, 1e-12);
-  EXPECT_EQ(want["data"]["rows"], 4);  // treatments
-  EXPECT_EQ(want["data"]["cols"], 5);  // blocks
-  for (const Args& args : std::vector<Args>{
-           {"friedman", "--values", "3 1 2 2 2 3 1 2 2 2 1 2 1 1 1 3 1 1 1 2", "--case-rows", "5"},
-           {"friedman", "--values-file", csv}}) {
-    SCOPED_TRACE(Joined(args));
-    const Json j = RunJson(args);
-    EXPECT_EQ(j["data"], want["data"]);
-    EXPECT_EQ(j["results"], want["results"]);
-  }
-  // Observed and expected counts: --weights and --values, or a file of
-  // two columns (and names).
-  const std::string fit = Temp("fit.tsv", "category\tobserved\texpected\nA\t12\t10\nB\t7\t8\nC\t9\t8\nD\t2\t4\n");
-  const Json a = RunJson({"chisq", "--weights", "12 7 9 2", "--values", "10 8 8 4"});
-  const Json b = RunJson({"chisq", "--fit-file", fit});
-  ASSERT_EQ(a["status"], "ok") << a;
-  EXPECT_EQ(a["results"], b["results"]);
-  // chisq.test(c(12, 7, 9, 2), p = c(10, 8, 8, 4) / 30)$statistic
-  EXPECT_NEAR(a["results"]["chi_square"].get<double>(), 1.65, 1e-12);
-  // The failures of these data in words.
-  EXPECT_EQ(RunJson({"cochran", "--values", "1 0 2; 0 1 1"}, 1)["failure"]["code"], -35);
-  EXPECT_EQ(RunJson({"chisq", "--weights", "12 7 9 2", "--values", "10 8 8 5"}, 1)["failure"]["code"], -302);
-  EXPECT_EQ(RunJson({"kendall-w", "--values", "1 2 3; 4 4 4"}, 1)["failure"]["code"], 151);
-  EXPECT_EQ(RunTq({"friedman", "--values", "1 2 3; 4 5"}).status, 2);
-  EXPECT_EQ(RunTq({"chisq", "--fit-file", Temp("bad_fit.txt", "3 4 5\n")}).status, 2);
-}
-
-// Scored tables: --row-scores and --scores reach the engine (values of
-// tests/data/linear_refs.csv, case t3x4_uneq: R's cor and coin's z).
-TEST(TqData, ScoredTablesTakeRowAndColumnScores) {
-  const Args data = {"--table", "4 2 1 0; 2 3 3 1; 0 1 3 5", "--row-scores", "-1 0.5 4",
-                     "--scores", "0 1 3 7", "--asymptotic"};
-  auto run = [&](const char* test) {
-    Args args = {test};
-    args.insert(args.end(), data.begin(), data.end());
-    return RunJson(args);
-  };
-  const Json r = run("pearson");
-  EXPECT_NEAR(r["results"]["r"].get<double>(), 0.67308830666087505, 1e-12);
-  const Json z = run("linear-by-linear");
-  EXPECT_NEAR(z["results"]["standardized"].get<double>(), 3.2974458063062242, 1e-9);
-  const Json rs = RunJson({"spearman", "--table", "4 2 1 0; 2 3 3 1; 0 1 3 5", "--asymptotic"});
-  EXPECT_NEAR(rs["results"]["rs"].get<double>(), 0.68591990138143033, 1e-12);
-}
-
-// Raw samples for the score tests: --x/--y, a file of values by group and
-// the table of counts by level give one result; --paired tests x - y.
-TEST(TqData, SamplesOfTheScoreTestsBecomeTheirTable) {
-  // wilcox.exact(c(1.2,3.4,2.2,5,3.4), c(2.2,6,7.1,3.4,8,9)) (exactRankTests): p = 0.08874459
-  const Args xy = {"mann-whitney", "--x", "1.2 3.4 2.2 5 3.4", "--y", "2.2,6,7.1,3.4,8,9"};
-  const std::string raw = Temp("samples.txt", "v g\n1.2 a\n3.4 a\n2.2 a\n5 a\n3.4 a\n2.2 b\n6 b\n"
-                                               "7.1 b\n3.4 b\n8 b\n9 b\n");
-  const Json j = RunJson(xy);
-  ASSERT_EQ(j["status"], "ok") << j;
-  EXPECT_NEAR(j["results"]["exact_two_sided"].get<double>(), 0.08874459, 1e-8);
-  for (const Args& args : std::vector<Args>{
-           {"mann-whitney", "--data", raw, "--value-column", "v", "--group-column", "g"},
-           {"mann-whitney", "--table", "1 1 2 1 0 0 0 0; 0 1 1 0 1 1 1 1"}}) {
-    SCOPED_TRACE(Joined(args));
-    EXPECT_EQ(RunJson(args)["results"], j["results"]);
-  }
-  // Signed ranks of x - y = -1, -2.6, -4.9, 1.6, -4.6: V = 2, P(V <= 2) = 3/32.
-  const Json p = RunJson({"wilcoxon", "--x", "1.2 3.4 2.2 5 3.4", "--y", "2.2 6 7.1 3.4 8", "--paired"});
-  EXPECT_EQ(p["results"]["statistic"], 2.0);
-  EXPECT_EQ(p["results"]["exact_one_sided"], 3.0 / 32.0);
-  EXPECT_EQ(RunJson({"wilcoxon", "--x", "-1 -2.6 -4.9 1.6 -4.6", "--paired"})["results"], p["results"]);
-  for (const Args& bad : std::vector<Args>{{"wilcoxon", "--x", "1 2"},
-                                           {"wilcoxon", "--x", "1 2", "--y", "3", "--paired"},
-                                           {"wilcoxon", "--x", "1 2", "--y", "3", "--table", "1 2; 3 4"},
-                                           {"wilcoxon", "--x", "1 b", "--y", "3"}}) {
-    const Result r = RunTq(bad);
-    EXPECT_EQ(r.status, 2) << Joined(bad) << r.err;
-  }
-}
-
-TEST(TqData, MedianCutDefaultsToThePooledMedian) {
-  const struct {
-    Args more;
-    double cut;
-  } cases[] = {
-      {{"--table", "1 2 3; 3 2 1"}, 2.0},  // 12 observations: the 6th and 7th at 2
-      {{"--table", "1 0 3; 0 1 0"}, 3.0},  // 5 observations, the 3rd at 3
-      {{"--table", "1 1; 1 1"}, 1.5},      // 4 observations: mean of 1 and 2
-      {{"--table", "1 1; 1 0", "--scores", "10 20"}, 10.0},
-      {{"--table", "1 1; 1 0", "--cut", "15"}, 15.0},
-  };
-  for (const auto& c : cases) {
-    Args args = {"median", "--json", "--quiet"};
-    args.insert(args.end(), c.more.begin(), c.more.end());
-    const Json j = Json::parse(RunTq(args).out, nullptr, false);
-    ASSERT_TRUE(j.is_object()) << Joined(args);
-    EXPECT_EQ(j["settings"]["cut"], c.cut) << Joined(args);
-  }
-}
-
 // A hard table stopped by the time limit and by Ctrl-C: within a few
 // seconds, exit 1, what stands from the asymptotic route, the stop in words.
 // Both stops come after 3 s, so that a progress line (the first one after a
@@ -549,9 +548,7 @@ TEST(TqStops, TimeLimitAndCtrlCEndAHardTableWithinSeconds) {
   } stops[] = {{{"--time-limit", "3s"}, 0.0, "time limit"}, {{}, 3.0, "Ctrl-C"}};
   for (const auto& s : stops) {
     SCOPED_TRACE(s.by);
-    Args args = run;
-    args.insert(args.end(), s.extra.begin(), s.extra.end());
-    const Result r = RunTq(args, false, s.interrupt_after);
+    const Result r = RunTq(With(run, s.extra), false, s.interrupt_after);
     EXPECT_EQ(r.status, 1) << r.out << r.err;
     EXPECT_LT(r.seconds, 7.0);
     const Json j = Json::parse(r.out, nullptr, false);
@@ -611,108 +608,4 @@ TEST(TqReadme, ExamplesRunAsWritten) {
   EXPECT_GE(commands, 5);
 }
 
-// The four nominal-association commands against the peer values of
-// tests/data/association_refs.csv (table s3x3), and their failures.
-TEST(TqResults, NominalAssociationCommandsMatchTheirPeers) {
-  const Args table = {"--table", "2 1 1; 0 3 2; 1 0 4", "--asymptotic"};
-  auto run = [&](const char* test) { return RunJson(With({test}, {table[0], table[1], table[2]}))["results"]; };
-  EXPECT_NEAR(run("likelihood-ratio")["g_squared"].get<double>(), 8.9169274492912862, 1e-11);
-  const Json u = run("uncertainty");
-  EXPECT_NEAR(u["symmetric"].get<double>(), 0.29930948660174772, 1e-12);
-  EXPECT_NEAR(u["columns_given_rows"].get<double>(), 0.30781105269105496, 1e-12);
-  EXPECT_NEAR(u["rows_given_columns_ase"].get<double>(), 0.11719999619105709, 1e-7);
-  const Json k = run("kappa");
-  EXPECT_NEAR(k["kappa"].get<double>(), 0.45736434108527141, 1e-12);
-  EXPECT_NEAR(k["ase"].get<double>(), 0.18987750570958817, 1e-9);
-  const Json t = run("gk-tau");
-  EXPECT_NEAR(t["symmetric_tau"].get<double>(), 0.25925925925925924, 1e-12);
-  EXPECT_NEAR(t["ase"].get<double>(), 0.15225070794695891, 1e-7);
-  struct Case {
-    Args args;
-    int code;
-  } failures[] = {
-      {{"kappa", "--table", "1 2 3; 4 5 6"}, 88},
-      {{"uncertainty", "--table", "1 2 3"}, 901},
-      {{"likelihood-ratio", "--table", "1 2; 0 0"}, -1},
-      {{"gk-tau", "--table", "1 2 3"}, -16},
-  };
-  for (const Case& c : failures) {
-    const Json j = RunJson(c.args, 1);
-    EXPECT_EQ(j["failure"]["code"], c.code) << Joined(c.args);
-    EXPECT_TRUE(j["results"].empty());
-  }
-}
-
-// Groups of raw values for the ordinal tests: --groups, --data with a group
-// column and the table of counts give one result.  References by R,
-// enumerating all 11550 assignments of the 11 values to groups of 4, 4, 3:
-// kruskal.test(x, g) for H and the share of assignments with H at least the
-// observed one; the Mann-Whitney counts of later against earlier groups
-// (ties one half) for JT and its upper and two-sided tails about 20.
-TEST(TqData, GroupsOfValuesForTheOrdinalTests) {
-  const std::string groups = "2.1 3.4 1.2 5; 4.4 6 5 7.1; 8 9.2 7.1";
-  const std::string table = "1 1 1 0 1 0 0 0 0; 0 0 0 1 1 1 1 0 0; 0 0 0 0 0 0 1 1 1";
-  const std::string raw = Temp("ordinal.csv", "value,group\n2.1,a\n3.4,a\n1.2,a\n5,a\n4.4,b\n6,b\n5,b\n"
-                                              "7.1,b\n8,c\n9.2,c\n7.1,c\n");
-  const Json kw = RunJson({"kruskal-wallis", "--groups", groups});
-  ASSERT_EQ(kw["status"], "ok") << kw;
-  EXPECT_NEAR(kw["results"]["statistic"].get<double>(), 7.6509938837920455, 1e-12);
-  EXPECT_NEAR(kw["results"]["exact_two_sided"].get<double>(), 44.0 / 11550.0, 1e-12);
-  const Json jt = RunJson({"jonckheere", "--groups", groups});
-  EXPECT_EQ(jt["results"]["statistic"], 38.0);
-  EXPECT_EQ(jt["results"]["mean"], 20.0);
-  EXPECT_NEAR(jt["results"]["exact_one_sided"].get<double>(), 0.00069264069264069264, 1e-15);
-  EXPECT_NEAR(jt["results"]["exact_two_sided"].get<double>(), 0.0011255411255411255, 1e-15);
-  for (const Json* ref : {&kw, &jt}) {
-    const std::string name = (*ref)["test"];
-    for (const Args& args : std::vector<Args>{{name, "--table", table},
-                                              {name, "--data", raw, "--value-column", "value",
-                                               "--group-column", "group"}}) {
-      SCOPED_TRACE(Joined(args));
-      EXPECT_EQ(RunJson(args)["results"], (*ref)["results"]);
-    }
-  }
-  // Gamma and Kendall read the same table; tau-b as cor(x, y, method = "kendall").
-  const Json g = RunJson({"gamma", "--table", "3 1; 1 3"});
-  EXPECT_NEAR(g["results"]["gamma"].get<double>(), 0.8, 1e-15);
-  const Json k = RunJson({"kendall", "--table", "3 1; 1 3", "--asymptotic"});
-  EXPECT_NEAR(k["results"]["tau_b"].get<double>(), 0.5, 1e-15);
-  for (const Args& bad : std::vector<Args>{{"jonckheere"},
-                                           {"kruskal-wallis", "--groups", "1 2;;3"},
-                                           {"kruskal-wallis", "--groups", "1 2; 3", "--table", "1 2; 3 4"}}) {
-    EXPECT_EQ(RunTq(bad).status, 2) << Joined(bad);
-  }
-}
-
 }  // namespace
-
-// Two raw samples for ks2 and wald-wolfowitz, a series with its cut for
-// runs: the same numbers as a table or a value-and-group file, and R's
-// ks.test(x, y, exact = TRUE) (0.528636444814519).
-TEST(TqTwoSampleCommands, RawSamplesTablesAndCuts) {
-  const std::string x = "0.61 0.29 0.06 0.59 -1.73 -0.74 0.51 -0.56 0.39 1.64 0.05 -0.06 0.64 -0.82 0.37 1.77 "
-                        "1.09 -1.28 2.36 1.31 1.05 -0.32 -0.4 1.06 -2.47";
-  const std::string y = "2.2 1.66 1.38 0.2 0.36 0 0.96 1.56 0.44 1.5 -0.3 0.66 2.31 3.29 -0.27 -0.37 0.38 0.7 "
-                        "0.52 -0.71";
-  const Json ks = RunJson({"ks2", "--x", x, "--y", y});
-  EXPECT_NEAR(ks["results"]["exact_two_sided"].get<double>(), 0.528636444814519, 1e-9);
-  EXPECT_EQ(ks["results"]["total"], 45.0);
-
-  const std::string raw = Temp("ww.csv", "g,v\nx,1\nx,2\nx,2\ny,2\nx,3\ny,4\nx,5\ny,6\ny,7\nx,8\ny,9\n");
-  const Json ww = RunJson({"wald-wolfowitz", "--x", "1 2 2 3 5 8", "--y", "2 4 6 7 9"});
-  EXPECT_EQ(ww["results"], RunJson({"wald-wolfowitz", "--data", raw, "--value-column", "v", "--group-column", "g"})["results"]);
-  EXPECT_EQ(ww["results"], RunJson({"wald-wolfowitz", "--table", "1 2 1 0 1 0 0 1 0; 0 1 0 1 0 1 1 0 1"})["results"]);
-  EXPECT_EQ(ww["results"]["runs"], 8.0);
-  EXPECT_NE(RunTq({"ks2", "--x", "1 2", "--paired"}).status, 0);
-
-  // 3 1 4 1 5 9 2 6 5 5: at or above 4 gives 0 0 1 0 1 1 0 1 1 1, six
-  // runs; the mean (4.1), median (4.5) and mode (5) all give four.
-  const std::string series = "3 1 4 1 5 9 2 6 5 5";
-  EXPECT_EQ(RunJson({"runs", "--values", series, "--runs-cut", "4"})["results"]["runs"], 6.0);
-  for (const char* cut : {"mean", "median", "mode"}) {
-    const Json j = RunJson({"runs", "--values", series, "--runs-cut", cut});
-    EXPECT_EQ(j["results"]["runs"], 4.0) << cut;
-    EXPECT_NE(j["settings"]["cut"].get<std::string>().find(cut), std::string::npos) << j;
-  }
-  EXPECT_NE(RunTq({"runs", "--values", series, "--runs-cut", "middle"}).status, 0);
-}
