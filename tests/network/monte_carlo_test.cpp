@@ -345,57 +345,54 @@ TEST_F(McRouteTest, SameSeedRepeatsTheRunAndEndsOnTheLastTable) {
 }
 
 // Reports fall every McReportEvery tables, each after a poll of the host;
-// an interval above M sends none and changes nothing in the results.
-TEST_F(McRouteTest, ReportsAndPollsDoNotChangeTheResult) {
+// an interval above M sends none, and a stop from the host at a report sets
+// -6: the loop still makes all M tables with the same results.  No table
+// at all is the failure kMcNoSamples.
+TEST_F(McRouteTest, ReportsAndStopsDoNotChangeTheResult) {
   const Table t = support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
   const std::vector<int64_t> r = support::RowTotals(t), col = support::ColTotals(t);
   const std::vector<int64_t> observed = support::ColumnMajor(t);
-  const double x2 = TablePearsonX2(observed.data(), 3, 3, r.data(), col.data(), 14);
-  auto run = [&](int64_t every) {
-    Configure(5, 350, 0.95, every);
+  const PearsonHitRule hit{3, 3, r.data(), col.data(), 14,
+                           TablePearsonX2(observed.data(), 3, 3, r.data(), col.data(), 14)};
+  int64_t calls = 0;
+  auto run = [&](int64_t samples, int64_t every, int64_t answer) {
+    ResetStore();
+    Configure(5, samples, 0.95, every);
+    t_lines.clear();
+    t_polls = 0;
+    t_poll_answer = answer;
+    calls = 0;
     std::vector<int64_t> work = observed;
     McResult out;
     EXPECT_EQ(McRoute(work, 3, 3, r, col, lf_.data(),
-                      PearsonHitRule{3, 3, r.data(), col.data(), 14, x2}, out),
-              0);
+                      [&](const int64_t* table) {
+                        ++calls;
+                        return hit(table);
+                      },
+                      out),
+              samples > 0 ? 0 : kMcNoSamples);
     return out;
   };
-  const McResult reported = run(100);
+  const McResult reported = run(350, 100, 0);
   EXPECT_EQ(t_polls, 3);
   ASSERT_EQ(t_lines.size(), 3u);
   for (const std::string& line : t_lines) EXPECT_EQ(line.back(), ')') << line;
-  t_lines.clear();
-  t_polls = 0;
-  const McResult silent = run(351);
+  EXPECT_EQ(FailureCode(), 0);
+  const McResult silent = run(350, 351, 0);
   EXPECT_EQ(t_polls, 0);
   EXPECT_TRUE(t_lines.empty());
-  EXPECT_EQ(silent.hits, reported.hits);
-  EXPECT_EQ(silent.low, reported.low);
-  EXPECT_EQ(silent.high, reported.high);
-}
-
-// A stop from the host at a report sets -6 and the loop still makes all
-// M tables; no table at all is the failure kMcNoSamples.
-TEST_F(McRouteTest, StopAtAPollAndNoSamples) {
-  const std::vector<int64_t> r{4, 6}, c{5, 5};
-  std::vector<int64_t> work(4, 0);
-  int64_t calls = 0;
-  auto rule = [&](const int64_t*) { return ++calls % 2 == 0; };
-  Configure(9, 400, 0.99, 100);
-  t_poll_answer = 1;
-  McResult out;
-  EXPECT_EQ(McRoute(work, 2, 2, r, c, lf_.data(), rule, out), 0);
-  EXPECT_EQ(calls, 400);
-  EXPECT_EQ(out.hits, 200);
+  const McResult stopped = run(350, 100, 1);
   EXPECT_EQ(FailureCode(), fail::kStoppedByHost);
-
-  ResetStore();
-  t_poll_answer = 0;
-  calls = 0;
+  EXPECT_EQ(calls, 350);
+  for (const McResult& out : {silent, stopped}) {
+    EXPECT_EQ(out.samples, 350);
+    EXPECT_EQ(out.hits, reported.hits);
+    EXPECT_EQ(out.low, reported.low);
+    EXPECT_EQ(out.high, reported.high);
+  }
   for (int64_t samples : {0, -3}) {
-    Configure(9, samples, 0.99, 100);
-    EXPECT_EQ(McRoute(work, 2, 2, r, c, lf_.data(), rule, out), kMcNoSamples);
-    EXPECT_EQ(calls, 0);
+    run(samples, 100, 0);
+    EXPECT_EQ(calls, 0) << samples;
   }
 }
 
