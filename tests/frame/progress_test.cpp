@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "frame/clock.h"
@@ -139,30 +140,6 @@ TEST_F(ProgressTest, HostFlagStopsOnlyOnLowestBit) {
   EXPECT_EQ(FailureCode(), 0);
 }
 
-// The limit is the integer part of the setting in minutes; none (0 or
-// below) never stops and counts no time, even after 200 hours of ticks.
-TEST_F(ProgressTest, TimeLimitIsIntegerMinutes) {
-  struct Case {
-    double setting;
-    int64_t limit_ms;
-    const char* source;
-  };
-  const Case cases[] = {
-      {1.0, 60000, "one minute"},          {2.9, 120000, "integer part of 2.9 minutes"},
-      {0.9, 0, "below one minute: none"},  {0.0, 0, "0: none"},
-      {-5.0, 0, "negative: none"},
-  };
-  for (const Case& c : cases) {
-    SetUp();
-    StartLimit(c.setting);
-    EXPECT_EQ(TickStateForTesting().time_limit_ms, c.limit_ms) << c.source;
-    if (c.limit_ms != 0) continue;
-    Ticks(200, 3600 * 1000);
-    EXPECT_EQ(FailureCode(), 0) << c.source;
-    EXPECT_EQ(TickStateForTesting().time_spent, 0) << c.source;
-  }
-}
-
 // The quantum doubles while a report takes under 3 s (2d < 6000 ms) and
 // halves when one takes over 6 s, never below 1 (by hand).
 TEST_F(ProgressTest, QuantumKeepsReportsNearThreeSeconds) {
@@ -193,10 +170,23 @@ TEST_F(ProgressTest, QuantumKeepsReportsNearThreeSeconds) {
   }
 }
 
-// A one-minute limit stops at the first report whose time since the start
+// The limit is the integer part of the setting in minutes; none (0 or
+// below) never stops and counts no time, even after 200 hours of ticks.  A
+// one-minute limit stops at the first report whose time since the start
 // reaches it, with a message on standard error and a last poll at -1; a stop
 // overwrites an earlier failure.
 TEST_F(ProgressTest, TimeLimitStopsWithMessage) {
+  const std::pair<double, int64_t> limits[] = {
+      {1.0, 60000}, {2.9, 120000}, {0.9, 0}, {0.0, 0}, {-5.0, 0}};
+  for (const auto& [minutes, limit_ms] : limits) {
+    SetUp();
+    StartLimit(minutes);
+    EXPECT_EQ(TickStateForTesting().time_limit_ms, limit_ms) << minutes << " minutes";
+    if (limit_ms != 0) continue;
+    Ticks(200, 3600 * 1000);
+    EXPECT_EQ(FailureCode(), 0) << minutes << " minutes";
+    EXPECT_EQ(TickStateForTesting().time_spent, 0) << minutes << " minutes";
+  }
   struct Case {
     int64_t step_ms;
     int stop_call;
