@@ -306,93 +306,67 @@ TEST_F(McRouteTest, IntervalsAtAndBetweenTheEdges) {
   }
 }
 
-// A rule that folds every table it sees into a fingerprint.
-struct Fingerprint {
-  uint64_t* hash;
-  bool operator()(const int64_t* t) const {
-    for (int k = 0; k < 20; ++k) *hash = (*hash ^ static_cast<uint64_t>(t[k])) * 1099511628211ull;
-    return t[0] >= 3;
-  }
-};
-
-// The same seed gives the same tables, hits and final table; another seed
-// other tables.  The route leaves the M-th table in place: no draw after it.
-TEST_F(McRouteTest, SameSeedRepeatsTheRunAndEndsOnTheLastTable) {
-  const std::vector<int64_t> r{3, 5, 4, 2, 6}, c{7, 2, 2, 9};  // N 20 <= 10 x 4: shuffled
+// The same seed repeats the run (tables, hits and interval) whatever the
+// reports: they fall every McReportEvery tables, each after a poll of the
+// host, and an interval above M sends none; a stop from the host at a
+// report sets -6 and the loop still makes all M tables.  Another seed draws
+// other tables.  The route leaves the M-th table in place: no draw after
+// it.  No table at all is the failure kMcNoSamples.  Both branches of the
+// sampler.
+TEST_F(McRouteTest, SeedRepeatsTheRunWhateverTheReportsAndStops) {
+  struct Run {
+    uint64_t hash = 1469598103934665603ull;  // of every table the rule sees
+    int64_t calls = 0;
+    McResult out;
+    std::vector<int64_t> last;
+  };
+  const std::vector<int64_t> r{3, 5, 4, 2, 6}, c{7, 2, 2, 9};      // N 20 <= 10 x 4: shuffled
   const std::vector<int64_t> r2{30, 5, 4, 2, 6}, c2{34, 2, 2, 9};  // N 47: cell draws
   for (const auto& [rows_t, cols_t] : {std::pair{r, c}, std::pair{r2, c2}}) {
-    auto run = [&](int64_t seed, std::vector<int64_t>* last) {
-      Configure(seed, 500, 0.99, 100);
-      std::vector<int64_t> work(20, 0);
-      uint64_t hash = 1469598103934665603ull;
-      McResult out;
-      EXPECT_EQ(McRoute(work, 5, 4, rows_t, cols_t, lf_.data(), Fingerprint{&hash}, out), 0);
-      if (last) *last = work;
-      return std::pair{hash, out.hits};
+    SCOPED_TRACE(Margins(rows_t, cols_t));
+    auto run = [&](int64_t seed, int64_t samples, int64_t every, int64_t answer) {
+      ResetStore();
+      Configure(seed, samples, 0.95, every);
+      t_lines.clear();
+      t_polls = 0;
+      t_poll_answer = answer;
+      Run got;
+      got.last.assign(20, 0);
+      auto rule = [&](const int64_t* t) {
+        ++got.calls;
+        for (int k = 0; k < 20; ++k) got.hash = (got.hash ^ static_cast<uint64_t>(t[k])) * 1099511628211ull;
+        return t[0] >= 3;
+      };
+      EXPECT_EQ(McRoute(got.last, 5, 4, rows_t, cols_t, lf_.data(), rule, got.out),
+                samples > 0 ? 0 : kMcNoSamples);
+      return got;
     };
-    std::vector<int64_t> last;
-    const auto first = run(31, &last);
-    EXPECT_EQ(run(31, nullptr), first);
-    EXPECT_NE(run(32, nullptr).first, first.first);
+    const Run reported = run(31, 350, 70, 0);
+    EXPECT_EQ(t_polls, 5);
+    ASSERT_EQ(t_lines.size(), 5u);
+    for (const std::string& line : t_lines) EXPECT_EQ(line.back(), ')') << line;
+    EXPECT_EQ(FailureCode(), 0);
+    const Run silent = run(31, 350, 351, 0);
+    EXPECT_EQ(t_polls, 0);
+    EXPECT_TRUE(t_lines.empty());
+    const Run stopped = run(31, 350, 70, 1);
+    EXPECT_EQ(FailureCode(), fail::kStoppedByHost);
+    for (const Run& again : {silent, stopped}) {
+      EXPECT_EQ(again.calls, 350);
+      EXPECT_EQ(again.hash, reported.hash);
+      EXPECT_EQ(again.out.hits, reported.out.hits);
+      EXPECT_EQ(again.out.low, reported.out.low);
+      EXPECT_EQ(again.out.high, reported.out.high);
+    }
+    EXPECT_NE(run(32, 350, 100, 0).hash, reported.hash);
+    for (int64_t samples : {0, -3}) EXPECT_EQ(run(31, samples, 100, 0).calls, 0) << samples;
 
     TableSampler s;
     ASSERT_EQ(s.Init(5, 4, rows_t.data(), cols_t.data(), lf_.data()), 0);
     RandomStream stream{31, kSeed2, kSeed3};
     std::vector<int64_t> t(20);
-    for (int m = 0; m < 500; ++m) s.Draw(stream, t.data());
-    EXPECT_EQ(last, t);
-  }
-}
-
-// Reports fall every McReportEvery tables, each after a poll of the host;
-// an interval above M sends none, and a stop from the host at a report sets
-// -6: the loop still makes all M tables with the same results.  No table
-// at all is the failure kMcNoSamples.
-TEST_F(McRouteTest, ReportsAndStopsDoNotChangeTheResult) {
-  const Table t = support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
-  const std::vector<int64_t> r = support::RowTotals(t), col = support::ColTotals(t);
-  const std::vector<int64_t> observed = support::ColumnMajor(t);
-  const PearsonHitRule hit{3, 3, r.data(), col.data(), 14,
-                           TablePearsonX2(observed.data(), 3, 3, r.data(), col.data(), 14)};
-  int64_t calls = 0;
-  auto run = [&](int64_t samples, int64_t every, int64_t answer) {
-    ResetStore();
-    Configure(5, samples, 0.95, every);
-    t_lines.clear();
-    t_polls = 0;
-    t_poll_answer = answer;
-    calls = 0;
-    std::vector<int64_t> work = observed;
-    McResult out;
-    EXPECT_EQ(McRoute(work, 3, 3, r, col, lf_.data(),
-                      [&](const int64_t* table) {
-                        ++calls;
-                        return hit(table);
-                      },
-                      out),
-              samples > 0 ? 0 : kMcNoSamples);
-    return out;
-  };
-  const McResult reported = run(350, 100, 0);
-  EXPECT_EQ(t_polls, 3);
-  ASSERT_EQ(t_lines.size(), 3u);
-  for (const std::string& line : t_lines) EXPECT_EQ(line.back(), ')') << line;
-  EXPECT_EQ(FailureCode(), 0);
-  const McResult silent = run(350, 351, 0);
-  EXPECT_EQ(t_polls, 0);
-  EXPECT_TRUE(t_lines.empty());
-  const McResult stopped = run(350, 100, 1);
-  EXPECT_EQ(FailureCode(), fail::kStoppedByHost);
-  EXPECT_EQ(calls, 350);
-  for (const McResult& out : {silent, stopped}) {
-    EXPECT_EQ(out.samples, 350);
-    EXPECT_EQ(out.hits, reported.hits);
-    EXPECT_EQ(out.low, reported.low);
-    EXPECT_EQ(out.high, reported.high);
-  }
-  for (int64_t samples : {0, -3}) {
-    run(samples, 100, 0);
-    EXPECT_EQ(calls, 0) << samples;
+    for (int m = 0; m < 350; ++m) s.Draw(stream, t.data());
+    EXPECT_EQ(reported.last, t);
   }
 }
 
