@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "frame/clock.h"
@@ -93,82 +94,50 @@ class ProgressTest : public ::testing::Test {
   }
 };
 
-// Tick and PollNow alike; a host stop prints nothing on standard error.
+// Tick and PollNow alike: only the lowest bit of the host's answer stops;
+// a stop overwrites an earlier failure, closes and deletes the spill file,
+// polls once more at -1 and prints nothing on standard error.  Without a
+// poll routine nothing stops.
 TEST_F(ProgressTest, HostFlagStopsOnlyOnLowestBit) {
   struct Case {
     int64_t answer, prior_code, expected_code;
-    std::vector<int64_t> expected_polls;
     const char* source;
   };
   const Case cases[] = {
-      {1, 0, fail::kStoppedByHost, {0, -1}, "lowest bit set: stop, then a last poll at -1"},
-      {3, fail::kSpillRead, fail::kStoppedByHost, {0, -1}, "a stop overwrites an earlier failure"},
-      {-1, fail::kNoMemory, fail::kStoppedByHost, {0, -1}, "-1 has its lowest bit set"},
-      {2, 0, 0, {0}, "2 asks for nothing"},
-      {2, fail::kSpillRead, fail::kSpillRead, {0}, "no stop keeps the code"},
-      {0, 0, 0, {0}, "0 asks for nothing"},
+      {1, 0, fail::kStoppedByHost, "lowest bit set"},
+      {3, fail::kSpillRead, fail::kStoppedByHost, "a stop overwrites an earlier failure"},
+      {-1, fail::kNoMemory, fail::kStoppedByHost, "-1 has its lowest bit set"},
+      {2, 0, 0, "2 asks for nothing"},
+      {2, fail::kSpillRead, fail::kSpillRead, "no stop keeps the code"},
+      {0, 0, 0, "0 asks for nothing"},
   };
+  const std::string path = ::testing::TempDir() + "progress_stop_spill.bin";
   for (const Case& c : cases) {
     for (bool use_poll_now : {false, true}) {
       SetUp();
+      SCOPED_TRACE(std::string(c.source) + ", PollNow " + (use_poll_now ? "1" : "0"));
+      Host().spill_path = path;
+      ASSERT_EQ(OpenNodeFile(16), 0);
       if (c.prior_code != 0) RecordFailure(c.prior_code);
       t_poll_answer = c.answer;
       ::testing::internal::CaptureStderr();
       // Quantum 1: the first Tick reports.
       EXPECT_TRUE(use_poll_now ? PollNow() : Tick());
-      const std::string err = ::testing::internal::GetCapturedStderr();
-      const std::string what = std::string(c.source) + ", PollNow " + (use_poll_now ? "1" : "0");
-      EXPECT_EQ(FailureCode(), c.expected_code) << what;
-      EXPECT_EQ(t_poll_seen, c.expected_polls) << what;
-      EXPECT_EQ(err, "") << what;
+      EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+      const bool stopped = c.expected_code == fail::kStoppedByHost;
+      EXPECT_EQ(FailureCode(), c.expected_code);
+      EXPECT_EQ(t_poll_seen, (stopped ? std::vector<int64_t>{0, -1} : std::vector<int64_t>{0}));
+      EXPECT_EQ(NodeFileIsOpen(), !stopped);
+      struct stat st;
+      EXPECT_EQ(::stat(path.c_str(), &st) == 0, !stopped) << path;
+      CloseNodeFile();
     }
   }
-}
-
-TEST_F(ProgressTest, StopClosesAndDeletesSpillFile) {
-  const std::string path = ::testing::TempDir() + "progress_stop_spill.bin";
-  Host().spill_path = path;
-  ASSERT_EQ(OpenNodeFile(16), 0);
-  int64_t w[2] = {1, 2};
-  ASSERT_EQ(WriteWords(w, 2, 1), 0);
-  t_poll_answer = 1;
-  Tick();
-  struct stat st;
-  EXPECT_FALSE(NodeFileIsOpen());
-  EXPECT_NE(::stat(path.c_str(), &st), 0) << path << " still exists after the stop";
-  EXPECT_EQ(WriteWords(w, 2, 2), fail::kSpillWrite);
-  EXPECT_EQ(ReadWords(w, 2, 1), fail::kSpillRead);
-  EXPECT_EQ(FailureCode(), fail::kStoppedByHost);
-  // Without a poll routine nothing stops.
   SetUp();
   Host().poll = nullptr;
   Ticks(100, 10);
   EXPECT_TRUE(PollNow());
   EXPECT_EQ(FailureCode(), 0);
-}
-
-// The limit is the integer part of the setting in minutes; none (0 or
-// below) never stops and counts no time, even after 200 hours of ticks.
-TEST_F(ProgressTest, TimeLimitIsIntegerMinutes) {
-  struct Case {
-    double setting;
-    int64_t limit_ms;
-    const char* source;
-  };
-  const Case cases[] = {
-      {1.0, 60000, "one minute"},          {2.9, 120000, "integer part of 2.9 minutes"},
-      {0.9, 0, "below one minute: none"},  {0.0, 0, "0: none"},
-      {-5.0, 0, "negative: none"},
-  };
-  for (const Case& c : cases) {
-    SetUp();
-    StartLimit(c.setting);
-    EXPECT_EQ(TickStateForTesting().time_limit_ms, c.limit_ms) << c.source;
-    if (c.limit_ms != 0) continue;
-    Ticks(200, 3600 * 1000);
-    EXPECT_EQ(FailureCode(), 0) << c.source;
-    EXPECT_EQ(TickStateForTesting().time_spent, 0) << c.source;
-  }
 }
 
 // The quantum doubles while a report takes under 3 s (2d < 6000 ms) and
@@ -201,10 +170,23 @@ TEST_F(ProgressTest, QuantumKeepsReportsNearThreeSeconds) {
   }
 }
 
-// A one-minute limit stops at the first report whose time since the start
+// The limit is the integer part of the setting in minutes; none (0 or
+// below) never stops and counts no time, even after 200 hours of ticks.  A
+// one-minute limit stops at the first report whose time since the start
 // reaches it, with a message on standard error and a last poll at -1; a stop
 // overwrites an earlier failure.
 TEST_F(ProgressTest, TimeLimitStopsWithMessage) {
+  const std::pair<double, int64_t> limits[] = {
+      {1.0, 60000}, {2.9, 120000}, {0.9, 0}, {0.0, 0}, {-5.0, 0}};
+  for (const auto& [minutes, limit_ms] : limits) {
+    SetUp();
+    StartLimit(minutes);
+    EXPECT_EQ(TickStateForTesting().time_limit_ms, limit_ms) << minutes << " minutes";
+    if (limit_ms != 0) continue;
+    Ticks(200, 3600 * 1000);
+    EXPECT_EQ(FailureCode(), 0) << minutes << " minutes";
+    EXPECT_EQ(TickStateForTesting().time_spent, 0) << minutes << " minutes";
+  }
   struct Case {
     int64_t step_ms;
     int stop_call;

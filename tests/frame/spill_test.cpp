@@ -1,5 +1,6 @@
-// Memory budget and the spill file: record round trips, failures, cleanup
-// and per-thread files.
+// Memory budget and the spill file: record round trips, failures and
+// cleanup.  That each thread has its own file is held in entry_test (two
+// network runs at once).
 #include "frame/spill.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +14,6 @@
 #include <numeric>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "frame/failure_codes.h"
@@ -305,35 +305,6 @@ TEST_F(SpillTest, FilesAreReplacedPrivateAndDeleted) {
   EXPECT_EQ(w, 42);
   CloseNodeFile();
   EXPECT_FALSE(FileExists(name)) << name;
-}
-
-TEST(SpillThreads, EachThreadHasItsOwnFile) {
-  constexpr int kRecords = 20000;
-  constexpr int kWords = 3;
-  const std::string paths[2] = {TempPath("thread0.bin"), TempPath("thread1.bin")};
-  // What went wrong in thread t, empty when nothing did.
-  auto work = [&](int t) -> std::string {
-    Host().spill_path = paths[t];
-    if (OpenNodeFile(RecordBytes(Form::kStagePair, kWords)) != 0) return "open failed";
-    for (int64_t r = 1; r <= kRecords; ++r)
-      if (Write(Form::kStagePair, Make(r, kWords, 100 + t), r) != 0) return "write " + std::to_string(r);
-    for (int64_t r = 1; r <= kRecords; ++r) {
-      const std::string e = Check(Form::kStagePair, r, kWords, 100 + t);
-      if (!e.empty()) return "record " + std::to_string(r) + ": " + e;
-    }
-    const std::string name = NodeFilePathForTesting();
-    CloseNodeFile();
-    return name == paths[t] ? "" : "wrong file " + name;
-  };
-  std::string errors[2];
-  std::thread a([&] { errors[0] = work(0); }), b([&] { errors[1] = work(1); });
-  a.join();
-  b.join();
-  EXPECT_EQ(errors[0], "");
-  EXPECT_EQ(errors[1], "");
-  EXPECT_FALSE(FileExists(paths[0]));
-  EXPECT_FALSE(FileExists(paths[1]));
-  EXPECT_FALSE(NodeFileIsOpen()) << "the main thread's file is untouched";
 }
 
 }  // namespace

@@ -86,9 +86,6 @@ TEST(LogFactorial, TableRoutesAndBinomials) {
     // 500 roundings of a growing sum: well inside 500 eps relative.
     EXPECT_NEAR(table[k], static_cast<double>(exact), 500 * kEps * static_cast<double>(exact)) << k;
   }
-  // The step from 500 to 501 is log 501, to the rounding of numbers near 2611.
-  EXPECT_NEAR(LogFactorial(501, table.data()) - table[500], std::log(501.0), 8 * kEps * table[500]);
-  EXPECT_NEAR(LogFactorialS(501, table.data()) - table[500], std::log(501.0), 8 * kEps * table[500]);
   for (const auto& r : LoadKernelRefs("lgamma")) {
     const double n = r.a[0] - 1;
     if (n == 500) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <random>
 #include <string>
 #include <utility>
@@ -42,24 +43,6 @@ TEST(NextUniform, SequencesMatchR) {
   EXPECT_NE(zero.s2, 0);
 }
 
-enum class Shape { kRandom, kAllEqual, kSorted, kReversed, kFewValues, kOrganPipe };
-
-std::vector<double> MakeArray(Shape shape, int n, std::mt19937_64& rng) {
-  std::vector<double> a(n);
-  std::uniform_real_distribution<double> uniform(-1e6, 1e6);
-  for (int i = 0; i < n; ++i) {
-    switch (shape) {
-      case Shape::kRandom: a[i] = uniform(rng); break;
-      case Shape::kAllEqual: a[i] = 2.5; break;
-      case Shape::kSorted: a[i] = i; break;
-      case Shape::kReversed: a[i] = n - i; break;
-      case Shape::kFewValues: a[i] = static_cast<double>(rng() % 4); break;
-      case Shape::kOrganPipe: a[i] = std::min(i, n - i); break;
-    }
-  }
-  return a;
-}
-
 // Sorts a copy both ways and checks order, the multiset of (value, tag)
 // pairs, agreement with std::sort and the depth of the stack.
 void CheckSorts(const std::vector<double>& input, const char* what) {
@@ -93,15 +76,24 @@ void CheckSorts(const std::vector<double>& input, const char* what) {
 
 TEST(Sorts, AgreeWithStdSortAndKeepTheStackShallow) {
   std::mt19937_64 rng(20240611);
-  for (int n = 0; n <= 2000; ++n) CheckSorts(MakeArray(Shape::kRandom, n, rng), "random");
-  const std::pair<Shape, const char*> shapes[] = {{Shape::kAllEqual, "all equal"},   {Shape::kSorted, "sorted"},
-                                                  {Shape::kReversed, "reversed"},    {Shape::kFewValues, "four values"},
-                                                  {Shape::kOrganPipe, "organ pipe"}};
-  for (const auto& [shape, what] : shapes)
-    for (int n : {1, 2, 7, 8, 9, 15, 16, 100, 1023, 1024, 2000, 100000}) CheckSorts(MakeArray(shape, n, rng), what);
+  std::uniform_real_distribution<double> uniform(-1e6, 1e6);
+  auto make = [&](int n, const std::function<double(int)>& value) {
+    std::vector<double> a(n);
+    for (int i = 0; i < n; ++i) a[i] = value(i);
+    return a;
+  };
+  auto random = [&](int) { return uniform(rng); };
+  for (int n = 0; n <= 2000; ++n) CheckSorts(make(n, random), "random");
+  for (int n : {1, 2, 7, 8, 9, 15, 16, 100, 1023, 1024, 2000, 100000}) {
+    CheckSorts(make(n, [](int) { return 2.5; }), "all equal");
+    CheckSorts(make(n, [](int i) { return i; }), "sorted");
+    CheckSorts(make(n, [n](int i) { return n - i; }), "reversed");
+    CheckSorts(make(n, [&](int) { return static_cast<double>(rng() % 4); }), "four values");
+    CheckSorts(make(n, [n](int i) { return std::min(i, n - i); }), "organ pipe");
+  }
 
   // Insertion below eight elements, one partition (one pair pushed) from eight.
-  std::vector<double> seven = MakeArray(Shape::kRandom, 7, rng), eight = MakeArray(Shape::kRandom, 8, rng);
+  std::vector<double> seven = make(7, random), eight = make(8, random);
   SortReals(7, seven.data());
   EXPECT_EQ(SortStackHighWater(), 0) << "7 elements: insertion only";
   SortReals(8, eight.data());

@@ -59,82 +59,11 @@ bool HasMargins(const std::vector<int64_t>& t, const std::vector<int64_t>& r,
   return rs == r && cs == c;
 }
 
-// Margin sets of the sampler tests.  Shuffling serves N <= min(10 x the
-// shorter side, 1000).  `uniforms`: the uniforms one table takes, where
-// pinned (else 0); `law`: small enough to check the law by enumeration.
-struct SamplerCase {
-  std::vector<int64_t> rows, cols;
-  bool shuffles;
-  int64_t uniforms;
-  bool law;
-  const char* source;
-};
-// 100 totals of 10, one of them raised to 11 (none when `at` < 0).
-std::vector<int64_t> Tens(int at) {
-  std::vector<int64_t> v(100, 10);
-  if (at >= 0) v[at] = 11;
-  return v;
-}
-const SamplerCase kSamplerCases[] = {
-    {{3, 5, 7}, {4, 4, 7}, true, 14, false, "N 15 <= 10 x 3: N - 1 uniforms"},
-    {{7, 13}, {9, 11}, true, 19, true, "N 20 = 10 x 2: still shuffled; the first cell's law"},
-    {{4, 5, 6}, {5, 5, 5}, true, 0, true, "3 x 3 shuffled"},
-    {Tens(-1), Tens(-1), true, 0, false, "100 x 100, N 1000 = min(10 x 100, 1000): shuffled"},
-    {{7, 14}, {9, 12}, false, 0, false, "N 21 > 10 x 2"},
-    {{1, 1, 1, 1, 27}, {2, 3, 26}, false, 0, false, "N 31 > 10 x 3: rows exhausted early"},
-    {{40, 2, 300, 7}, {100, 200, 1, 48}, false, 9, false, "4 x 4, N 349, uneven margins"},
-    {{600, 900}, {700, 800}, false, 0, false, "N 1500: log factorials above the table"},
-    {Tens(37), Tens(62), false, 0, false, "100 x 100, N 1001: never shuffled"},
-    {{5000, 4000, 3000}, {1, 11999}, false, 0, false, "a column total of 1"},
-    {{30, 50}, {35, 45}, false, 1, true, "2 x 2 by cell draws, mode inside"},
-    {{3, 97}, {95, 5}, false, 0, false, "2 x 2, support of 4 values at one end"},
-    {{11, 12, 13}, {9, 11, 16}, false, 0, false, "3 x 3 by cell draws"},
-    {{10, 11, 12}, {9, 11, 13}, false, 0, true, "3 x 3 by cell draws, N 33"},
-    {{3, 6, 9, 4}, {8, 14}, false, 0, true, "4 x 2 by cell draws"},
-};
-
-class SamplerTest : public ::testing::Test {
- protected:
-  void SetUp() override { BuildLogFactorials(lf_); }
-  // Sets the sampler to the case's margins; false (and a failure) when it can't.
-  bool Ready(TableSampler& s, const SamplerCase& c) {
-    const int code = s.Init(static_cast<int64_t>(c.rows.size()), static_cast<int64_t>(c.cols.size()),
-                            c.rows.data(), c.cols.data(), lf_.data());
-    EXPECT_EQ(code, 0) << c.source;
-    EXPECT_EQ(s.Shuffles(), c.shuffles) << c.source;
-    return code == 0;
-  }
-  LogFactorialTable lf_;
-};
-
-// Fewer draws on the 100 x 100 tables.
-int DrawsOf(const SamplerCase& c, int draws) { return c.rows.size() >= 100 ? 20 : draws; }
-
-// Every draw keeps the margins in both branches.  Shuffling takes one
-// uniform per exchange, N - 1 per table; the cell draws take one per cell
-// of the first rows - 1 rows and cols - 1 columns when no search has to
-// start again (which needs a rounding shortfall).
-TEST_F(SamplerTest, DrawsKeepTheMarginsAndTakeTheirUniforms) {
-  for (const SamplerCase& c : kSamplerCases) {
-    TableSampler s;
-    if (!Ready(s, c)) continue;
-    RandomStream stream{4711, kSeed2, kSeed3}, shadow = stream;
-    std::vector<int64_t> t(c.rows.size() * c.cols.size(), -5);
-    for (int d = 0; d < DrawsOf(c, 2000); ++d) {
-      s.Draw(stream, t.data());
-      ASSERT_TRUE(HasMargins(t, c.rows, c.cols)) << c.source << ", draw " << d << ": " << Margins(c.rows, c.cols);
-      if (c.uniforms == 0 || d >= 200) continue;
-      for (int64_t k = 0; k < c.uniforms; ++k) NextUniform(shadow);
-      ASSERT_EQ(std::tie(stream.s1, stream.s2, stream.s3), std::tie(shadow.s1, shadow.s2, shadow.s3))
-          << c.source << ", draw " << d;
-    }
-  }
-}
-
 // The cell draws against the search written out as a visiting order: t,
 // t + 1, t - 1, t + 2, t - 2, ... within the support, with probabilities
-// from lgammal, the first value whose running sum reaches u.  Any other
-// order would give the same law but other tables for the same seed.
+// from lgammal, the first value whose running sum reaches u; a rounding
+// shortfall starts the search again.  Any other order would give the same
+// law but other tables for the same seed.
 
 long double LogHypergeometric(int64_t row, int64_t col, int64_t total, int64_t x) {
   auto lf = [](int64_t n) { return lgammal(static_cast<long double>(n) + 1.0L); };
@@ -144,9 +73,8 @@ long double LogHypergeometric(int64_t row, int64_t col, int64_t total, int64_t x
 
 int64_t ReferenceCell(RandomStream& s, int64_t row, int64_t col, int64_t total) {
   const int64_t lo = std::max<int64_t>(0, row + col - total), hi = std::min(row, col);
-  const int64_t t = static_cast<int64_t>(static_cast<double>(row) * static_cast<double>(col) /
-                                             static_cast<double>(total) +
-                                         0.5);
+  const int64_t t = static_cast<int64_t>(
+      static_cast<double>(row) * static_cast<double>(col) / static_cast<double>(total) + 0.5);
   std::vector<int64_t> order{t};
   for (int64_t k = 1; t + k <= hi || t - k >= lo; ++k) {
     if (t + k <= hi) order.push_back(t + k);
@@ -163,6 +91,8 @@ int64_t ReferenceCell(RandomStream& s, int64_t row, int64_t col, int64_t total) 
   }
 }
 
+// Cells of the first rows - 1 rows and cols - 1 columns in turn, the rest
+// forced by the margins.
 std::vector<int64_t> ReferenceTable(RandomStream& s, const std::vector<int64_t>& r,
                                     const std::vector<int64_t>& c) {
   const int64_t rows = static_cast<int64_t>(r.size()), cols = static_cast<int64_t>(c.size());
@@ -188,23 +118,8 @@ std::vector<int64_t> ReferenceTable(RandomStream& s, const std::vector<int64_t>&
   return t;
 }
 
-TEST_F(SamplerTest, CellDrawsFollowTheOutwardSearch) {
-  int64_t seed = 0;
-  for (const SamplerCase& c : kSamplerCases) {
-    TableSampler s;
-    if (c.shuffles || !Ready(s, c)) continue;
-    RandomStream a{++seed, kSeed2, kSeed3}, b = a;
-    std::vector<int64_t> t(c.rows.size() * c.cols.size());
-    for (int d = 0; d < DrawsOf(c, 3000); ++d) {
-      s.Draw(a, t.data());
-      ASSERT_EQ(t, ReferenceTable(b, c.rows, c.cols)) << c.source << ", draw " << d;
-    }
-  }
-}
-
 // The law of the drawn tables: a chi-square goodness-of-fit test of the
 // frequencies of all tables against their enumerated probabilities.
-
 double GoodnessOfFitP(TableSampler& s, const std::vector<int64_t>& r,
                       const std::vector<int64_t>& c, int64_t seed, int draws) {
   std::map<std::vector<int64_t>, long double> law;
@@ -239,12 +154,67 @@ double GoodnessOfFitP(TableSampler& s, const std::vector<int64_t>& r,
   return ChiSquareTail(x2, cells - 1);
 }
 
-TEST_F(SamplerTest, DrawsFollowTheHypergeometricLaw) {
-  for (const SamplerCase& c : kSamplerCases) {
+// 100 totals of 10, one of them raised to 11 (none when `at` < 0).
+std::vector<int64_t> Tens(int at) {
+  std::vector<int64_t> v(100, 10);
+  if (at >= 0) v[at] = 11;
+  return v;
+}
+
+// Shuffling serves N <= min(10 x the shorter side, 1000) and takes one
+// uniform per exchange, N - 1 per table, keeping the margins; the cell
+// draws give the tables of the outward search and take its uniforms.  On
+// the margins marked `law` (few enough tables to enumerate) the tables
+// also follow the hypergeometric law.
+TEST(Sampler, DrawsKeepTheMarginsFollowTheSearchAndTheLaw) {
+  struct Case {
+    std::vector<int64_t> rows, cols;
+    bool shuffles, law;
+    const char* source;
+  };
+  const Case cases[] = {
+      {{3, 5, 7}, {4, 4, 7}, true, false, "N 15 <= 10 x 3"},
+      {{7, 13}, {9, 11}, true, true, "N 20 = 10 x 2: still shuffled"},
+      {{4, 5, 6}, {5, 5, 5}, true, true, "3 x 3 shuffled"},
+      {Tens(-1), Tens(-1), true, false, "100 x 100, N 1000 = min(10 x 100, 1000): shuffled"},
+      {{7, 14}, {9, 12}, false, false, "N 21 > 10 x 2"},
+      {{1, 1, 1, 1, 27}, {2, 3, 26}, false, false, "N 31 > 10 x 3: rows exhausted early"},
+      {{40, 2, 300, 7}, {100, 200, 1, 48}, false, false, "4 x 4, N 349, uneven margins"},
+      {{600, 900}, {700, 800}, false, false, "N 1500: log factorials above the table"},
+      {Tens(37), Tens(62), false, false, "100 x 100, N 1001: never shuffled"},
+      {{5000, 4000, 3000}, {1, 11999}, false, false, "a column total of 1"},
+      {{30, 50}, {35, 45}, false, true, "2 x 2 by cell draws, mode inside"},
+      {{3, 97}, {95, 5}, false, false, "2 x 2, support of 4 values at one end"},
+      {{11, 12, 13}, {9, 11, 16}, false, false, "3 x 3 by cell draws"},
+      {{10, 11, 12}, {9, 11, 13}, false, true, "3 x 3 by cell draws, N 33"},
+      {{3, 6, 9, 4}, {8, 14}, false, true, "4 x 2 by cell draws"},
+  };
+  LogFactorialTable lf;
+  BuildLogFactorials(lf);
+  int64_t seed = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.source) + ": " + Margins(c.rows, c.cols));
     TableSampler s;
-    if (!c.law || !Ready(s, c)) continue;
-    EXPECT_GT(GoodnessOfFitP(s, c.rows, c.cols, 2024, 60000), kFalseAlarm)
-        << c.source << ": " << Margins(c.rows, c.cols);
+    ASSERT_EQ(s.Init(static_cast<int64_t>(c.rows.size()), static_cast<int64_t>(c.cols.size()),
+                     c.rows.data(), c.cols.data(), lf.data()),
+              0);
+    EXPECT_EQ(s.Shuffles(), c.shuffles);
+    RandomStream stream{++seed, kSeed2, kSeed3}, shadow = stream;
+    std::vector<int64_t> t(c.rows.size() * c.cols.size(), -5);
+    for (int d = 0; d < (c.rows.size() >= 100 ? 20 : 3000); ++d) {
+      s.Draw(stream, t.data());
+      ASSERT_TRUE(HasMargins(t, c.rows, c.cols)) << "draw " << d;
+      if (c.shuffles) {
+        for (int64_t k = 1; k < s.Total(); ++k) NextUniform(shadow);
+      } else {
+        ASSERT_EQ(t, ReferenceTable(shadow, c.rows, c.cols)) << "draw " << d;
+      }
+      ASSERT_EQ(std::tie(stream.s1, stream.s2, stream.s3), std::tie(shadow.s1, shadow.s2, shadow.s3))
+          << "uniforms taken by draw " << d;
+    }
+    if (c.law) {
+      EXPECT_GT(GoodnessOfFitP(s, c.rows, c.cols, 2024, 60000), kFalseAlarm);
+    }
   }
 }
 
@@ -336,96 +306,67 @@ TEST_F(McRouteTest, IntervalsAtAndBetweenTheEdges) {
   }
 }
 
-// A rule that folds every table it sees into a fingerprint.
-struct Fingerprint {
-  uint64_t* hash;
-  bool operator()(const int64_t* t) const {
-    for (int k = 0; k < 20; ++k) *hash = (*hash ^ static_cast<uint64_t>(t[k])) * 1099511628211ull;
-    return t[0] >= 3;
-  }
-};
-
-// The same seed gives the same tables, hits and final table; another seed
-// other tables.  The route leaves the M-th table in place: no draw after it.
-TEST_F(McRouteTest, SameSeedRepeatsTheRunAndEndsOnTheLastTable) {
-  const std::vector<int64_t> r{3, 5, 4, 2, 6}, c{7, 2, 2, 9};  // N 20 <= 10 x 4: shuffled
+// The same seed repeats the run (tables, hits and interval) whatever the
+// reports: they fall every McReportEvery tables, each after a poll of the
+// host, and an interval above M sends none; a stop from the host at a
+// report sets -6 and the loop still makes all M tables.  Another seed draws
+// other tables.  The route leaves the M-th table in place: no draw after
+// it.  No table at all is the failure kMcNoSamples.  Both branches of the
+// sampler.
+TEST_F(McRouteTest, SeedRepeatsTheRunWhateverTheReportsAndStops) {
+  struct Run {
+    uint64_t hash = 1469598103934665603ull;  // of every table the rule sees
+    int64_t calls = 0;
+    McResult out;
+    std::vector<int64_t> last;
+  };
+  const std::vector<int64_t> r{3, 5, 4, 2, 6}, c{7, 2, 2, 9};      // N 20 <= 10 x 4: shuffled
   const std::vector<int64_t> r2{30, 5, 4, 2, 6}, c2{34, 2, 2, 9};  // N 47: cell draws
   for (const auto& [rows_t, cols_t] : {std::pair{r, c}, std::pair{r2, c2}}) {
-    auto run = [&](int64_t seed, std::vector<int64_t>* last) {
-      Configure(seed, 500, 0.99, 100);
-      std::vector<int64_t> work(20, 0);
-      uint64_t hash = 1469598103934665603ull;
-      McResult out;
-      EXPECT_EQ(McRoute(work, 5, 4, rows_t, cols_t, lf_.data(), Fingerprint{&hash}, out), 0);
-      if (last) *last = work;
-      return std::pair{hash, out.hits};
+    SCOPED_TRACE(Margins(rows_t, cols_t));
+    auto run = [&](int64_t seed, int64_t samples, int64_t every, int64_t answer) {
+      ResetStore();
+      Configure(seed, samples, 0.95, every);
+      t_lines.clear();
+      t_polls = 0;
+      t_poll_answer = answer;
+      Run got;
+      got.last.assign(20, 0);
+      auto rule = [&](const int64_t* t) {
+        ++got.calls;
+        for (int k = 0; k < 20; ++k) got.hash = (got.hash ^ static_cast<uint64_t>(t[k])) * 1099511628211ull;
+        return t[0] >= 3;
+      };
+      EXPECT_EQ(McRoute(got.last, 5, 4, rows_t, cols_t, lf_.data(), rule, got.out),
+                samples > 0 ? 0 : kMcNoSamples);
+      return got;
     };
-    std::vector<int64_t> last;
-    const auto first = run(31, &last);
-    EXPECT_EQ(run(31, nullptr), first);
-    EXPECT_NE(run(32, nullptr).first, first.first);
+    const Run reported = run(31, 350, 70, 0);
+    EXPECT_EQ(t_polls, 5);
+    ASSERT_EQ(t_lines.size(), 5u);
+    for (const std::string& line : t_lines) EXPECT_EQ(line.back(), ')') << line;
+    EXPECT_EQ(FailureCode(), 0);
+    const Run silent = run(31, 350, 351, 0);
+    EXPECT_EQ(t_polls, 0);
+    EXPECT_TRUE(t_lines.empty());
+    const Run stopped = run(31, 350, 70, 1);
+    EXPECT_EQ(FailureCode(), fail::kStoppedByHost);
+    for (const Run& again : {silent, stopped}) {
+      EXPECT_EQ(again.calls, 350);
+      EXPECT_EQ(again.hash, reported.hash);
+      EXPECT_EQ(again.out.hits, reported.out.hits);
+      EXPECT_EQ(again.out.low, reported.out.low);
+      EXPECT_EQ(again.out.high, reported.out.high);
+    }
+    EXPECT_NE(run(32, 350, 100, 0).hash, reported.hash);
+    for (int64_t samples : {0, -3}) EXPECT_EQ(run(31, samples, 100, 0).calls, 0) << samples;
 
     TableSampler s;
     ASSERT_EQ(s.Init(5, 4, rows_t.data(), cols_t.data(), lf_.data()), 0);
     RandomStream stream{31, kSeed2, kSeed3};
     std::vector<int64_t> t(20);
-    for (int m = 0; m < 500; ++m) s.Draw(stream, t.data());
-    EXPECT_EQ(last, t);
-  }
-}
-
-// Reports fall every McReportEvery tables, each after a poll of the host;
-// an interval above M sends none and changes nothing in the results.
-TEST_F(McRouteTest, ReportsAndPollsDoNotChangeTheResult) {
-  const Table t = support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
-  const std::vector<int64_t> r = support::RowTotals(t), col = support::ColTotals(t);
-  const std::vector<int64_t> observed = support::ColumnMajor(t);
-  const double x2 = TablePearsonX2(observed.data(), 3, 3, r.data(), col.data(), 14);
-  auto run = [&](int64_t every) {
-    Configure(5, 350, 0.95, every);
-    std::vector<int64_t> work = observed;
-    McResult out;
-    EXPECT_EQ(McRoute(work, 3, 3, r, col, lf_.data(),
-                      PearsonHitRule{3, 3, r.data(), col.data(), 14, x2}, out),
-              0);
-    return out;
-  };
-  const McResult reported = run(100);
-  EXPECT_EQ(t_polls, 3);
-  ASSERT_EQ(t_lines.size(), 3u);
-  for (const std::string& line : t_lines) EXPECT_EQ(line.back(), ')') << line;
-  t_lines.clear();
-  t_polls = 0;
-  const McResult silent = run(351);
-  EXPECT_EQ(t_polls, 0);
-  EXPECT_TRUE(t_lines.empty());
-  EXPECT_EQ(silent.hits, reported.hits);
-  EXPECT_EQ(silent.low, reported.low);
-  EXPECT_EQ(silent.high, reported.high);
-}
-
-// A stop from the host at a report sets -6 and the loop still makes all
-// M tables; no table at all is the failure kMcNoSamples.
-TEST_F(McRouteTest, StopAtAPollAndNoSamples) {
-  const std::vector<int64_t> r{4, 6}, c{5, 5};
-  std::vector<int64_t> work(4, 0);
-  int64_t calls = 0;
-  auto rule = [&](const int64_t*) { return ++calls % 2 == 0; };
-  Configure(9, 400, 0.99, 100);
-  t_poll_answer = 1;
-  McResult out;
-  EXPECT_EQ(McRoute(work, 2, 2, r, c, lf_.data(), rule, out), 0);
-  EXPECT_EQ(calls, 400);
-  EXPECT_EQ(out.hits, 200);
-  EXPECT_EQ(FailureCode(), fail::kStoppedByHost);
-
-  ResetStore();
-  t_poll_answer = 0;
-  calls = 0;
-  for (int64_t samples : {0, -3}) {
-    Configure(9, samples, 0.99, 100);
-    EXPECT_EQ(McRoute(work, 2, 2, r, c, lf_.data(), rule, out), kMcNoSamples);
-    EXPECT_EQ(calls, 0);
+    for (int m = 0; m < 350; ++m) s.Draw(stream, t.data());
+    EXPECT_EQ(reported.last, t);
   }
 }
 

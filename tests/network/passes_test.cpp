@@ -44,8 +44,9 @@ void StartRun(LogFactorialTable& lf) {
   BuildLogFactorials(lf);
 }
 
-// The exact route of Pearson's test, step by step, on a table.
-NetworkRun RunPearsonNetwork(const Table& t) {
+// The exact route of Pearson's test, or Fisher's on the canonical network,
+// step by step on a table.
+NetworkRun RunNetwork(const Table& t, bool fisher = false) {
   LogFactorialTable lf;
   StartRun(lf);
   NetworkRun run;
@@ -61,18 +62,25 @@ NetworkRun RunPearsonNetwork(const Table& t) {
   std::sort(A.begin(), A.end());
   std::sort(B.begin(), B.end());
   Network net;
-  net.SetMargins(A, B, lf.data(), false);
+  net.SetMargins(A, B, lf.data(), fisher);
   run.K = net.K;
-  const std::vector<double> expected = ExpectedTable(net.A, net.B, net.N);
   int64_t limit = 0;
-  run.code = EstimateStageNodes(net.A, net.B, &limit);
+  run.code = fisher ? EstimateCanonicalStageNodes(net.A, net.B, &limit)
+                    : EstimateStageNodes(net.A, net.B, &limit);
   if (run.code != 0) return run;
   net.SetCapacity(limit);
   NodeFileGuard guard;
-  run.code = OpenNodeFile(8 * net.codec.n_words + 17);
-  PearsonMember member{net.K, expected.data()};
-  if (run.code == 0) run.code = BackwardInduction(net, member);
-  if (run.code == 0) run.code = ForwardPass(net, member, a.x2, run.pass);
+  run.code = OpenNodeFile(8 * net.codec.n_words + (fisher ? 16 : 17));
+  const std::vector<double> expected = ExpectedTable(net.A, net.B, net.N);
+  auto passes = [&](const auto& member, double obs) {
+    if (run.code == 0) run.code = BackwardInduction(net, member);
+    if (run.code == 0) run.code = ForwardPass(net, member, obs, run.pass);
+  };
+  if (fisher) {
+    passes(FisherMember{}, static_cast<double>(support::LogTableProbability(t)));
+  } else {
+    passes(PearsonMember{net.K, expected.data()}, a.x2);
+  }
   run.stage_end = net.stage_end;
   return run;
 }
@@ -82,32 +90,19 @@ NetworkRun RunPearsonNetwork(const Table& t) {
 // 1), the passes, and the host's records of 7 and 32.
 TEST(NetworkExact, WorkedThreeByThreeTable) {
   const Table t = support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
-  const NetworkRun run = RunPearsonNetwork(t);
+  const NetworkRun run = RunNetwork(t);
   ASSERT_EQ(run.code, 0);
   EXPECT_NEAR(run.x2, 7.275, 1e-12);
   EXPECT_EQ(run.stage_end, (std::vector<int64_t>{35, 25, 1}));
   EXPECT_NEAR(run.pass.tail_high, 0.134199134, 1e-9);
   EXPECT_NEAR(run.pass.point, 0.023310023, 1e-9);
   EXPECT_FALSE(run.pass.stopped_early);
-
-  LogFactorialTable lf;
-  StartRun(lf);
-  Network net;
-  net.SetMargins({4, 5, 5}, {3, 4, 7}, lf.data(), true);
-  int64_t limit = 0;
-  ASSERT_EQ(EstimateCanonicalStageNodes(net.A, net.B, &limit), 0);
-  net.SetCapacity(limit);
-  NodeFileGuard guard;
-  ASSERT_EQ(OpenNodeFile(8 * net.codec.n_words + 16), 0);
-  const FisherMember member;
-  ASSERT_EQ(BackwardInduction(net, member), 0);
-  EXPECT_EQ(net.stage_end, (std::vector<int64_t>{11, 7, 1})) << "canonical nodes fold together";
-  const double obs = static_cast<double>(support::LogTableProbability(t));
-  EXPECT_NEAR(obs, -5.299316867, 1e-9);
-  PassResult pass;
-  ASSERT_EQ(ForwardPass(net, member, obs, pass), 0);
-  EXPECT_NEAR(pass.tail_high, 0.084249084, 1e-9);
-  EXPECT_NEAR(pass.point, 0.069930070, 1e-9);
+  const NetworkRun fisher_run = RunNetwork(t, true);
+  ASSERT_EQ(fisher_run.code, 0);
+  EXPECT_EQ(fisher_run.stage_end, (std::vector<int64_t>{11, 7, 1})) << "canonical nodes fold together";
+  EXPECT_NEAR(static_cast<double>(support::LogTableProbability(t)), -5.299316867, 1e-9);
+  EXPECT_NEAR(fisher_run.pass.tail_high, 0.084249084, 1e-9);
+  EXPECT_NEAR(fisher_run.pass.point, 0.069930070, 1e-9);
 
   HostCall chisq(TQ_PROC_CHISQ, TQ_METHOD_EXACT), fisher(TQ_PROC_FISHER, TQ_METHOD_EXACT);
   const double* r = chisq.Run(t);
@@ -120,7 +115,7 @@ TEST(NetworkExact, WorkedThreeByThreeTable) {
 
   // A diagonal table is the most extreme of its margins.
   const Table diagonal = support::MakeTable({{4, 0, 0}, {0, 3, 0}, {0, 0, 5}});
-  const NetworkRun top = RunPearsonNetwork(diagonal);
+  const NetworkRun top = RunNetwork(diagonal);
   ASSERT_EQ(top.code, 0);
   EXPECT_EQ(top.pass.tail_high, 0.0);
   EXPECT_NEAR(top.pass.point, (double)support::FisherExact(diagonal).pointProb, 1e-12);
@@ -147,7 +142,7 @@ TEST(NetworkExact, AllMembersAgreeWithEnumerationOn500Tables) {
     const Table t = (i % 2) ? support::RandomSkewedTable(rng, rows, cols, n) : support::RandomTable(rng, rows, cols, n);
     if (support::CountTables(support::RowTotals(t), support::ColTotals(t), kMaxTables) > kMaxTables) continue;
     SCOPED_TRACE(support::Describe(t));
-    const NetworkRun run = RunPearsonNetwork(t);
+    const NetworkRun run = RunNetwork(t);
     ASSERT_EQ(run.code, 0);
     const double rel = run.K == 2 ? PearsonMember::kTwoColumnTolerance : PearsonMember::kManyColumnTolerance;
     const support::TailResult ref = support::PearsonTails(t, rel, 0.0);

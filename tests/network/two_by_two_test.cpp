@@ -47,11 +47,6 @@ std::vector<int64_t> Cells(int64_t x11, int64_t x12, int64_t x21, int64_t x22) {
   return {x11, x21, x12, x22};
 }
 
-std::string Describe(const std::vector<int64_t>& c) {
-  return "rows " + std::to_string(c[0]) + " " + std::to_string(c[2]) + " / " +
-         std::to_string(c[1]) + " " + std::to_string(c[3]);
-}
-
 // Rows 3 1 / 1 3: P(x) = 1/70, 16/70, 36/70, 16/70, 1/70 for x = 0..4.  The
 // p-values and the cell's tail, which both runs share, are in TailSideAndTies.
 TEST_F(TwoByTwoTest, WorkedTableByHand) {
@@ -138,7 +133,7 @@ TEST_F(TwoByTwoTest, EmptyMarginsFailAndPublishNothing) {
   for (const Case& c : cases) {
     for (auto run : {TwoByTwoPearsonRun, TwoByTwoFisherRun}) {
       ResetStore();
-      EXPECT_EQ(run(c.cells.data()), -1) << c.source << ": " << Describe(c.cells);
+      EXPECT_EQ(run(c.cells.data()), -1) << c.source << ": " << support::Describe(support::FromColumnMajor(2, 2, c.cells));
       EXPECT_EQ(Slot(slot::kStatistic).status, kStatusUnpublished) << c.source;
       EXPECT_EQ(Slot(slot::kExactTwoSided).status, kStatusUnpublished) << c.source;
       EXPECT_EQ(Word(word::kPublishedMethod), 0) << c.source;
@@ -209,7 +204,7 @@ TEST_F(TwoByTwoTest, PearsonAgreesWithR) {
     ++seen;
     ResetStore();
     ASSERT_EQ(TwoByTwoPearsonRun(r.cells.data()), 0) << r.id;
-    EXPECT_NEAR(V(slot::kStatistic), r.x2, 1e-12 * r.x2) << r.id << ": " << Describe(r.cells);
+    EXPECT_NEAR(V(slot::kStatistic), r.x2, 1e-12 * r.x2) << r.id << ": " << support::Describe(r.table());
     EXPECT_NEAR(V(slot::kAsymTwoSided), r.p, kRelTol * r.p) << r.id;
   }
   EXPECT_GE(seen, 1);

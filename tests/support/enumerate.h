@@ -1,19 +1,14 @@
-// Brute-force reference for two-way tables with fixed margins.
+// Brute-force reference for two-way tables with fixed margins: every R x C
+// table of non-negative integers with the row and column totals, each with
+// its hypergeometric probability P = prod r_i! prod c_j! / (N! prod x_ij!)
+// formed in long double from lgammal; tails of any statistic, Pearson's X2
+// and Fisher's p-value by plain summation.  Only the standard library is
+// used, so that tests can hold the engine against it.
 //
-// Visits every R x C table of non-negative integers with given row and column
-// totals and gives each its hypergeometric probability
-//   P = prod r_i! prod c_j! / (N! prod x_ij!),
-// formed in long double from lgammal. Tails of any statistic, Pearson's X2
-// and Fisher's p-value follow by plain summation over the visited tables.
-// Independent of the engine on purpose: only the standard library is used, so
-// that tests can hold the engine against it.
-//
-// Cost: about 20-60 ns per table with optimisation (PearsonTails, FisherExact;
-// the generic EnumerateTails is 3-5 times slower). Tables up to 5 x 6 with
-// N = 20 have about 10^6 tables and take some 0.05 s; 5 x 5 with N = 30 has
-// 10^7-10^8; 5 x 6 with N = 30 can have 2 x 10^9. Check CountTables with a
-// limit (some 10^7 for a second) before enumerating. N up to about 1500 (the
-// long double range of 1/N!).
+// Cost: some 20-80 ns per table (the generic EnumerateTails several times
+// more).  5 x 6 tables with N = 20 number about 10^6; 5 x 5 with N = 30
+// 10^7-10^8; 5 x 6 with N = 30 up to 2 x 10^9: check CountTables with a
+// limit first.  N up to about 1500 (the long double range of 1/N!).
 #pragma once
 
 #include <cstdint>
@@ -33,41 +28,36 @@ struct Table {
   int64_t at(int i, int j) const { return cells[static_cast<size_t>(i) * cols + j]; }
 };
 
-// Row-major table from a list of rows; all rows must have the same length.
+// Row-major table from a list of rows of equal length.
 Table MakeTable(const std::vector<std::vector<int64_t>>& rowsOfCells);
-
-// The cells in the engine's order: column-major, the row index running fastest.
+// The cells in the engine's order: column-major, the row index running
+// fastest; and back.
 std::vector<int64_t> ColumnMajor(const Table& table);
-
-// The inverse of ColumnMajor: a row-major table from column-major cells.
 Table FromColumnMajor(int rows, int cols, const std::vector<int64_t>& columnMajor);
 
 std::vector<int64_t> RowTotals(const Table& table);
 std::vector<int64_t> ColTotals(const Table& table);
 int64_t GrandTotal(const Table& table);
-
 // "r x c: a b c / d e f" for failure messages.
 std::string Describe(const Table& table);
-
 // Natural log of the hypergeometric probability of the table given its margins.
 long double LogTableProbability(const Table& table);
 
-// Called once per table; the Table is reused between calls and is valid only
-// during the call. prob is the table's hypergeometric probability.
+// Called once per table with its probability; the Table is reused and valid
+// only during the call.
 using TableVisitor = std::function<void(const Table& table, long double prob)>;
 
-// Visits every table with these margins (totals must be non-negative and have
-// equal sums). Returns the number of tables visited.
+// Visits every table with these margins (non-negative, with equal sums);
+// returns the number visited.
 uint64_t EnumerateTables(const std::vector<int64_t>& rowTotals,
                          const std::vector<int64_t>& colTotals, const TableVisitor& visit);
-
-// Number of tables with these margins, counting stops once it passes limit
-// (returns limit + 1 then). Lets a caller skip margins too large to enumerate.
+// The number of tables with these margins; counting stops past `limit`
+// (limit + 1 is returned then).
 uint64_t CountTables(const std::vector<int64_t>& rowTotals,
                      const std::vector<int64_t>& colTotals, uint64_t limit);
 
-// Pearson's X2: the sum over cells of (x - e)^2 / e, e = r_i c_j / N.
-// Rows or columns with total 0 contribute nothing.
+// Pearson's X2: the sum over cells of (x - e)^2 / e, e = r_i c_j / N;
+// rows or columns with total 0 contribute nothing.
 double PearsonX2(const Table& table);
 
 // Probability mass of the tables whose statistic lies above obs + tol, within
@@ -78,21 +68,15 @@ struct TailResult {
   long double below = 0;
   uint64_t tables = 0;  // tables visited
 };
-
 using StatisticFn = std::function<double(const Table&)>;
-
 TailResult EnumerateTails(const std::vector<int64_t>& rowTotals,
                           const std::vector<int64_t>& colTotals, const Table& observed,
                           const StatisticFn& statistic, double relTol, double absTol);
-
-// Same, with the margins taken from the observed table.
+// Same, with the margins of the observed table.
 TailResult EnumerateTails(const Table& observed, const StatisticFn& statistic, double relTol,
                           double absTol);
-
-// Pearson's X2 tails by an incremental enumeration: the same split as
-// EnumerateTails(observed, PearsonX2, ...) (the statistic is summed in
-// another cell order, so it differs in the last bits), but several times
-// faster, for property tests over many tables.
+// EnumerateTails(observed, PearsonX2, ...) with X2 summed as the walk fills
+// the cells: several times faster, for property tests over many tables.
 TailResult PearsonTails(const Table& observed, double relTol, double absTol);
 
 // Fisher's exact p-value: the sum of P over the tables with
@@ -105,11 +89,10 @@ struct FisherResult {
 FisherResult FisherExact(const Table& observed);
 long double FisherPValue(const Table& observed);
 
-// A random rows x cols table with total n and every row and column total at
-// least 1 (needs n >= max(rows, cols)). Cells are drawn by dropping n balls
-// into uniformly chosen cells; draws with an empty row or column are rejected.
+// A random rows x cols table with total n and no empty row or column (needs
+// n >= max(rows, cols)): n balls dropped into uniformly chosen cells, draws
+// with an empty line rejected.
 Table RandomTable(std::mt19937_64& rng, int rows, int cols, int64_t n);
-
 // Same, with cell weights skewed by random row and column factors, which gives
 // small expected counts and uneven margins more often.
 Table RandomSkewedTable(std::mt19937_64& rng, int rows, int cols, int64_t n);

@@ -1,7 +1,5 @@
-// Reader of the committed peer reference values for two-way tables
-// (tests/data/*_refs.csv, written by tests/data/gen_table_refs.R and, for the
-// kernel's numeric services, gen_kernel_refs.R). Cells are
-// kept as in the files: column-major, the row index running fastest, which is
+// Reader of the committed peer reference values (tests/data/*_refs.csv, from
+// the gen_*.R scripts there).  Cells are kept as in the files: column-major,
 // the engine's order; table() gives the row-major Table of enumerate.h.
 #pragma once
 
@@ -80,11 +78,11 @@ struct CsvRow {
 std::vector<CsvRow> LoadCsv(const std::string& name);
 
 // Each reads its file from TestDataDir(); throws std::runtime_error when the
-// file is missing or a line doesn't parse.
+// file is missing or a line doesn't parse.  LoadKernelRefs gives the rows of
+// one routine, in file order, and throws when there are none.
 std::vector<ChisqRef> LoadChisqRefs();
 std::vector<FisherRef> LoadFisherRefs();
 std::vector<MedianRef> LoadMedianRefs();
-// The rows of one routine, in file order; throws when there are none.
 std::vector<KernelRef> LoadKernelRefs(const std::string& routine);
 
 }  // namespace anvl::support
