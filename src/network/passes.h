@@ -358,7 +358,7 @@ int BackwardInduction(Network& net, const M& member, bool list_only = false) {
         bool first = true, more = !list_only;
         if (list_only) {
           shortest = longest = std::nan("");
-          if (tick()) SendBackwardNodesLine(t, net.Z - created);
+          if (tick()) SendBackwardNodesLine(t + 1, net.Z - created);
         }
         // Lines that differ by an exchange of cells between columns of equal
         // complement reach the same canonical node with the same statistic,
