@@ -96,21 +96,11 @@ class LazyBounds {
     std::vector<int64_t> keys;
   };
 
-  static uint64_t HashOf(int t, const int64_t* key, int nw) {
-    uint64_t h = static_cast<uint64_t>(t) * 0x9E3779B97F4A7C15ull;
-    for (int i = 0; i < nw; ++i)
-      h ^= static_cast<uint64_t>(key[i]) + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
-    h ^= h >> 31;
-    h *= 0xBF58476D1CE4E5B9ull;
-    h ^= h >> 29;
-    return h;
-  }
-
   // Slot of (t, key) in the table of nodes done, made if absent; the
   // table doubles when half full.  Throws std::bad_alloc.
   uint64_t Slot(int t, const int64_t* key) {
     if (2 * (count_ + 1) > mask_ + 1) Resize(2 * (mask_ + 1));
-    for (uint64_t i = HashOf(t, key, nw_) & mask_;; i = (i + 1) & mask_) {
+    for (uint64_t i = MixKey(t, key, nw_) & mask_;; i = (i + 1) & mask_) {
       if (stage_[i] < 0) {
         stage_[i] = static_cast<int8_t>(t);
         for (int w = 0; w < nw_; ++w) keys_[i * nw_ + w] = key[w];
@@ -132,7 +122,7 @@ class LazyBounds {
     const uint64_t mask = cap - 1;
     for (uint64_t i = 0; i < stage_.size(); ++i) {
       if (stage_[i] < 0) continue;
-      uint64_t j = HashOf(stage_[i], &keys_[i * nw_], nw_) & mask;
+      uint64_t j = MixKey(stage_[i], &keys_[i * nw_], nw_) & mask;
       while (stage[j] >= 0) j = (j + 1) & mask;
       stage[j] = stage_[i];
       for (int w = 0; w < nw_; ++w) keys[j * nw_ + w] = keys_[i * nw_ + w];

@@ -127,6 +127,18 @@ void* MappedArray<T>::MapZeroed(size_t bytes) { return MapZeroedPages(bytes); }
 template <class T>
 void MappedArray<T>::Unmap(void* p, size_t bytes) { UnmapPages(p, bytes); }
 
+// A well-mixed 64-bit hash of a node's stage and key words, for the
+// indexes that sit beside the slots.
+inline uint64_t MixKey(int stage, const int64_t* key, int n_words) {
+  uint64_t h = static_cast<uint64_t>(stage) * 0x9E3779B97F4A7C15ull;
+  for (int i = 0; i < n_words; ++i)
+    h ^= static_cast<uint64_t>(key[i]) + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
+  h ^= h >> 31;
+  h *= 0xBF58476D1CE4E5B9ull;
+  h ^= h >> 29;
+  return h;
+}
+
 // Hash table of the nodes of two adjacent stages, slots 1..Z.  A node
 // goes into the first free slot from its hash position upward (wrapping
 // from Z to 1), and the slot order is the order in which a stage is
@@ -207,15 +219,7 @@ class NodeStore {
   }
   void Take(int64_t slot, int stage, const int64_t* key, double first, double second);
   int64_t FirstFree(int64_t from, int64_t to) const;
-  uint64_t IndexHash(int stage, const int64_t* key) const {
-    uint64_t h = static_cast<uint64_t>(stage) * 0x9E3779B97F4A7C15ull;
-    for (int i = 0; i < n_words_; ++i)
-      h ^= static_cast<uint64_t>(key[i]) + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
-    h ^= h >> 31;
-    h *= 0xBF58476D1CE4E5B9ull;
-    h ^= h >> 29;
-    return h;
-  }
+  uint64_t IndexHash(int stage, const int64_t* key) const { return MixKey(stage, key, n_words_); }
   void IndexAdd(int64_t slot);
   void IndexRemove(int64_t slot);
   void IndexGrow();
