@@ -82,10 +82,6 @@ class LazyBounds {
   double Shortest(int t, const int64_t* key);
   bool failed() const { return failed_; }
 
-  // Nodes whose successors were walked, and the successors weighed.
-  int64_t nodes_walked() const { return nodes_walked_; }
-  int64_t edges_weighed() const { return edges_; }
-
  private:
   struct Level {
     std::unique_ptr<SuccessorWalk<M>> walk;
@@ -212,7 +208,6 @@ class LazyBounds {
   Ticker tick_;
   const PassResult* tails_ = nullptr;
   bool stopped_ = false, failed_ = false;
-  int64_t nodes_walked_ = 0, edges_ = 0;
 };
 
 template <NetworkMember M>
@@ -259,7 +254,6 @@ double LazyBounds<M>::ShortestOf(int t, const int64_t* key) {
   if constexpr (SymmetricLine<M>()) tied = TiedColumns(net_, l.m.data(), l.tie.data());
   SuccessorWalk<M>& walk = *l.walk;
   walk.Start(t, l.m.data(), tied ? l.tie.data() : nullptr);
-  ++nodes_walked_;
   // Every successor with its reach; the most promising is done first so
   // that the others meet a good bound.
   int64_t n = 0, top = 0;
@@ -278,7 +272,6 @@ double LazyBounds<M>::ShortestOf(int t, const int64_t* key) {
     ++n;
     Tick();
   } while (walk.Next());
-  edges_ += n;
   double best = ShortestOf(t + 1, &l.keys[top * nw_]) + l.inc[top];
   for (int64_t i = 0; i < n; ++i) {
     if (i == top || l.reach[i] > best + 1e-9 * (1.0 + std::fabs(best))) continue;
