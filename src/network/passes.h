@@ -359,13 +359,14 @@ int BackwardInduction(Network& net, const M& member, bool list_only = false) {
         if (list_only) {
           shortest = longest = std::nan("");
           if (tick()) SendBackwardNodesLine(t + 1, net.Z - created);
+        } else {
+          // Lines that differ by an exchange of cells between columns of
+          // equal complement reach the same canonical node with the same
+          // statistic, up to the order of its sum: one of them is listed.
+          bool tied = false;
+          if constexpr (SymmetricLine<M>()) tied = TiedColumns(net, m.data(), tie.data());
+          if (!walk.Start(t, m.data(), tied ? tie.data() : nullptr)) return -1;
         }
-        // Lines that differ by an exchange of cells between columns of equal
-        // complement reach the same canonical node with the same statistic,
-        // up to the order of its sum: one of them is listed.
-        bool tied = false;
-        if constexpr (SymmetricLine<M>()) tied = TiedColumns(net, m.data(), tie.data());
-        if (more && !walk.Start(t, m.data(), tied ? tie.data() : nullptr)) return -1;
         while (more) {
           // A batch of successors: keys, increments and the index loads
           // started, then the lookups, which find their lines in cache.
