@@ -104,6 +104,13 @@ enum { TQ_METHOD_EXACT = 1, TQ_METHOD_MONTE_CARLO = 2, TQ_METHOD_ASYMPTOTIC = 3 
  *                           and passes MemoryField 1048576.  A run whose
  *                           budget is too small ends with field 48 =
  *                           -1001.0.
+ *
+ * Threads: an exact Fisher run (procedure 32) shares its larger stages
+ * among threads; only the calling thread calls the host's routines.  The
+ * environment variable ANVLWTQ_THREADS, read at every call, sets their
+ * number, the calling thread included (1: the calling thread alone; unset,
+ * empty or not a whole number from 1 on: the machine's cores, at most 8).
+ * The results are the same whatever the number.
  */
 enum {
   TQ_INT_PROCEDURE = 0, TQ_INT_METHOD = 1, TQ_INT_DATA_FORM = 2, TQ_INT_MC_SEED = 3,

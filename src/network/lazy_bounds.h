@@ -75,6 +75,8 @@ class LazyBounds {
 
   // The progress line of a tick inside a bound shows these tails.
   void ShowTails(const PassResult* r) { tails_ = r; }
+  // No ticks: the bounds of a thread other than the caller's.
+  void Quiet() { quiet_ = true; }
 
   // LongestPath and ShortestPath of the node with `key` at stage t.  NaN,
   // and failed() true, when the table of nodes done could not grow.
@@ -139,7 +141,7 @@ class LazyBounds {
   // The host's poll on every tick, the progress line and the stop test on
   // a report: a stopped run leaves every bound at 0 and remembers none.
   void Tick() {
-    if (!tick_()) return;
+    if (quiet_ || !tick_()) return;
     if (RunStopped()) stopped_ = true;
     if (tails_ != nullptr)
       SendExactEstimateLine(ClampUnit(tails_->tail_high), ClampUnit(1.0 - tails_->tail_low));
@@ -206,6 +208,7 @@ class LazyBounds {
   std::vector<int64_t> col_left_, row_left_;
   std::vector<double> log_;  // log k
   Ticker tick_;
+  bool quiet_ = false;
   const PassResult* tails_ = nullptr;
   bool stopped_ = false, failed_ = false;
 };

@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <cstdlib>
+#include <thread>
 
 #include "network/passes.h"
 
@@ -29,6 +31,20 @@ void Network::SetCapacity(int64_t limit) {
   stage_node_limit = limit;
   Z = 2 * limit;
   prime = LargestPrimeBelow(Z);
+}
+
+int ForwardThreads() {
+  // ANVLWTQ_THREADS, read at every call, sets the count (1: the caller's
+  // thread alone); unset, empty or not a whole number from 1 on means the
+  // machine's cores.  Never more than kMaxThreads.
+  constexpr int kMaxThreads = 8;
+  int n = static_cast<int>(std::thread::hardware_concurrency());
+  if (const char* text = std::getenv("ANVLWTQ_THREADS"); text != nullptr && *text != '\0') {
+    char* end = nullptr;
+    const long v = std::strtol(text, &end, 10);
+    if (*end == '\0' && v >= 1) n = static_cast<int>(std::min<long>(v, kMaxThreads));
+  }
+  return std::clamp(n, 1, kMaxThreads);
 }
 
 }  // namespace anvl::net

@@ -330,9 +330,11 @@ int64_t PastPool::EntryLimit(int64_t budget_bytes) {
 }
 
 int PastPool::Create(int64_t limit, int64_t trees) {
-  // Every tree holds at most one chunk that is not full.
-  const int64_t chunks =
-      std::min((limit + kChunk - 1) / kChunk + trees + 1, (kLargestPool + 1) / kChunk);
+  // Every tree holds at most one chunk that is not full; a shared stage
+  // holds up to twice the limit (BeginShared).
+  const int64_t wanted = (2 * limit + kChunk - 1) / kChunk + trees + 1;
+  const int64_t chunks = std::min(wanted, (kLargestPool + 1) / kChunk);
+  sharable_ = chunks == wanted;
   try {
     stack_.reset(new int64_t[static_cast<size_t>(limit + 1)]);
   } catch (const std::bad_alloc&) {
@@ -340,19 +342,21 @@ int PastPool::Create(int64_t limit, int64_t trees) {
   }
   if (entries_.Allocate(static_cast<size_t>(chunks * kChunk)) != 0) return -1;
   stack = stack_.get();
-  limit_ = limit;
+  limit_ = cap_ = limit;
   chunks_ = chunks;
   chunk_head_ = 0;
   fresh_chunk_ = 1;
-  live_ = peak_ = 0;
+  live_ = 0;
+  peak_ = 0;
+  shared_ = false;
   return 0;
 }
 
 // Breadth-first listing puts every entry before its children; walked
 // backwards it meets the children first, so each total is formed from
 // finished totals of its subtrees.
-void PastPool::Summarize(int64_t root) {
-  if (root == 0) return;
+int64_t PastPool::Summarize(int64_t root) {
+  if (root == 0) return 0;
   int64_t n = 0;
   stack[n++] = root;
   for (int64_t i = 0; i < n; ++i) {
@@ -360,17 +364,19 @@ void PastPool::Summarize(int64_t root) {
     if (x.left != 0) stack[n++] = x.left;
     if (x.right != 0) stack[n++] = x.right;
   }
+  const int64_t count = n;
   while (n > 0) {
     Entry& x = entries_[stack[--n]];
     x.total = x.q + Total(x.left) + Total(x.right);
   }
+  return count;
 }
 
 // Each chunk of a tree is given back once, at its first entry, which the
 // tree took first.
 void PastPool::FreeTree(int64_t& root) {
   if (root == 0) return;
-  int64_t top = 0;
+  int64_t top = 0, freed = 0;
   stack[top++] = root;
   root = 0;
   while (top > 0) {
@@ -382,8 +388,9 @@ void PastPool::FreeTree(int64_t& root) {
       x.left = static_cast<int32_t>(-chunk_head_);
       chunk_head_ = e;
     }
-    --live_;
+    ++freed;
   }
+  live_.fetch_sub(freed, std::memory_order_relaxed);
 }
 
 }  // namespace anvl::net

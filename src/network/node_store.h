@@ -11,6 +11,7 @@
 
 #include <cmath>
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cstdint>
 #include <memory>
@@ -159,6 +160,12 @@ class NodeStore {
   // the first answer: the lookups are independent cache misses otherwise.
   uint64_t Hash(int stage, const int64_t* key) const { return IndexHash(stage, key) & index_mask_; }
   void Prefetch(uint64_t hash) const { __builtin_prefetch(&index_[hash]); }
+  // The whole hash of a key, of which Hash keeps the low bits: a caller
+  // that shares nodes out by key takes other bits of it.
+  uint64_t Mix(int stage, const int64_t* key) const { return IndexHash(stage, key); }
+  int64_t FindMixed(uint64_t mix, int stage, const int64_t* key) const {
+    return FindHashed(mix & index_mask_, stage, key);
+  }
   int64_t FindHashed(uint64_t hash, int stage, const int64_t* key) const {
     const IndexEntry* e = Lookup(hash, stage, key);
     return e == nullptr ? 0 : e->slot;
@@ -323,8 +330,9 @@ class PastPool {
   template <bool kRelative = false>
   int AddWithFinger(TreeFinger& finger, int64_t& root, double stat, double q,
                     double merge_tolerance);
-  // Sets the subtree total of every entry of the tree at `root`.
-  void Summarize(int64_t root);
+  // Sets the subtree total of every entry of the tree at `root`; returns
+  // the number of its entries.
+  int64_t Summarize(int64_t root);
   // The greatest value of a non-empty tree.
   double Greatest(int64_t root) const {
     while (entries_[root].right != 0) root = entries_[root].right;
@@ -350,6 +358,27 @@ class PastPool {
   int64_t* stack = nullptr;
   // The most entries held at once so far.
   int64_t Peak() const { return peak_; }
+  // Entries held now, and the most that the budget allows.
+  int64_t Live() const { return live_.load(std::memory_order_relaxed); }
+  int64_t Limit() const { return limit_; }
+
+  // While shared, several threads add entries at once, each to trees of
+  // its own, and nobody frees: chunks are taken under a lock, and the pool
+  // holds up to twice its limit, since the trees of the stage being
+  // expanded are freed only at its end.  The caller works out what the
+  // limit would have allowed had the nodes been expanded and freed one by
+  // one, and hands EndShared that count of the most held at once.
+  // Whether the pool's links reach twice its limit, as sharing needs.
+  bool Sharable() const { return sharable_; }
+  void BeginShared() {
+    shared_ = true;
+    cap_ = 2 * limit_;
+  }
+  void EndShared(int64_t peak) {
+    shared_ = false;
+    cap_ = limit_;
+    peak_ = std::max(peak_, peak);
+  }
 
  private:
   static constexpr int64_t kChunk = 8;  // 256 bytes: four cache lines
@@ -359,6 +388,14 @@ class PastPool {
   void SetNewest(int64_t root, int64_t e) { entries_[root].total = std::bit_cast<double>(e); }
   // The first entry of a free chunk, or 0 when every chunk is taken.
   int64_t TakeChunk() {
+    if (!shared_) return TakeChunkAlone();
+    while (chunk_lock_.test_and_set(std::memory_order_acquire)) {
+    }
+    const int64_t e = TakeChunkAlone();
+    chunk_lock_.clear(std::memory_order_release);
+    return e;
+  }
+  int64_t TakeChunkAlone() {
     if (chunk_head_ != 0) {
       const int64_t e = chunk_head_;
       chunk_head_ = -entries_[e].left;
@@ -369,13 +406,14 @@ class PastPool {
   }
   int64_t Place(int64_t e, double s, double q) {
     entries_[e] = Entry{s, q, q, 0, 0};  // 32 bytes: an entry never straddles a cache line
-    if (++live_ > peak_) peak_ = live_;
+    const int64_t live = live_.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (!shared_ && live > peak_) peak_ = live;
     return e;
   }
   // The root of a new tree, in a chunk of its own; 0 when the pool is
   // exhausted.
   int64_t NewTree(double s, double q) {
-    if (live_ >= limit_) return 0;
+    if (Live() >= cap_) return 0;
     const int64_t e = TakeChunk();
     if (e == 0) return 0;
     Place(e, s, q);
@@ -385,7 +423,7 @@ class PastPool {
   // A new entry of the tree at `root`: next to the tree's newest entry,
   // or at the start of a new chunk.  0 when the pool is exhausted.
   int64_t NewEntry(int64_t root, double s, double q) {
-    if (live_ >= limit_) return 0;
+    if (Live() >= cap_) return 0;
     int64_t e = Newest(root) + 1;
     if (e % kChunk == 0 && (e = TakeChunk()) == 0) return 0;
     SetNewest(root, e);
@@ -399,8 +437,11 @@ class PastPool {
   int64_t chunk_head_ = 0;   // first entry of the last chunk given back, 0 for none
   int64_t fresh_chunk_ = 1;  // first chunk never used
   int64_t chunks_ = 0;
-  int64_t limit_ = 0;
-  int64_t live_ = 0, peak_ = 0;  // entries held, and the most held at once
+  int64_t limit_ = 0, cap_ = 0;  // the budget's count, and the count held now allowed
+  std::atomic<int64_t> live_{0};  // entries held
+  int64_t peak_ = 0;              // the most held at once
+  bool shared_ = false, sharable_ = false;
+  std::atomic_flag chunk_lock_ = ATOMIC_FLAG_INIT;
 };
 
 // The path of the last insert into one tree, with, at each depth, the

@@ -12,10 +12,14 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <concepts>
 #include <cstdint>
+#include <memory>
 #include <new>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "frame/progress.h"
@@ -100,6 +104,34 @@ struct PassResult {
   int64_t peak_values = 0;
   // The mass not yet decided.
   double Undecided() const { return 1.0 - tail_high - tail_low - middle; }
+
+  // The rounding errors of the tails' running sums, where the walks add
+  // to them through AddTails; Settle folds them in.
+  double tail_high_error = 0.0, tail_low_error = 0.0;
+  void AddTails(double high, double low) {
+    Accumulate(tail_high, tail_high_error, high);
+    Accumulate(tail_low, tail_low_error, low);
+  }
+  // Adds the tails of another share of the same stages.
+  void AddTails(const PassResult& o) {
+    tail_high_error += o.tail_high_error;
+    tail_low_error += o.tail_low_error;
+    AddTails(o.tail_high, o.tail_low);
+  }
+  void Settle() {
+    tail_high += tail_high_error;
+    tail_low += tail_low_error;
+    tail_high_error = tail_low_error = 0.0;
+  }
+
+ private:
+  // sum += x, the rounding error of the addition added to `error`
+  // (Neumaier's form of compensated summation).
+  static void Accumulate(double& sum, double& error, double x) {
+    const double t = sum + x;
+    error += std::fabs(sum) >= std::fabs(x) ? (sum - t) + x : (x - t) + sum;
+    sum = t;
+  }
 };
 
 // The global cuts of a two-cut member: each bound -/+ tol.
@@ -421,29 +453,39 @@ namespace detail {
 // probability of the edge given the node); a decided entry adds itself and
 // the subtree on its side, times f, to a tail at once.  `first` and
 // `second` are the successor's cuts (one-cut) or its ShortestPath and
+// LongestPath (two-cut, against `cuts`).  The walk uses `stack`; kQuiet:
+// no ticks (a thread other than the caller's).
 // LongestPath (two-cut, against `cuts`).
-template <NetworkMember M>
-int PastPathUpdate(PastPool& pool, Ticker& tick, int64_t root, int64_t& succ_root, double inc,
-                   double f, double first, double second, const TwoCuts& cuts, PassResult& r,
-                   int64_t& new_entries) {
+template <NetworkMember M, bool kQuiet = false>
+int PastPathUpdate(PastPool& pool, int64_t* stack, Ticker& tick, int64_t root, int64_t& succ_root,
+                   double inc, double f, double first, double second, const TwoCuts& cuts,
+                   PassResult& r, int64_t& new_entries) {
   if (root == 0) return 0;
+  // A member without stop tests in the walk sums each edge's tails apart
+  // and adds them to the pass's tails with their rounding kept
+  // (PassResult::AddTails), so that the tails don't depend on how the
+  // edges are shared out among threads.
+  constexpr bool kEdgeSums = !M::kInnerStopTests && !M::kTwoCut;
+  double edge_high = 0.0, edge_low = 0.0;
+  double& high = kEdgeSums ? edge_high : r.tail_high;
+  double& low = kEdgeSums ? edge_low : r.tail_low;
   PastPool::TreeFinger finger;
   int64_t top = 0;
-  pool.stack[top++] = root;
+  stack[top++] = root;
   while (top > 0) {
     if constexpr (M::kInnerStopTests)
       if (r.Undecided() < M::kStopMargin) break;
-    const int64_t p = pool.stack[--top];
+    const int64_t p = stack[--top];
     const PastPool::Entry& x = pool[p];
     const double stat = x.stat + inc;
     if constexpr (M::kTwoCut) {
       const double sh = first, lg = second;
       if (stat + sh > cuts.high_hi) {  // every completion above HighBound + tol
         r.tail_high += f * (x.q + pool.Total(x.right));
-        if (x.left != 0) pool.stack[top++] = x.left;
+        if (x.left != 0) stack[top++] = x.left;
       } else if (stat + lg < cuts.low_lo) {  // every completion below LowBound - tol
         r.tail_low += f * (x.q + pool.Total(x.left));
-        if (x.right != 0) pool.stack[top++] = x.right;
+        if (x.right != 0) stack[top++] = x.right;
       } else {
         const int64_t left = x.left, right = x.right;
         if (stat + sh > cuts.low_hi && stat + lg < cuts.high_lo) {  // strictly between
@@ -454,10 +496,10 @@ int PastPathUpdate(PastPool& pool, Ticker& tick, int64_t root, int64_t& succ_roo
           if (added < 0) return -1;
           new_entries += added;
         }
-        if (right != 0) pool.stack[top++] = right;
-        if (left != 0) pool.stack[top++] = left;
+        if (right != 0) stack[top++] = right;
+        if (left != 0) stack[top++] = left;
       }
-      if (tick())
+      if (!kQuiet && tick())
         SendExactEstimateLine(ClampUnit(r.tail_high + r.tail_low), ClampUnit(1.0 - r.middle));
       continue;
     } else {
@@ -471,19 +513,19 @@ int PastPathUpdate(PastPool& pool, Ticker& tick, int64_t root, int64_t& succ_roo
       }
       if (decided_high) {
         if constexpr (M::kPValueBelow) {
-          r.tail_high += f * (x.q + pool.Total(x.left));
-          if (x.right != 0) pool.stack[top++] = x.right;
+          high += f * (x.q + pool.Total(x.left));
+          if (x.right != 0) stack[top++] = x.right;
         } else {
-          r.tail_high += f * (x.q + pool.Total(x.right));
-          if (x.left != 0) pool.stack[top++] = x.left;
+          high += f * (x.q + pool.Total(x.right));
+          if (x.left != 0) stack[top++] = x.left;
         }
       } else if (decided_low) {
         if constexpr (M::kPValueBelow) {
-          r.tail_low += f * pool.Total(x.right);
-          if (x.left != 0) pool.stack[top++] = x.left;
+          low += f * pool.Total(x.right);
+          if (x.left != 0) stack[top++] = x.left;
         } else {
-          r.tail_low += f * pool.Total(x.left);
-          if (x.right != 0) pool.stack[top++] = x.right;
+          low += f * pool.Total(x.left);
+          if (x.right != 0) stack[top++] = x.right;
         }
       } else {
         // Read the children first: the insert goes into another tree, but
@@ -493,16 +535,284 @@ int PastPathUpdate(PastPool& pool, Ticker& tick, int64_t root, int64_t& succ_roo
                                                                 M::kMergeTolerance);
         if (added < 0) return -1;
         new_entries += added;
-        if (right != 0) pool.stack[top++] = right;
-        if (left != 0) pool.stack[top++] = left;
+        if (right != 0) stack[top++] = right;
+        if (left != 0) stack[top++] = left;
       }
-      if (tick()) SendExactEstimateLine(ClampUnit(r.tail_high), ClampUnit(1.0 - r.tail_low));
+      if (!kQuiet && tick())
+        SendExactEstimateLine(ClampUnit(r.tail_high), ClampUnit(1.0 - r.tail_low));
     }
   }
+  if constexpr (kEdgeSums) r.AddTails(edge_high, edge_low);
   return 0;
 }
 
 }  // namespace detail
+
+// Whether the forward pass may share a stage's edges out among threads by
+// their successor.  Each successor's tree then gets its values, in their
+// order, from the one thread that holds it, and only the order in which
+// the tails are summed depends on the sharing.  That takes a member whose
+// nodes all come from the listing pass (no node is made during the pass,
+// so the store is only read), with one cut and no stop test inside a
+// stage.
+template <NetworkMember M>
+constexpr bool SharedStages() {
+  return LazyCuts<M>() && !M::kClosedFormBounds && !M::kInnerStopTests && !M::kTwoCut;
+}
+
+// Threads that expand a shared stage, the caller's included (at least 1).
+int ForwardThreads();
+// Past values of a stage below which its expansion isn't shared.
+inline constexpr int64_t kSharedStageEntries = 2048;
+
+// What one thread needs to expand its share of a stage.
+template <NetworkMember M>
+struct ForwardShare {
+  explicit ForwardShare(const Network& net) : walk(net), m(net.K) {}
+  SuccessorWalk<M> walk;
+  std::vector<int64_t> m;
+  LazyBounds<M>* lazy = nullptr;
+  int64_t* stack = nullptr;
+  PassResult* result = nullptr;  // the tails it adds to
+  int64_t new_entries = 0;
+  std::vector<int64_t> made;     // per node of a shared stage: the entries it made
+  int code = 0;
+};
+
+namespace detail {
+
+// Expands the node in `slot` of stage s, whose tree at `root` is
+// summarized: every edge, or with `owners` above 1 the edges whose
+// successor's key falls to `owner`.
+template <NetworkMember M, bool kQuiet>
+int ExpandNode(const Network& net, const M& member, NodeStore& store, PastPool& pool,
+               Ticker& tick, ForwardShare<M>& w, int s, int64_t slot, int64_t root, double obs,
+               double tol, const TwoCuts& cuts, int owner, int owners, int64_t& next_nodes,
+               bool& settled) {
+  const int64_t Ts = net.T[s];
+  NodeOfKey<M>(net, store.key(slot), Ts, w.m.data());
+  double greatest = 0.0;  // the greatest past value of the node's tree
+  if constexpr (LazyCuts<M>()) greatest = pool.Greatest(root);
+  const double R = net.LogRemainingWeight(Ts, w.m.data());
+  PassResult& result = *w.result;
+  SuccessorWalk<M>& walk = w.walk;
+  walk.Start(s, w.m.data());
+  do {
+    const int64_t* key_next = walk.key();
+    int64_t next;
+    if (owners > 1) {
+      const uint64_t mix = store.Mix(s + 1, key_next);
+      if (static_cast<int>((mix >> 32) % static_cast<uint64_t>(owners)) != owner) continue;
+      next = store.FindMixed(mix, s + 1, key_next);
+    } else {
+      next = store.Find(s + 1, key_next);
+    }
+    const double wt = walk.Weight();
+    const double inc = member.EdgeStatistic(s, walk.line(), wt);
+    const double f = std::exp(wt + walk.Remaining() - R);
+    if constexpr (M::kClosedFormBounds) {
+      if (next == 0) {  // first met: its bounds now, and into the store
+        double shortest, longest;
+        member.NodeBounds(s + 1, walk.next(), shortest, longest);
+        next = store.Insert(s + 1, key_next, shortest, longest, false);
+        ++next_nodes;
+      }
+    }
+    if (next == 0) return -1;
+    if constexpr (M::kClosedFormBounds) {
+      // No spill file whose next access would fail: a stop of the
+      // host or the clock ends the pass here, its code standing.
+      if (RunStopped()) return static_cast<int>(FailureCode());
+    }
+    if constexpr (LazyCuts<M>()) {
+      // The lower cut decides first: the upper one is needed only
+      // when the greatest past value passes the lower cut.
+      if (w.lazy != nullptr && std::isnan(store.second(next))) {
+        const double longest = w.lazy->Longest(s + 1, key_next);
+        if (std::isnan(longest)) return -1;  // no memory for the bounds
+        store.SetSecond(next, obs - tol - longest);
+      }
+      if (w.lazy != nullptr && std::isnan(store.first(next)) &&
+          !(greatest + inc < store.second(next))) {
+        const double shortest = w.lazy->Shortest(s + 1, key_next);
+        if (std::isnan(shortest)) return -1;
+        store.SetFirst(next, obs + tol - shortest);
+      }
+    }
+    if (PastPathUpdate<M, kQuiet>(pool, w.stack, tick, root, store.tree_root(next), inc, f,
+                                  store.first(next), store.second(next), cuts, result,
+                                  w.new_entries) != 0)
+      return -1;
+    if constexpr (M::kInnerStopTests) {
+      if (result.Undecided() <= M::kStopMargin) {
+        settled = true;
+        break;
+      }
+    }
+  } while (walk.Next());
+  return 0;
+}
+
+// One thread's share of a shared stage: the nodes in `slots` in order,
+// each with the edges that fall to `owner`.  A run stopped by the host or
+// the clock (seen by the caller's thread, which sets `halt`) ends the
+// share early.
+template <NetworkMember M, bool kQuiet>
+void ExpandShare(const Network& net, const M& member, NodeStore& store, PastPool& pool,
+                 Ticker& tick, ForwardShare<M>& w, int s, const std::vector<int64_t>& slots,
+                 double obs, double tol, int owner, int owners, std::atomic<bool>& halt) {
+  const TwoCuts cuts;
+  int64_t next_nodes = 0;
+  bool settled = false;
+  for (size_t i = 0; i < slots.size(); ++i) {
+    if constexpr (!kQuiet) {
+      if (RunStopped()) halt.store(true, std::memory_order_relaxed);
+    }
+    if (halt.load(std::memory_order_relaxed)) return;
+    const int64_t root = store.tree_root(slots[i]);
+    if (root == 0) continue;
+    const int64_t before = w.new_entries;
+    w.code = ExpandNode<M, kQuiet>(net, member, store, pool, tick, w, s, slots[i], root, obs, tol,
+                                   cuts, owner, owners, next_nodes, settled);
+    w.made[i] = w.new_entries - before;
+    if (w.code != 0) {
+      halt.store(true, std::memory_order_relaxed);
+      return;
+    }
+  }
+}
+
+}  // namespace detail
+
+// The shares of a stage of the forward pass that goes to several threads
+// (see ForwardPass), made when a stage is first shared.
+template <NetworkMember M>
+class StageSharing {
+ public:
+  StageSharing(const Network& net, const M& member, int owners)
+      : net_(net), member_(member), owners_(owners) {}
+  int owners() const { return owners_; }
+
+  // Expands stage s (`nodes` nodes), `own` being the calling thread's
+  // share, and adds the new entries of all shares to `new_entries`.
+  // Returns 0, -1 (a node not found, no memory, the budget passed) or the
+  // code of a run stopped by the host or the clock.
+  int Expand(NodeStore& store, PastPool& pool, Ticker& tick, ForwardShare<M>& own, int s,
+             int64_t nodes, double obs, double tol, int64_t& new_entries) {
+    if (Prepare(pool, own) != 0) return -1;
+    const int64_t start = pool.Live();
+    try {
+      slots_.clear();
+      sizes_.clear();
+      int64_t slot = 0;
+      for (int64_t i = 0; i < nodes; ++i) {
+        slot = store.NextSlotOfStage(slot, s);
+        if (slot == 0) return -1;
+        slots_.push_back(slot);
+        sizes_.push_back(pool.Summarize(store.tree_root(slot)));
+      }
+      own.made.assign(slots_.size(), 0);
+      for (auto& w : others_) w->made.assign(slots_.size(), 0);
+    } catch (const std::bad_alloc&) {
+      return -1;
+    }
+    for (size_t k = 0; k < others_.size(); ++k) {
+      others_[k]->new_entries = 0;
+      others_[k]->code = 0;
+      results_[k] = PassResult{};
+    }
+    own.code = 0;
+    std::atomic<bool> halt{false};
+    pool.BeginShared();
+    auto share = [&](int k) {
+      detail::ExpandShare<M, true>(net_, member_, store, pool, tick, *others_[k - 1], s, slots_,
+                                   obs, tol, k, owners_, halt);
+    };
+    int started = 1;
+    for (; started < owners_; ++started) {
+      try {
+        threads_.emplace_back(share, started);
+      } catch (const std::system_error&) {
+        break;  // no thread: this one takes the rest of the shares below
+      }
+    }
+    detail::ExpandShare<M, false>(net_, member_, store, pool, tick, own, s, slots_, obs, tol, 0,
+                                  owners_, halt);
+    for (std::thread& t : threads_) t.join();
+    threads_.clear();
+    for (int k = started; k < owners_; ++k) share(k);
+
+    // The most held at once, had the nodes been expanded and freed one by
+    // one: each node's new entries, then its tree given back.
+    int64_t live = start, peak = start;
+    for (size_t i = 0; i < slots_.size(); ++i) {
+      live += own.made[i];
+      for (auto& w : others_) live += w->made[i];
+      peak = std::max(peak, live);
+      live -= sizes_[i];
+    }
+    pool.EndShared(peak);
+    if (halt.load() && RunStopped()) return static_cast<int>(FailureCode());
+    if (own.code != 0) return own.code;
+    for (auto& w : others_)
+      if (w->code != 0) return w->code;
+    if (peak > pool.Limit()) return -1;
+    for (int64_t slot : slots_) {
+      int64_t& root = store.tree_root(slot);
+      store.Free(slot);
+      pool.FreeTree(root);
+    }
+    new_entries = own.new_entries;
+    for (size_t k = 0; k < others_.size(); ++k) {
+      new_entries += others_[k]->new_entries;
+      own.result->AddTails(results_[k]);
+    }
+    return 0;
+  }
+
+ private:
+  // The other threads' shares, each with its own bounds on demand (quiet:
+  // only the caller's thread ticks) and its own walk stack.  0 or -1.
+  int Prepare(const PastPool& pool, const ForwardShare<M>& own) {
+    if (!others_.empty()) return 0;
+    const int n = owners_ - 1;
+    try {
+      threads_.reserve(n);
+      results_.assign(n, PassResult{});
+      stacks_ = std::make_unique<MappedArray<int64_t>[]>(n);
+      for (int k = 0; k < n; ++k) {
+        auto w = std::make_unique<ForwardShare<M>>(net_);
+        if (stacks_[k].Allocate(static_cast<size_t>(pool.Limit()) + 1) != 0) return Fail();
+        w->stack = stacks_[k].data();
+        w->result = &results_[k];
+        if (own.lazy != nullptr) {
+          lazy_.push_back(std::make_unique<LazyBounds<M>>(net_, member_));
+          if (lazy_.back()->Create() != 0) return Fail();
+          lazy_.back()->Quiet();
+          w->lazy = lazy_.back().get();
+        }
+        others_.push_back(std::move(w));
+      }
+    } catch (const std::bad_alloc&) {
+      return Fail();
+    }
+    return 0;
+  }
+  int Fail() {
+    others_.clear();
+    return -1;
+  }
+
+  const Network& net_;
+  const M& member_;
+  const int owners_;
+  std::vector<std::unique_ptr<ForwardShare<M>>> others_;
+  std::vector<std::unique_ptr<LazyBounds<M>>> lazy_;
+  std::unique_ptr<MappedArray<int64_t>[]> stacks_;
+  std::vector<PassResult> results_;
+  std::vector<std::thread> threads_;
+  std::vector<int64_t> slots_, sizes_;
+};
 
 // The forward pass: tails of the statistic against `obs` from stage 0 to
 // the root.  A two-cut member passes its HighBound as `obs` and its
@@ -511,6 +821,13 @@ int PastPathUpdate(PastPool& pool, Ticker& tick, int64_t root, int64_t& succ_roo
 // file's code; on a failure the tails are worthless.  With `lazy`, the
 // nodes read carry no bounds (a listing pass wrote them) and `lazy` forms
 // them when the pass first needs them.
+//
+// A stage with many past values is shared out among threads where the
+// member allows it (SharedStages): each thread walks every node of the
+// stage in order and takes the edges whose successors fall to it.  Its
+// trees are freed at the stage's end, and the count that the budget
+// limits is worked out as if the nodes had been expanded and freed one by
+// one, so a run fails at the budget exactly when the unshared pass does.
 template <NetworkMember M>
 int ForwardPass(const Network& net, const M& member, double obs, PassResult& result,
                 double low_bound = 0.0, LazyBounds<M>* lazy = nullptr) {
@@ -522,12 +839,19 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
   if (store.Create(net.Z, net.codec.n_words, net.prime) != 0) return -1;
   const int64_t limit = PastPool::EntryLimit(MemoryBudget());
   if (limit < 1 || pool.Create(limit, net.Z) != 0) return -1;
-  std::vector<int64_t> m(K), scratch(K), key(net.codec.n_words);
-  SuccessorWalk<M> walk(net);
+  std::vector<int64_t> scratch(K), key(net.codec.n_words);
   const double tol = member.Tolerance(obs);
   TwoCuts cuts;
   if constexpr (M::kTwoCut)
     cuts = TwoCuts{obs + tol, obs - tol, low_bound + tol, low_bound - tol};
+  ForwardShare<M> own(net);
+  own.lazy = lazy;
+  own.stack = pool.stack;
+  own.result = &result;
+
+  int owners = 1;
+  if constexpr (SharedStages<M>()) owners = pool.Sharable() ? ForwardThreads() : 1;
+  StageSharing<M> sharing(net, member, owners);
 
   // Stage 0 by hand in slot 1: the zero node (every complement A_j).
   std::vector<int64_t> zero(K, 0);
@@ -570,79 +894,41 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
     if (tick() && M::kStageMessages) SendStageLine(s);
 
     // The stage processor: expand every node of stage s.
+    own.new_entries = 0;
     int64_t new_entries = 0;
-    const int64_t Ts = net.T[s];
     const int64_t nodes = stage_nodes;
-    int64_t slot = store.NextSlotOfStage(0, s);
-    if (slot == 0) return -1;
-    bool settled = false;
-    for (int64_t i = 0; i < nodes && !settled; ++i) {
-      if (i > 0) {
-        slot = store.NextSlotOfStage(slot, s);
-        if (slot == 0) return -1;
+    if (owners > 1 && pool.Live() >= kSharedStageEntries) {
+      if constexpr (SharedStages<M>()) {
+        const int code = sharing.Expand(store, pool, tick, own, s, nodes, obs, tol, new_entries);
+        if (code != 0) return code;
       }
-      int64_t& root = store.tree_root(slot);
-      if (root != 0) {
-        NodeOfKey<M>(net, store.key(slot), Ts, m.data());
-        pool.Summarize(root);
-        double greatest = 0.0;  // the greatest past value of the node's tree
-        if constexpr (LazyCuts<M>()) greatest = pool.Greatest(root);
-        const double R = net.LogRemainingWeight(Ts, m.data());
-        walk.Start(s, m.data());
-        do {
-          const int64_t* key_next = walk.key();
-          const double w = walk.Weight();
-          const double inc = member.EdgeStatistic(s, walk.line(), w);
-          const double f = std::exp(w + walk.Remaining() - R);
-          int64_t next = store.Find(s + 1, key_next);
-          if constexpr (M::kClosedFormBounds) {
-            if (next == 0) {  // first met: its bounds now, and into the store
-              double shortest, longest;
-              member.NodeBounds(s + 1, walk.next(), shortest, longest);
-              next = store.Insert(s + 1, key_next, shortest, longest, false);
-              ++next_nodes;
-            }
-          }
-          if (next == 0) return -1;
-          if constexpr (M::kClosedFormBounds) {
-            // No spill file whose next access would fail: a stop of the
-            // host or the clock ends the pass here, its code standing.
-            if (RunStopped()) return static_cast<int>(FailureCode());
-          }
-          if constexpr (LazyCuts<M>()) {
-            // The lower cut decides first: the upper one is needed only
-            // when the greatest past value passes the lower cut.
-            if (lazy != nullptr && std::isnan(store.second(next))) {
-              const double longest = lazy->Longest(s + 1, key_next);
-              if (std::isnan(longest)) return -1;  // no memory for the bounds
-              store.SetSecond(next, obs - tol - longest);
-            }
-            if (lazy != nullptr && std::isnan(store.first(next)) &&
-                !(greatest + inc < store.second(next))) {
-              const double shortest = lazy->Shortest(s + 1, key_next);
-              if (std::isnan(shortest)) return -1;
-              store.SetFirst(next, obs + tol - shortest);
-            }
-          }
-          if (detail::PastPathUpdate<M>(pool, tick, root, store.tree_root(next), inc, f,
-                                        store.first(next), store.second(next), cuts, result,
-                                        new_entries) != 0)
-            return -1;
-          if constexpr (M::kInnerStopTests) {
-            if (result.Undecided() <= M::kStopMargin) {
-              settled = true;
-              break;
-            }
-          }
-        } while (walk.Next());
+    } else {
+      int64_t slot = store.NextSlotOfStage(0, s);
+      if (slot == 0) return -1;
+      bool settled = false;
+      for (int64_t i = 0; i < nodes && !settled; ++i) {
+        if (i > 0) {
+          slot = store.NextSlotOfStage(slot, s);
+          if (slot == 0) return -1;
+        }
+        int64_t& root = store.tree_root(slot);
+        if (root != 0) {
+          pool.Summarize(root);
+          const int code = detail::ExpandNode<M, false>(net, member, store, pool, tick, own, s,
+                                                        slot, root, obs, tol, cuts, 0, 1,
+                                                        next_nodes, settled);
+          if (code != 0) return code;
+        }
+        if (settled) break;
+        store.Free(slot);
+        pool.FreeTree(root);
       }
-      if (settled) break;
-      store.Free(slot);
-      pool.FreeTree(root);
+      new_entries = own.new_entries;
     }
     if ((M::kStopOnNoNewEntry && new_entries == 0) || result.Undecided() <= M::kStopMargin) {
       result.stopped_early = true;
       result.peak_values = pool.Peak();
+      result.Settle();
       return 0;
     }
     stage_nodes = next_nodes;
@@ -651,6 +937,7 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
   }
 
   result.peak_values = pool.Peak();
+  result.Settle();
   // Collect at the root: the entries left lie within tol of the observed
   // value (one-cut) or of a bound (two-cut; where the bounds coincide an
   // entry counts at both).

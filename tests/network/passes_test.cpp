@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <functional>
 #include <random>
 #include <set>
@@ -189,6 +190,57 @@ TEST(NetworkExact, AllMembersAgreeWithEnumerationOn500Tables) {
   }
   EXPECT_GE(checked, 500);
   EXPECT_GE(medians, 60);
+}
+
+// A stage with many past values goes to several threads, each taking the
+// edges into its own successors, so each successor's tree is built as one
+// thread builds it: every field of the record is the one that one thread
+// gives, and the budget runs out at the same point.  The smallest budget
+// that holds the peak of one thread's run suffices with three threads,
+// and the budget one kilobyte below fails with three as with one.
+TEST(NetworkExact, SharedStagesGiveTheRecordAndTheBudgetOfOneThread) {
+  struct Unset {
+    ~Unset() { unsetenv("ANVLWTQ_THREADS"); }
+  } unset;
+  auto run = [](const Table& t, const char* threads, int64_t kb = -1) {
+    EXPECT_EQ(setenv("ANVLWTQ_THREADS", threads, 1), 0);
+    HostCall call(TQ_PROC_FISHER, TQ_METHOD_EXACT);
+    call.ip[TQ_INT_MEMORY] = kb;
+    const double* r = call.Run(t);
+    return std::vector<double>(r, r + TQ_RECORD_LENGTH);
+  };
+  std::mt19937_64 rng(20261124);
+  for (int i = 0; i < 8; ++i) {
+    const Table t = support::RandomTable(rng, 5, 5 + i % 2, 54 + 2 * i);
+    SCOPED_TRACE(support::Describe(t));
+    const std::vector<double> one = run(t, "1"), three = run(t, "3");
+    ASSERT_EQ(one[TQ_REC_FAILURE], 0.0);
+    for (int f = 0; f < TQ_RECORD_LENGTH; ++f) {
+      if (f < TQ_REC_HOURS || f > TQ_REC_SECONDS) {
+        EXPECT_EQ(one[f], three[f]) << "field " << f;
+      }
+    }
+  }
+
+  const Table t = support::MakeTable({{2, 1, 1, 4, 0, 3}, {2, 1, 3, 1, 1, 4}, {0, 1, 2, 2, 2, 1},
+                                      {2, 3, 0, 4, 4, 0}, {3, 3, 6, 1, 0, 4}});
+  setenv("ANVLWTQ_THREADS", "1", 1);
+  const NetworkRun full = RunNetwork(t, true);
+  ASSERT_EQ(full.code, 0);
+  const int64_t peak = full.pass.peak_values;
+  ASSERT_GE(peak, 8 * kSharedStageEntries);  // its large stages are shared
+  int64_t kb = 2048;
+  while (PastPool::EntryLimit(kb * 1024) < peak) ++kb;
+  ASSERT_GT(kb, 2048);  // the budget below is above the lower clamp
+  ASSERT_LE(kb, 16384);
+  const double p = run(t, "1")[TQ_REC_EXACT_TWO];
+  for (const char* threads : {"1", "3"}) {
+    SCOPED_TRACE(threads);
+    const std::vector<double> enough = run(t, threads, kb), short_by_one = run(t, threads, kb - 1);
+    EXPECT_EQ(enough[TQ_REC_FAILURE], 0.0);
+    EXPECT_EQ(enough[TQ_REC_EXACT_TWO], p);
+    EXPECT_EQ(short_by_one[TQ_REC_FAILURE], -1001.0);
+  }
 }
 
 // Under tie constraints the successor enumerator lists, of the lines that
