@@ -257,13 +257,12 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
 
   // Stage 0 by hand in slot 1: the zero node with its one value 0 (the
   // StartValue), all the probability.
-  std::vector<int64_t> zero(K, 0);
+  std::vector<int64_t> zero(K, 0), stage_list;
   {
     double shortest = 0.0, longest = 0.0;
     member.NodeBounds(0, zero.data(), shortest, longest);
     NodeKey<M>(net, zero.data(), 0, scratch.data(), key.data());
-    store.Place(1, 0, key.data(), shortest, longest);
-    LatticeNode& n = nodes[1];
+    LatticeNode& n = nodes[store.Place(1, 0, key.data(), shortest, longest)];
     n.bands = 1;
     n.lo[0] = 0;
     n.len[0] = 1;
@@ -285,8 +284,8 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
     // The root's digits (the key margins) may pass the radices of the other
     // stages: it goes through the store's index.
     const bool direct_next = direct && s + 1 < S, direct_here = direct && s > 0;
-    int64_t slot = store.NextSlotOfStage(0, s);
-    if (slot == 0) return -1;
+    if (store.StageInSlotOrder(s, stage_list) != 0) return -1;
+    if (static_cast<int64_t>(stage_list.size()) < stage_nodes) return -1;
     bool settled = false;
     // The increment of a step of the last free level: the statistic is a
     // sum over the cells of the line.
@@ -297,10 +296,7 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
     d[K - 1] = 1;
     const int64_t step_inc = up_inc - detail::Steps(member.EdgeStatistic(s, d.data(), 0.0), scale);
     for (int64_t i = 0; i < stage_nodes && !settled; ++i) {
-      if (i > 0) {
-        slot = store.NextSlotOfStage(slot, s);
-        if (slot == 0) return -1;
-      }
+      const int64_t slot = stage_list[static_cast<size_t>(i)];
       LatticeNode node = nodes[slot];
       if (node.held != 0) {
         // Only the span of each band from its first to its last held value
@@ -566,8 +562,8 @@ int LatticeForwardPass(const Network& net, const M& member, double scale, double
   // Collect at the root: the values left lie within tol of a bound (where
   // the bounds coincide a value counts at both).
   const detail::LatticeArena& last = arena[S & 1];
-  for (int64_t slot = store.NextSlotOfStage(0, S); slot != 0;
-       slot = store.NextSlotOfStage(slot, S)) {
+  if (store.StageInSlotOrder(S, stage_list) != 0) return -1;
+  for (const int64_t slot : stage_list) {
     const LatticeNode& n = nodes[slot];
     for (int b = 0; b < n.bands; ++b) {
       if (n.off[b] < 0) continue;

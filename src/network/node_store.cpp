@@ -208,7 +208,7 @@ constexpr uint64_t kFirstIndexSize = 1024;
 int NodeStore::Create(int64_t z, int n_words, int64_t prime) {
   uint64_t index_capacity = 1;
   while (index_capacity < 2 * static_cast<uint64_t>(z + 1)) index_capacity <<= 1;
-  const double slot_bytes = 1.0 + 8.0 * n_words + 3.0 * 8.0 +
+  const double slot_bytes = 1.0 / 8.0 + 1.0 + 4.0 + 8.0 * n_words + 3.0 * 8.0 + 4.0 +
                             static_cast<double>(sizeof(IndexEntry)) * index_capacity / (z + 1.0);
   if (z >= std::numeric_limits<int32_t>::max()) return -1;
   if (!FitsInMemory(static_cast<double>(z + 1) * slot_bytes)) return -1;
@@ -216,14 +216,16 @@ int NodeStore::Create(int64_t z, int n_words, int64_t prime) {
   n_words_ = n_words;
   prime_ = prime;
   const size_t n = static_cast<size_t>(z + 1);
-  if (stage_.Allocate(n) != 0 || keys_.Allocate(n * n_words) != 0 || bounds_.Allocate(n) != 0 ||
-      root_.Allocate(n) != 0 || index_.Allocate(index_capacity) != 0)
+  if (stage_.Allocate(n) != 0 || slot_.Allocate(n) != 0 || keys_.Allocate(n * n_words) != 0 ||
+      bounds_.Allocate(n) != 0 || root_.Allocate(n) != 0 || free_.Allocate(n) != 0 ||
+      index_.Allocate(index_capacity) != 0)
     return -1;
   try {
     occupied_.assign(static_cast<size_t>(z / 64 + 1), 0);
   } catch (const std::bad_alloc&) {
     return -1;
   }
+  free_count_ = records_ = 0;
   index_capacity_ = index_capacity;
   index_size_ = std::min(kFirstIndexSize, index_capacity);
   index_mask_ = index_size_ - 1;
@@ -231,35 +233,33 @@ int NodeStore::Create(int64_t z, int n_words, int64_t prime) {
   return 0;
 }
 
-// Doubles the part of the index in use and enters every stored slot again.
+// Doubles the part of the index in use and enters every stored node again.
 void NodeStore::IndexGrow() {
   index_size_ *= 2;
   index_mask_ = index_size_ - 1;
   std::fill(index_.data(), index_.data() + index_size_, IndexEntry{});
   index_count_ = 0;
-  for (size_t w = 0; w < occupied_.size(); ++w)
-    for (uint64_t bits = occupied_[w]; bits != 0; bits &= bits - 1)
-      IndexAdd(static_cast<int64_t>(w * 64 + __builtin_ctzll(bits)));
+  for (int64_t node = 1; node <= records_; ++node)
+    if (stage_[node] != 0) IndexAdd(node);
 }
 
-
-void NodeStore::IndexAdd(int64_t slot) {
-  uint64_t i = IndexHash(stage(slot), key(slot)) & index_mask_;
-  while (index_[i].slot != 0) i = (i + 1) & index_mask_;
-  index_[i] = IndexEntry{key(slot)[0], static_cast<int32_t>(slot), stage(slot), bounds_[slot]};
+void NodeStore::IndexAdd(int64_t node) {
+  uint64_t i = IndexHash(stage(node), key(node)) & index_mask_;
+  while (index_[i].node != 0) i = (i + 1) & index_mask_;
+  index_[i] = IndexEntry{key(node)[0], static_cast<int32_t>(node), stage(node), bounds_[node]};
   ++index_count_;
 }
 
-// Removes a slot from the index, shifting later members of its probe run
+// Removes a node from the index, shifting later members of its probe run
 // back so that no lookup is cut short.
-void NodeStore::IndexRemove(int64_t slot) {
-  uint64_t i = IndexHash(stage(slot), key(slot)) & index_mask_;
+void NodeStore::IndexRemove(int64_t node) {
+  uint64_t i = IndexHash(stage(node), key(node)) & index_mask_;
   --index_count_;
-  while (index_[i].slot != slot) i = (i + 1) & index_mask_;
+  while (index_[i].node != node) i = (i + 1) & index_mask_;
   for (uint64_t j = i;;) {
     j = (j + 1) & index_mask_;
-    if (index_[j].slot == 0) break;
-    const int64_t other = index_[j].slot;
+    if (index_[j].node == 0) break;
+    const int64_t other = index_[j].node;
     const uint64_t home = IndexHash(stage(other), key(other)) & index_mask_;
     const bool stays = i <= j ? (i < home && home <= j) : (i < home || home <= j);
     if (stays) continue;
@@ -282,14 +282,18 @@ int64_t NodeStore::FirstFree(int64_t from, int64_t to) const {
   return 0;
 }
 
-void NodeStore::Take(int64_t slot, int stage, const int64_t* key, double first, double second) {
-  stage_[slot] = static_cast<uint8_t>(stage + 1);
+int64_t NodeStore::Take(int64_t slot, int stage, const int64_t* key, double first,
+                        double second) {
+  const int64_t node = free_count_ > 0 ? free_[--free_count_] : ++records_;
+  stage_[node] = static_cast<uint8_t>(stage + 1);
+  slot_[node] = static_cast<int32_t>(slot);
   occupied_[static_cast<size_t>(slot >> 6)] |= uint64_t{1} << (slot & 63);
-  for (int w = 0; w < n_words_; ++w) keys_[slot * n_words_ + w] = key[w];
-  bounds_[slot] = Bounds{first, second};
-  root_[slot] = 0;
+  for (int w = 0; w < n_words_; ++w) keys_[node * n_words_ + w] = key[w];
+  bounds_[node] = Bounds{first, second};
+  root_[node] = 0;
   if (2 * (index_count_ + 1) > index_size_ && index_size_ < index_capacity_) IndexGrow();
-  IndexAdd(slot);
+  IndexAdd(node);
+  return node;
 }
 
 int64_t NodeStore::Insert(int stage, const int64_t* key, double first, double second,
@@ -302,27 +306,38 @@ int64_t NodeStore::Insert(int stage, const int64_t* key, double first, double se
   int64_t slot = FirstFree(h, z_);
   if (slot == 0) slot = FirstFree(1, h - 1);
   if (slot == 0) return 0;
-  Take(slot, stage, key, first, second);
-  return slot;
+  return Take(slot, stage, key, first, second);
 }
 
-void NodeStore::Free(int64_t slot) {
-  if (stage(slot) == kFreeSlot) return;
-  IndexRemove(slot);
-  stage_[slot] = 0;
+void NodeStore::Free(int64_t node) {
+  if (stage_[node] == 0) return;
+  IndexRemove(node);
+  stage_[node] = 0;
+  const int64_t slot = slot_[node];
   occupied_[static_cast<size_t>(slot >> 6)] &= ~(uint64_t{1} << (slot & 63));
+  free_[free_count_++] = static_cast<int32_t>(node);
 }
 
-int64_t NodeStore::NextSlotOfStage(int64_t cursor, int stage) const {
+int NodeStore::StageInSlotOrder(int stage, std::vector<int64_t>& nodes) const {
   const uint8_t s = static_cast<uint8_t>(stage + 1);
-  for (int64_t i = cursor + 1; i <= z_; ++i)
-    if (stage_[i] == s) return i;
+  try {
+    nodes.clear();
+    for (int64_t node = 1; node <= records_; ++node)
+      if (stage_[node] == s) nodes.push_back(static_cast<int64_t>(slot_[node]) << 32 | node);
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+  std::sort(nodes.begin(), nodes.end());
+  for (int64_t& x : nodes) x &= 0xFFFFFFFF;
   return 0;
 }
 
-void NodeStore::Place(int64_t slot, int stage, const int64_t* key, double first, double second) {
-  if (stage_[slot] != 0) Free(slot);
-  Take(slot, stage, key, first, second);
+int64_t NodeStore::Place(int64_t slot, int stage, const int64_t* key, double first,
+                         double second) {
+  if ((occupied_[static_cast<size_t>(slot >> 6)] >> (slot & 63) & 1) != 0)
+    for (int64_t node = 1; node <= records_; ++node)
+      if (stage_[node] != 0 && slot_[node] == slot) Free(node);
+  return Take(slot, stage, key, first, second);
 }
 
 int64_t PastPool::EntryLimit(int64_t budget_bytes) {

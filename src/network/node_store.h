@@ -143,9 +143,15 @@ inline uint64_t MixKey(int stage, const int64_t* key, int n_words) {
 // Hash table of the nodes of two adjacent stages, slots 1..Z.  A node
 // goes into the first free slot from its hash position upward (wrapping
 // from Z to 1), and the slot order is the order in which a stage is
-// written out.  Finding a node doesn't probe the slots: an index from
-// (stage, key) to slot answers at once, with the same slot a probe would
-// reach, since a key is held at most once per stage.
+// written out and expanded.  Finding a node doesn't probe the slots: an
+// index from (stage, key) answers at once, with the same slot a probe
+// would reach, since a key is held at most once per stage.
+//
+// A node is named by its record, not its slot.  Records are packed from 1
+// up (a freed one is taken again first), so the memory a run touches
+// follows the nodes it holds and not the Z slots that the capacity
+// estimate allows, of which most runs fill a small part; a slot is one
+// bit.
 class NodeStore {
  public:
   // Allocates Z slots of n_words key words each, all free.  0 or -1.
@@ -153,7 +159,7 @@ class NodeStore {
   int64_t Z() const { return z_; }
   int64_t prime() const { return prime_; }
 
-  // Slot holding the key at `stage`, or 0.
+  // Node holding the key at `stage`, or 0.
   int64_t Find(int stage, const int64_t* key) const { return FindHashed(Hash(stage, key), stage, key); }
   // The same in two steps, so that a caller with a run of keys to look up
   // can start the memory loads of all of them (Prefetch) before it needs
@@ -168,7 +174,7 @@ class NodeStore {
   }
   int64_t FindHashed(uint64_t hash, int stage, const int64_t* key) const {
     const IndexEntry* e = Lookup(hash, stage, key);
-    return e == nullptr ? 0 : e->slot;
+    return e == nullptr ? 0 : e->node;
   }
   // The same, with the node's two doubles (first, second below) read from
   // the index line that found it.
@@ -178,79 +184,86 @@ class NodeStore {
     if (e == nullptr) return 0;
     first = e->bounds.first;
     second = e->bounds.second;
-    return e->slot;
+    return e->node;
   }
-  // Stores the key at the first free slot from its hash position; 0 when
-  // no slot is free.  With `check_duplicate` a slot that already holds the
-  // key at this stage is returned instead (nothing is stored).
+  // Stores the key at the first free slot from its hash position; the
+  // node, or 0 when no slot is free.  With `check_duplicate` the node that
+  // already holds the key at this stage is returned instead (nothing is
+  // stored).
   int64_t Insert(int stage, const int64_t* key, double first, double second,
                  bool check_duplicate);
-  // Next slot above `cursor` that holds a node of `stage`, or 0.
-  int64_t NextSlotOfStage(int64_t cursor, int stage) const;
-  void Free(int64_t slot);
+  // The nodes of `stage` in slot order.  0, or -1 when the list can't grow.
+  int StageInSlotOrder(int stage, std::vector<int64_t>& nodes) const;
+  void Free(int64_t node);
 
-  int8_t stage(int64_t slot) const { return static_cast<int8_t>(stage_[slot] - 1); }
-  const int64_t* key(int64_t slot) const { return &keys_[slot * n_words_]; }
-  int64_t* key(int64_t slot) { return &keys_[slot * n_words_]; }
+  int8_t stage(int64_t node) const { return static_cast<int8_t>(stage_[node] - 1); }
+  int64_t SlotOf(int64_t node) const { return slot_[node]; }
+  const int64_t* key(int64_t node) const { return &keys_[node * n_words_]; }
+  int64_t* key(int64_t node) { return &keys_[node * n_words_]; }
   // Two doubles per node: the shortest and longest path in the backward
   // pass, the upper and lower cut in the forward pass.
-  double first(int64_t slot) const { return bounds_[slot].first; }
-  double second(int64_t slot) const { return bounds_[slot].second; }
-  int64_t& tree_root(int64_t slot) { return root_[slot]; }
+  double first(int64_t node) const { return bounds_[node].first; }
+  double second(int64_t node) const { return bounds_[node].second; }
+  int64_t& tree_root(int64_t node) { return root_[node]; }
   // Sets a stored node's two doubles (made when the node was stored
   // without them).
-  void SetFirst(int64_t slot, double v) {
-    bounds_[slot].first = v;
-    IndexEntryOf(slot).bounds.first = v;
+  void SetFirst(int64_t node, double v) {
+    bounds_[node].first = v;
+    IndexEntryOf(node).bounds.first = v;
   }
-  void SetSecond(int64_t slot, double v) {
-    bounds_[slot].second = v;
-    IndexEntryOf(slot).bounds.second = v;
+  void SetSecond(int64_t node, double v) {
+    bounds_[node].second = v;
+    IndexEntryOf(node).bounds.second = v;
   }
-  // Places a node in a given slot, bypassing the hash (the stage-0 node).
-  void Place(int64_t slot, int stage, const int64_t* key, double first, double second);
+  // Places a node in a given slot, bypassing the hash (the stage-0 node);
+  // returns the node.
+  int64_t Place(int64_t slot, int stage, const int64_t* key, double first, double second);
 
  private:
   struct IndexEntry;
   const IndexEntry* Lookup(uint64_t hash, int stage, const int64_t* key) const;
-  bool SameKey(int64_t slot, const int64_t* key) const {
-    const int64_t* k = &keys_[slot * n_words_];
+  bool SameKey(int64_t node, const int64_t* key) const {
+    const int64_t* k = &keys_[node * n_words_];
     for (int i = 0; i < n_words_; ++i)
       if (k[i] != key[i]) return false;
     return true;
   }
-  IndexEntry& IndexEntryOf(int64_t slot) {
-    const int64_t* k = key(slot);
-    const int st = stage(slot);
+  IndexEntry& IndexEntryOf(int64_t node) {
+    const int64_t* k = key(node);
+    const int st = stage(node);
     return *const_cast<IndexEntry*>(Lookup(Hash(st, k), st, k));
   }
-  void Take(int64_t slot, int stage, const int64_t* key, double first, double second);
+  int64_t Take(int64_t slot, int stage, const int64_t* key, double first, double second);
   int64_t FirstFree(int64_t from, int64_t to) const;
   uint64_t IndexHash(int stage, const int64_t* key) const { return MixKey(stage, key, n_words_); }
-  void IndexAdd(int64_t slot);
-  void IndexRemove(int64_t slot);
+  void IndexAdd(int64_t node);
+  void IndexRemove(int64_t node);
   void IndexGrow();
 
   int64_t z_ = 0, prime_ = 0;
   int n_words_ = 0;
-  // Per slot: the stage plus one (0 marks a free slot, so that fresh
-  // pages read as free), the key words, the two doubles, the tree root.
+  std::vector<uint64_t> occupied_;  // one bit per slot
+  // Per record: the stage plus one (0 marks a free record), its slot, the
+  // key words, the two doubles, the tree root.
   struct Bounds {
     double first, second;
   };
   MappedArray<uint8_t> stage_;
-  std::vector<uint64_t> occupied_;  // one bit per slot
+  MappedArray<int32_t> slot_;
   MappedArray<int64_t> keys_;
   MappedArray<Bounds> bounds_;
   MappedArray<int64_t> root_;
-  // Open addressing over the stored slots.  An entry carries the first key
-  // word, the stage and the node's two doubles beside the slot number, so
-  // that a lookup reads one cache line and not the slot's arrays as well.  The part in use grows
-  // with the nodes held (at most half full), up to twice Z; a small index
-  // stays in cache where one sized for Z would miss on every lookup.
+  MappedArray<int32_t> free_;  // records given back, taken again last first
+  int64_t free_count_ = 0, records_ = 0;  // records given back; the highest record used
+  // Open addressing over the stored nodes.  An entry carries the first key
+  // word, the stage and the node's two doubles beside the node, so that a
+  // lookup reads one cache line and not the record's arrays as well.  The
+  // part in use grows with the nodes held (at most half full), up to twice
+  // Z; a small index stays in cache where one sized for Z would miss on
+  // every lookup.
   struct IndexEntry {
     int64_t key0;
-    int32_t slot;   // 0: empty
+    int32_t node;   // 0: empty
     int32_t stage;
     Bounds bounds;  // a copy: a node's doubles are set once, when it is stored
   };
@@ -261,9 +274,9 @@ class NodeStore {
 
 inline const NodeStore::IndexEntry* NodeStore::Lookup(uint64_t hash, int stage,
                                                      const int64_t* key) const {
-  for (uint64_t i = hash; index_[i].slot != 0; i = (i + 1) & index_mask_) {
+  for (uint64_t i = hash; index_[i].node != 0; i = (i + 1) & index_mask_) {
     const IndexEntry& e = index_[i];
-    if (e.stage == stage && e.key0 == key[0] && (n_words_ == 1 || SameKey(e.slot, key)))
+    if (e.stage == stage && e.key0 == key[0] && (n_words_ == 1 || SameKey(e.node, key)))
       return &e;
   }
   return nullptr;

@@ -365,6 +365,7 @@ int BackwardInduction(Network& net, const M& member, bool list_only = false) {
   std::vector<uint64_t> batch_hash(kBackwardBatch);
   std::vector<double> batch_inc(kBackwardBatch);
   std::vector<int> tie(K);
+  std::vector<int64_t> done;
 
   // The root: the vector A at stage S (every complement 0).
   NodeKey<M>(net, net.A.data(), net.N, scratch.data(), key.data());
@@ -428,18 +429,19 @@ int BackwardInduction(Network& net, const M& member, bool list_only = false) {
         ++created;
       }
     }
-    // Stage t + 1 is no longer needed: write it out and free its slots.
-    for (int64_t slot = 1; slot <= store.Z(); ++slot) {
-      if (store.stage(slot) != t + 1) continue;
+    // Stage t + 1 is no longer needed: write it out in slot order and
+    // free its slots.
+    if (store.StageInSlotOrder(t + 1, done) != 0) return -1;
+    for (const int64_t node : done) {
       ++records;
       const int err = M::kCanonical
-                          ? WriteWordsPair(store.key(slot), net.codec.n_words, store.first(slot),
-                                           store.second(slot), records)
-                          : WriteStageWordsPair(static_cast<int8_t>(t + 1), store.key(slot),
-                                                net.codec.n_words, store.first(slot),
-                                                store.second(slot), records);
+                          ? WriteWordsPair(store.key(node), net.codec.n_words, store.first(node),
+                                           store.second(node), records)
+                          : WriteStageWordsPair(static_cast<int8_t>(t + 1), store.key(node),
+                                                net.codec.n_words, store.first(node),
+                                                store.second(node), records);
       if (err != 0) return err;
-      store.Free(slot);
+      store.Free(node);
     }
     net.stage_end[t] = records;
   }
@@ -702,15 +704,11 @@ class StageSharing {
     if (Prepare(pool, own) != 0) return -1;
     const int64_t start = pool.Live();
     try {
-      slots_.clear();
+      if (store.StageInSlotOrder(s, slots_) != 0) return -1;
+      if (static_cast<int64_t>(slots_.size()) < nodes) return -1;
+      slots_.resize(static_cast<size_t>(nodes));
       sizes_.clear();
-      int64_t slot = 0;
-      for (int64_t i = 0; i < nodes; ++i) {
-        slot = store.NextSlotOfStage(slot, s);
-        if (slot == 0) return -1;
-        slots_.push_back(slot);
-        sizes_.push_back(pool.Summarize(store.tree_root(slot)));
-      }
+      for (const int64_t slot : slots_) sizes_.push_back(pool.Summarize(store.tree_root(slot)));
       own.made.assign(slots_.size(), 0);
       for (auto& w : others_) w->made.assign(slots_.size(), 0);
     } catch (const std::bad_alloc&) {
@@ -854,18 +852,20 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
   StageSharing<M> sharing(net, member, owners);
 
   // Stage 0 by hand in slot 1: the zero node (every complement A_j).
-  std::vector<int64_t> zero(K, 0);
+  std::vector<int64_t> zero(K, 0), stage_list;
+  int64_t start = 0;
   NodeKey<M>(net, zero.data(), 0, scratch.data(), key.data());
   if constexpr (M::kTwoCut) {
     double shortest = 0.0, longest = 0.0;
     if constexpr (M::kClosedFormBounds) member.NodeBounds(0, zero.data(), shortest, longest);
-    store.Place(1, 0, key.data(), shortest, longest);
+    start = store.Place(1, 0, key.data(), shortest, longest);
   } else {
-    store.Place(1, 0, key.data(), obs + tol, obs - tol);
+    start = store.Place(1, 0, key.data(), obs + tol, obs - tol);
   }
   // Its one past value carries all the probability: q = exp(-L0 + R(0)) = 1.
   Ticker tick;
-  if (pool.AddToTree(store.tree_root(1), member.StartValue(net.L0), 1.0, M::kMergeTolerance) < 0)
+  if (pool.AddToTree(store.tree_root(start), member.StartValue(net.L0), 1.0,
+                     M::kMergeTolerance) < 0)
     return -1;
 
   int64_t stage_nodes = 1;  // nodes of the stage about to be expanded
@@ -903,14 +903,11 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
         if (code != 0) return code;
       }
     } else {
-      int64_t slot = store.NextSlotOfStage(0, s);
-      if (slot == 0) return -1;
+      if (store.StageInSlotOrder(s, stage_list) != 0) return -1;
+      if (static_cast<int64_t>(stage_list.size()) < nodes) return -1;
       bool settled = false;
       for (int64_t i = 0; i < nodes && !settled; ++i) {
-        if (i > 0) {
-          slot = store.NextSlotOfStage(slot, s);
-          if (slot == 0) return -1;
-        }
+        const int64_t slot = stage_list[static_cast<size_t>(i)];
         int64_t& root = store.tree_root(slot);
         if (root != 0) {
           pool.Summarize(root);
@@ -941,8 +938,8 @@ int ForwardPass(const Network& net, const M& member, double obs, PassResult& res
   // Collect at the root: the entries left lie within tol of the observed
   // value (one-cut) or of a bound (two-cut; where the bounds coincide an
   // entry counts at both).
-  for (int64_t slot = store.NextSlotOfStage(0, S); slot != 0;
-       slot = store.NextSlotOfStage(slot, S)) {
+  if (store.StageInSlotOrder(S, stage_list) != 0) return -1;
+  for (const int64_t slot : stage_list) {
     int64_t top = 0;
     if (store.tree_root(slot) != 0) pool.stack[top++] = store.tree_root(slot);
     while (top > 0) {

@@ -91,22 +91,32 @@ TEST(NodeStore, FindsNodesPastFreedSlotsAndWrapsAround) {
   ASSERT_EQ(s.Create(10, 1, 7), 0);
   // Keys 7 and 14 and 21 of stage 0 all hash to slot 7 (x = 0 -> prime).
   const int64_t k7 = 7, k14 = 14, k21 = 21, k28 = 28, k35 = 35;
-  EXPECT_EQ(s.Insert(0, &k7, 1, 2, false), 7);
-  EXPECT_EQ(s.Insert(0, &k14, 1, 2, false), 8);
-  EXPECT_EQ(s.Insert(0, &k21, 1, 2, false), 9);
-  EXPECT_EQ(s.Insert(0, &k28, 1, 2, false), 10);
-  EXPECT_EQ(s.Insert(0, &k35, 1, 2, false), 1);  // the probe wraps from Z to 1
-  EXPECT_EQ(s.Insert(0, &k21, 5, 6, true), 9);  // the duplicate test returns the slot
-  EXPECT_EQ(s.first(9), 1.0);
-  s.Free(8);
-  EXPECT_EQ(s.Find(0, &k21), 9);   // beyond a freed slot
-  EXPECT_EQ(s.Find(0, &k35), 1);
+  const int64_t n7 = s.Insert(0, &k7, 1, 2, false), n14 = s.Insert(0, &k14, 1, 2, false);
+  const int64_t n21 = s.Insert(0, &k21, 1, 2, false), n28 = s.Insert(0, &k28, 1, 2, false);
+  const int64_t n35 = s.Insert(0, &k35, 1, 2, false);
+  EXPECT_EQ(s.SlotOf(n7), 7);
+  EXPECT_EQ(s.SlotOf(n14), 8);
+  EXPECT_EQ(s.SlotOf(n21), 9);
+  EXPECT_EQ(s.SlotOf(n28), 10);
+  EXPECT_EQ(s.SlotOf(n35), 1);  // the probe wraps from Z to 1
+  EXPECT_EQ(s.Insert(0, &k21, 5, 6, true), n21);  // the duplicate test returns the node
+  EXPECT_EQ(s.first(n21), 1.0);
+  s.Free(n14);
+  EXPECT_EQ(s.Find(0, &k21), n21);   // beyond a freed slot
+  EXPECT_EQ(s.Find(0, &k35), n35);
   EXPECT_EQ(s.Find(1, &k21), 0);   // other stage
   EXPECT_EQ(s.Find(0, &k14), 0);
-  EXPECT_EQ(s.NextSlotOfStage(0, 0), 1);
-  EXPECT_EQ(s.NextSlotOfStage(1, 0), 7);
-  EXPECT_EQ(s.NextSlotOfStage(7, 0), 9);
-  EXPECT_EQ(s.Insert(0, &k14, 3, 4, false), 8);  // the freed slot is taken again
+  const int64_t k3 = 3;
+  const int64_t n3 = s.Insert(1, &k3, 0, 0, false);  // (3 + 2^31 mod 7) mod 7 = 5
+  EXPECT_EQ(s.SlotOf(n3), 5);
+  std::vector<int64_t> order;
+  ASSERT_EQ(s.StageInSlotOrder(0, order), 0);
+  EXPECT_EQ(order, (std::vector<int64_t>{n35, n7, n21, n28}));
+  const int64_t again = s.Insert(0, &k14, 3, 4, false);
+  EXPECT_EQ(s.SlotOf(again), 8);  // the freed slot is taken again
+  EXPECT_EQ(s.Find(0, &k14), again);
+  ASSERT_EQ(s.StageInSlotOrder(1, order), 0);
+  EXPECT_EQ(order, (std::vector<int64_t>{n3}));
   // A full table refuses an insert.
   NodeStore full;
   ASSERT_EQ(full.Create(4, 1, 3), 0);
