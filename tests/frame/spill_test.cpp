@@ -167,6 +167,7 @@ TEST_F(SpillTest, EveryFormRoundTripsInAnyOrder) {
       if (count != 0 || f != Form::kWords) cases.push_back({f, count, 6000, {}});  // an empty record holds nothing
   cases.push_back({Form::kWords, 2, 20000, {1, 3, 6, 2000, 2002}});
   cases.push_back({Form::kStagePair, 10000, 4, {2, 1}});
+  cases.push_back({Form::kWords, 10000, 2, {2}});
   for (Case& c : cases) {
     SCOPED_TRACE(std::string(kFormNames[static_cast<int>(c.form)]) + " with " + std::to_string(c.words) + " words");
     ASSERT_EQ(OpenNodeFile(RecordBytes(c.form, c.words)), 0);
