@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -228,28 +229,71 @@ TEST_F(ProgressTest, TimeLimitStopsWithMessage) {
   EXPECT_EQ(t_poll_seen, (std::vector<int64_t>{0, 0, 0, 0, -1}));
 }
 
-TEST_F(ProgressTest, SendLineKeepsLastSixteenAndCounts) {
+// Number fields (Iw when decimals < 0, Fw.d) and progress lines in full as
+// their Format and *Text routines build them; every line as the host
+// receives it: trailing blanks trimmed, cut to 80 and then to its last 16
+// characters, ended by a NUL, with its length and the message counter, which
+// goes up by one a line.
+TEST_F(ProgressTest, FieldsLinesAndWhatTheHostReceives) {
   struct Case {
-    std::string line, sent;
+    std::string built, expected;  // what a Format or *Text routine built
     const char* source;
+    std::function<void()> send = {};  // empty: nothing is sent
+    std::string sent = "";
   };
+  auto num = [](double v, int w, int d) {
+    return d < 0 ? FormatInt(static_cast<int64_t>(v), w) : FormatFixed(v, w, d);
+  };
+  auto line = [](std::string s) { return [s] { SendLine(s.data(), static_cast<int>(s.size())); }; };
   const Case cases[] = {
-      {"0123456789ABCDEF", "0123456789ABCDEF", "exactly 16 goes out whole"},
-      {"0123456789ABCDEFG", "123456789ABCDEFG", "17 loses its first"},
-      {"short   ", "short", "trailing blanks trimmed"},
-      {"  lead", "  lead", "leading blanks stay"},
-      {"0123456789ABCDEFG   ", "123456789ABCDEFG", "trimmed before the cut to 16"},
-      {"      ", "", "a blank line sends nothing"},
-      {std::string(70, 'x') + "0123456789ABCDEFGHIJ", "xxxxxx0123456789",
-       "90 characters: cut to 80 before the last 16"},
-      {std::string("abc\0def", 7), "abc", "the NUL ends the line"},
+      {num(0, 4, -1), "   0", "I4 of zero"},           {num(-12, 3, -1), "-12", "sign counts in the width"},
+      {num(-123, 3, -1), "***", "sign makes it too wide"}, {num(1234567890, 10, -1), "1234567890", "I10 full"},
+      {num(0.1234, 6, 4), "0.1234", "F6.4 just fits"},  {num(0.1234, 5, 4), ".1234", "F5.4 drops the 0"},
+      {num(-0.1234, 7, 4), "-0.1234", "negative with 0"}, {num(-0.1234, 6, 4), "-.1234", "negative without 0"},
+      {num(-0.1234, 5, 4), "*****", "negative too wide"}, {num(0.99996, 7, 4), " 1.0000", "rounds up to 1"},
+      {num(0.00004, 7, 4), " 0.0000", "rounds down to 0"}, {num(9.5, 5, 2), " 9.50", "F5.2 padded"},
+      {num(100.0, 5, 2), "*****", "F5.2 can't hold 100"}, {num(3.0, 4, 0), "  3.", "F4.0 keeps the point"},
+      {num(12.345678, 9, 3), "   12.346", "F9.3 rounds"},
+      {"", "", "exactly 16 goes out whole", line("0123456789ABCDEF"), "0123456789ABCDEF"},
+      {"", "", "17 loses its first", line("0123456789ABCDEFG"), "123456789ABCDEFG"},
+      {"", "", "trailing blanks trimmed", line("short   "), "short"},
+      {"", "", "leading blanks stay", line("  lead"), "  lead"},
+      {"", "", "trimmed before the cut to 16", line("0123456789ABCDEFG   "), "123456789ABCDEFG"},
+      {"", "", "a blank line sends nothing", line("      "), ""},
+      {"", "", "90 characters: cut to 80 before the last 16",
+       line(std::string(70, 'x') + "0123456789ABCDEFGHIJ"), "xxxxxx0123456789"},
+      {"", "", "the NUL ends the line", line(std::string("abc\0def", 7)), "abc"},
+      {LongRunNoteText(1), "NOTE: This problem may take a long time to solve.", "note",
+       [] { SendLongRunNote(1); }, "g time to solve."},
+      {LongRunNoteText(0), std::string(49, ' '), "note withdrawn: 49 blanks", [] { SendLongRunNote(0); }, ""},
+      {StageLineText(7), " Generating the distribution to stage   7", "stage I3", [] { SendStageLine(7); },
+       "ion to stage   7"},
+      {StageLineText(1234), " Generating the distribution to stage ***", "stage too wide"},
+      {MonteCarloLineText(99.0, 0.0123, 0.0456), "Current 99.00% Monte Carlo p-value estimate ( 0.0123, 0.0456)",
+       "Monte Carlo", [] { SendMonteCarloLine(99.0, 0.0123, 0.0456); }, " 0.0123, 0.0456)"},
+      {MonteCarloLineText(95.0, -0.02, 1.3), "Current 95.00% Monte Carlo p-value estimate ( 0.0000, 1.0000)",
+       "limits clamped"},
+      {ExactEstimateLineText(0.05, 0.0612), "Current estimate of Exact two-sided p-value is ( 0.0500, 0.0612)",
+       "exact estimate", [] { SendExactEstimateLine(0.05, 0.0612); }, " 0.0500, 0.0612)"},
+      {ExactEstimateLineText(-1e-9, 1.0000001), "Current estimate of Exact two-sided p-value is ( 0.0000, 1.0000)",
+       "exact clamped"},
+      {BackwardLineText(12), "Backward induction : processing stage   12", "backward I4",
+       [] { SendBackwardLine(12); }, "ssing stage   12"},
+      {BackwardNodesLineText(3, 12345),
+       "Backward induction : processing stage    3  Nodes to be created:      12345", "backward with nodes I10",
+       [] { SendBackwardNodesLine(3, 12345); }, "ated:      12345"},
+      {"", "", "processing", [] { SendProcessingLine(); }, "Processing..."},
+      {"", "", "dot", [] { SendDotLine(); }, "."},
+      {"", "", "calculating", [] { SendCalculatingLine(); }, "culating p-value"},
   };
-  int64_t count = 0;  // the message counter goes up by one a line
+  int64_t count = 0;
   for (const Case& c : cases) {
+    EXPECT_EQ(c.built, c.expected) << c.source;
+    if (!c.send) continue;
     t_lines.clear();
-    SendLine(c.line.data(), static_cast<int>(c.line.size()));
+    c.send();
     ASSERT_EQ(t_lines.size(), 1u) << c.source;
-    EXPECT_EQ(t_lines[0].text, c.sent) << c.source << " line '" << c.line << "'";
+    EXPECT_EQ(t_lines[0].text, c.sent) << c.source;
     EXPECT_EQ(t_lines[0].length_ref, static_cast<int32_t>(c.sent.size())) << c.source;
     EXPECT_EQ(t_lines[0].counter, ++count) << c.source;
   }
@@ -265,83 +309,6 @@ TEST_F(ProgressTest, SendLineKeepsLastSixteenAndCounts) {
   SendLine(std::string("e"));
   EXPECT_EQ(Host().message_counter, 2);
   EXPECT_EQ(t_lines.size(), 3u);
-}
-
-// Iw (decimals < 0) and Fw.d fields, besides those that the progress
-// lines below show (I3, I4, I10 padded and too wide, F5.2, F7.4 of 0 and 1).
-TEST(ProgressFormat, NumberFields) {
-  struct Case {
-    double value;
-    int width, decimals;
-    const char* expected;
-    const char* source;
-  };
-  const Case cases[] = {
-      {0, 4, -1, "   0", "I4 of zero"},               {-12, 3, -1, "-12", "sign counts in the width"},
-      {-123, 3, -1, "***", "sign makes it too wide"},  {1234567890, 10, -1, "1234567890", "I10 full"},
-      {0.1234, 6, 4, "0.1234", "F6.4 just fits"},      {0.1234, 5, 4, ".1234", "F5.4 drops the 0"},
-      {-0.1234, 7, 4, "-0.1234", "negative with 0"},   {-0.1234, 6, 4, "-.1234", "negative without 0"},
-      {-0.1234, 5, 4, "*****", "negative too wide"},   {0.99996, 7, 4, " 1.0000", "rounds up to 1"},
-      {0.00004, 7, 4, " 0.0000", "rounds down to 0"},  {9.5, 5, 2, " 9.50", "F5.2 padded"},
-      {100.0, 5, 2, "*****", "F5.2 can't hold 100"},   {3.0, 4, 0, "  3.", "F4.0 keeps the point"},
-      {12.345678, 9, 3, "   12.346", "F9.3 rounds"},
-  };
-  for (const Case& c : cases) {
-    const bool integer = c.decimals < 0;
-    EXPECT_EQ(integer ? FormatInt(static_cast<int64_t>(c.value), c.width)
-                      : FormatFixed(c.value, c.width, c.decimals),
-              c.expected)
-        << c.source << ": width " << c.width << " decimals " << c.decimals << " of " << c.value;
-  }
-}
-
-// Each progress line in full as its *Text routine builds it (where there is
-// one), and as its Send* routine hands it to the host: its last 16
-// characters, trailing blanks trimmed.
-TEST_F(ProgressTest, ProgressLinesInFullAndAsSent) {
-  struct Case {
-    std::string built;  // empty: the line has no *Text routine
-    void (*send)();     // null: only the text is checked
-    std::string expected;
-    const char* source;
-  };
-  const Case cases[] = {
-      {LongRunNoteText(1), [] { SendLongRunNote(1); },
-       "NOTE: This problem may take a long time to solve.", "note"},
-      {LongRunNoteText(0), [] { SendLongRunNote(0); }, std::string(49, ' '),
-       "note withdrawn: 49 blanks"},
-      {StageLineText(7), [] { SendStageLine(7); }, " Generating the distribution to stage   7",
-       "stage I3"},
-      {StageLineText(1234), nullptr, " Generating the distribution to stage ***", "stage too wide"},
-      {MonteCarloLineText(99.0, 0.0123, 0.0456), [] { SendMonteCarloLine(99.0, 0.0123, 0.0456); },
-       "Current 99.00% Monte Carlo p-value estimate ( 0.0123, 0.0456)", "Monte Carlo"},
-      {MonteCarloLineText(95.0, -0.02, 1.3), nullptr,
-       "Current 95.00% Monte Carlo p-value estimate ( 0.0000, 1.0000)", "limits clamped"},
-      {ExactEstimateLineText(0.05, 0.0612), [] { SendExactEstimateLine(0.05, 0.0612); },
-       "Current estimate of Exact two-sided p-value is ( 0.0500, 0.0612)", "exact estimate"},
-      {ExactEstimateLineText(-1e-9, 1.0000001), nullptr,
-       "Current estimate of Exact two-sided p-value is ( 0.0000, 1.0000)", "exact clamped"},
-      {BackwardLineText(12), [] { SendBackwardLine(12); },
-       "Backward induction : processing stage   12", "backward I4"},
-      {BackwardNodesLineText(3, 12345), [] { SendBackwardNodesLine(3, 12345); },
-       "Backward induction : processing stage    3  Nodes to be created:      12345",
-       "backward with nodes I10"},
-      {"", [] { SendProcessingLine(); }, "Processing...", "processing"},
-      {"", [] { SendDotLine(); }, ".", "dot"},
-      {"", [] { SendCalculatingLine(); }, "Calculating p-value", "calculating"},
-  };
-  for (const Case& c : cases) {
-    if (!c.built.empty()) {
-      EXPECT_EQ(c.built, c.expected) << c.source;
-    }
-    if (c.send == nullptr) continue;
-    t_lines.clear();
-    c.send();
-    ASSERT_EQ(t_lines.size(), 1u) << c.source;
-    std::string tail = c.expected.substr(0, c.expected.find_last_not_of(' ') + 1);
-    if (tail.size() > 16) tail = tail.substr(tail.size() - 16);
-    EXPECT_EQ(t_lines[0].text, tail) << c.source;
-  }
 }
 
 }  // namespace

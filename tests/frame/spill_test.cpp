@@ -151,7 +151,9 @@ TEST(SpillBudget, MemoryFieldThroughTheClamp) {
 // back to back over skipped records, which keep their contents wherever
 // their bytes are held: 6000 records cross the in-memory window many
 // times, 20000 of 16 bytes hold more than it, and records of 80 KB are
-// larger than it.
+// larger than it.  Reads from the empty file, past the last record or
+// longer than it fail; a short read of a record's head, then the whole
+// record rewritten: the head reads the new words.
 TEST_F(SpillTest, EveryFormRoundTripsInAnyOrder) {
   struct Case {
     Form form;
@@ -165,10 +167,16 @@ TEST_F(SpillTest, EveryFormRoundTripsInAnyOrder) {
       if (count != 0 || f != Form::kWords) cases.push_back({f, count, 6000, {}});  // an empty record holds nothing
   cases.push_back({Form::kWords, 2, 20000, {1, 3, 6, 2000, 2002}});
   cases.push_back({Form::kStagePair, 10000, 4, {2, 1}});
+  cases.push_back({Form::kWords, 10000, 2, {2}});
   for (Case& c : cases) {
     SCOPED_TRACE(std::string(kFormNames[static_cast<int>(c.form)]) + " with " + std::to_string(c.words) + " words");
     ASSERT_EQ(OpenNodeFile(RecordBytes(c.form, c.words)), 0);
+    Record dummy;
+    EXPECT_EQ(Read(c.form, dummy, c.words, 1), fail::kSpillRead) << "empty file";
     for (int64_t r = 1; r <= c.records; ++r) ASSERT_EQ(Write(c.form, Make(r, c.words, 1), r), 0) << r;
+    EXPECT_EQ(Read(c.form, dummy, c.words, c.records + 1), fail::kSpillRead) << "one past the end";
+    EXPECT_EQ(Read(c.form, dummy, c.words, c.records + 1000), fail::kSpillRead) << "far past the end";
+    EXPECT_EQ(Read(c.form, dummy, c.words + 1, c.records), fail::kSpillRead) << "last record read too long";
     for (int64_t r = 1; r <= c.records; ++r) ASSERT_EQ(Check(c.form, r, c.words, 1), "") << "record " << r;
     std::vector<int64_t> order(c.records);
     std::iota(order.begin(), order.end(), 1);
@@ -187,29 +195,24 @@ TEST_F(SpillTest, EveryFormRoundTripsInAnyOrder) {
     }
     for (int64_t r = 1; r <= c.records; ++r)
       ASSERT_EQ(Check(c.form, r, c.words, again[r] ? 2 : 1), "") << "after overwrite, record " << r;
+    if (c.words > 0) {
+      const Form head = HasStage(c.form) ? Form::kStage : Form::kWords;
+      ASSERT_EQ(Check(head, 1, 1, again[1] ? 2 : 1), "") << "head of record 1";
+      ASSERT_EQ(Write(c.form, Make(1, c.words, 5), 1), 0);
+      EXPECT_EQ(Check(head, 1, 1, 5), "") << "head after rewrite";
+    }
     EXPECT_EQ(Write(c.form, Make(1, c.words, 1), 0), fail::kSpillWrite) << "record 0";
-    Record dummy;
     EXPECT_EQ(Read(c.form, dummy, c.words, -3), fail::kSpillRead) << "record -3";
     CloseNodeFile();
   }
-  // A short read of the head of a large record, then the whole record
-  // rewritten: the head reads the new words.
-  constexpr int kWords = 10000;
-  ASSERT_EQ(OpenNodeFile(8 * kWords), 0);
-  for (int64_t r = 1; r <= 2; ++r) ASSERT_EQ(Write(Form::kWords, Make(r, kWords, 1), r), 0);
-  int64_t head = 0;
-  ASSERT_EQ(ReadWords(&head, 1, 1), 0);
-  EXPECT_EQ(head, Make(1, kWords, 1).words[0]);
-  ASSERT_EQ(Write(Form::kWords, Make(1, kWords, 5), 1), 0);
-  ASSERT_EQ(ReadWords(&head, 1, 1), 0);
-  EXPECT_EQ(head, Make(1, kWords, 5).words[0]) << "head after rewrite";
 }
 
-TEST_F(SpillTest, RecordsStandAtTheirOffsets) {
-  // Record r at (r - 1) x 32; words and doubles as 8 machine-order bytes,
-  // the stage as one.  Record 1 is longer than its slot (33 bytes), record
-  // 2 is never written: the gap reads as zeros.  A further megabyte of
-  // records pushes the first ones out of any in-memory buffer.
+// Record r at (r - 1) x 32; words and doubles as 8 machine-order bytes,
+// the stage as one.  Record 1 is longer than its slot (33 bytes), record 2
+// is never written: the gap reads as zeros.  A further megabyte of records
+// pushes the first ones out of any in-memory buffer.  No offset goes past
+// 2 GiB.
+TEST_F(SpillTest, RecordsStandAtTheirOffsetsBelowTwoGigabytes) {
   ASSERT_EQ(OpenNodeFile(32), 0);
   const int64_t w1[2] = {0x0102030405060708, -2};
   ASSERT_EQ(WriteStageWordsPair(5, w1, 2, 0.5, -0.25, 1), 0);
@@ -232,17 +235,6 @@ TEST_F(SpillTest, RecordsStandAtTheirOffsets) {
   EXPECT_EQ(at(25, double{}), -0.25);
   for (int i = 33; i < 64; ++i) EXPECT_EQ(bytes[i], 0) << "gap byte " << i;
   EXPECT_EQ(at(64, int64_t{}), 77);
-}
-
-TEST_F(SpillTest, ReadsPastTheEndAndOffsetsPastTwoGigabytesFail) {
-  ASSERT_EQ(OpenNodeFile(24), 0);
-  int64_t w[4] = {1, 2, 3, 4};
-  EXPECT_EQ(ReadWords(w, 3, 1), fail::kSpillRead) << "empty file";
-  for (int64_t r = 1; r <= 3; ++r) ASSERT_EQ(WriteWords(w, 3, r), 0);
-  EXPECT_EQ(ReadWords(w, 3, 3), 0);
-  EXPECT_EQ(ReadWords(w, 3, 4), fail::kSpillRead) << "record 4 of 3";
-  EXPECT_EQ(ReadWords(w, 3, 1000), fail::kSpillRead) << "far past the end";
-  EXPECT_EQ(ReadWords(w, 4, 3), fail::kSpillRead) << "last record read too long";
   CloseNodeFile();
 
   // Record length 1 MiB: record 2048 starts at 2^31 - 2^20, record 2049

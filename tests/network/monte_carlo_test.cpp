@@ -235,21 +235,23 @@ void KeepText(const char* text, int32_t*, int64_t*, int64_t length) {
 class McRouteTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ResetStore();
     Host() = HostContact{};
     Host().poll = CountPoll;
     Host().text = KeepText;
-    t_lines.clear();
-    t_polls = 0;
-    t_poll_answer = 0;
     BuildLogFactorials(lf_);
-    Configure(12345, 10000, 0.99, 100);
+    Restart(12345, 10000, 0.99, 100);
     StartTimeLimit();
     StartTicks();
   }
   void TearDown() override { Host() = HostContact{}; }
 
-  static void Configure(int64_t seed, int64_t samples, double confidence, int64_t every) {
+  // A fresh store with these settings, no lines or polls yet, and a host
+  // that answers `answer` to a poll.
+  static void Restart(int64_t seed, int64_t samples, double confidence, int64_t every, int64_t answer = 0) {
+    ResetStore();
+    t_lines.clear();
+    t_polls = 0;
+    t_poll_answer = answer;
     SetSetting(setting::kMcSeed1, seed);
     SetSetting(setting::kMcSeed2, kSeed2);
     SetSetting(setting::kMcSeed3, kSeed3);
@@ -279,7 +281,7 @@ TEST_F(McRouteTest, IntervalsAtAndBetweenTheEdges) {
   const Table t = support::MakeTable({{2, 1, 1}, {0, 3, 2}, {1, 0, 4}});
   const std::vector<int64_t> r = support::RowTotals(t), col = support::ColTotals(t);
   for (const Case& c : cases) {
-    Configure(777, c.samples, c.confidence, 1000);
+    Restart(777, c.samples, c.confidence, 1000);
     std::vector<int64_t> work = support::ColumnMajor(t);
     int64_t calls = 0;
     auto rule = [&](const int64_t*) {
@@ -325,11 +327,7 @@ TEST_F(McRouteTest, SeedRepeatsTheRunWhateverTheReportsAndStops) {
   for (const auto& [rows_t, cols_t] : {std::pair{r, c}, std::pair{r2, c2}}) {
     SCOPED_TRACE(Margins(rows_t, cols_t));
     auto run = [&](int64_t seed, int64_t samples, int64_t every, int64_t answer) {
-      ResetStore();
-      Configure(seed, samples, 0.95, every);
-      t_lines.clear();
-      t_polls = 0;
-      t_poll_answer = answer;
+      Restart(seed, samples, 0.95, every, answer);
       Run got;
       got.last.assign(20, 0);
       auto rule = [&](const int64_t* t) {
