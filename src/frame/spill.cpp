@@ -292,15 +292,20 @@ int64_t MemoryBudget() {
   return static_cast<int64_t>(bytes);
 }
 
-int64_t MemoryCeiling() {
-  const char* text = std::getenv(kCeilingVariable);
-  if (text == nullptr || *text == '\0') return kBudgetCeiling;
-  int64_t mib = 0;
+int64_t EnvironmentWholeNumber(const char* name, int64_t largest) {
+  const char* text = std::getenv(name);
+  if (text == nullptr || *text == '\0') return 0;
+  int64_t v = 0;
   for (const char* c = text; *c != '\0'; ++c) {
-    if (*c < '0' || *c > '9') return kBudgetCeiling;
-    mib = mib * 10 + (*c - '0');
-    if (mib > kLargestCeilingMib) mib = kLargestCeilingMib;  // saturate: the cap below decides
+    if (*c < '0' || *c > '9') return 0;
+    v = std::min(v * 10 + (*c - '0'), largest);
   }
+  return v;
+}
+
+int64_t MemoryCeiling() {
+  // Saturated: the cap below decides.
+  const int64_t mib = EnvironmentWholeNumber(kCeilingVariable, kLargestCeilingMib);
   if (mib < 1) return kBudgetCeiling;
   const double physical = static_cast<double>(::sysconf(_SC_PHYS_PAGES)) *
                           static_cast<double>(::sysconf(_SC_PAGESIZE));

@@ -25,6 +25,10 @@ inline constexpr const char* kCeilingVariable = "ANVLWTQ_MEMORY_CEILING";
 // not a whole number of at least 1; else its value, never above half the
 // machine's physical memory nor below the floor.
 int64_t MemoryCeiling();
+// The value of a host's environment variable that must be a whole number
+// (digits only), saturated at `largest`; 0 when it is unset, empty or not
+// such a number.
+int64_t EnvironmentWholeNumber(const char* name, int64_t largest);
 
 // Opens the spill file of this thread's run at Host().spill_path (a private
 // temporary file when that is empty), truncating any file of that name.

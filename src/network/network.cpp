@@ -1,7 +1,7 @@
 #include <algorithm>
-#include <cstdlib>
 #include <thread>
 
+#include "frame/spill.h"
 #include "network/passes.h"
 
 namespace anvl::net {
@@ -38,12 +38,9 @@ int ForwardThreads() {
   // thread alone); unset, empty or not a whole number from 1 on means the
   // machine's cores.  Never more than kMaxThreads.
   constexpr int kMaxThreads = 8;
-  int n = static_cast<int>(std::thread::hardware_concurrency());
-  if (const char* text = std::getenv("ANVLWTQ_THREADS"); text != nullptr && *text != '\0') {
-    char* end = nullptr;
-    const long v = std::strtol(text, &end, 10);
-    if (*end == '\0' && v >= 1) n = static_cast<int>(std::min<long>(v, kMaxThreads));
-  }
+  const int64_t asked = EnvironmentWholeNumber("ANVLWTQ_THREADS", kMaxThreads);
+  const int n = asked >= 1 ? static_cast<int>(asked)
+                           : static_cast<int>(std::thread::hardware_concurrency());
   return std::clamp(n, 1, kMaxThreads);
 }
 

@@ -334,9 +334,6 @@ int NodeStore::StageInSlotOrder(int stage, std::vector<int64_t>& nodes) const {
 
 int64_t NodeStore::Place(int64_t slot, int stage, const int64_t* key, double first,
                          double second) {
-  if ((occupied_[static_cast<size_t>(slot >> 6)] >> (slot & 63) & 1) != 0)
-    for (int64_t node = 1; node <= records_; ++node)
-      if (stage_[node] != 0 && slot_[node] == slot) Free(node);
   return Take(slot, stage, key, first, second);
 }
 

@@ -21,7 +21,7 @@ namespace anvl::net {
 
 // The stage of a node is held in a signed byte.
 inline constexpr int kMaxStages = 127;
-// A free slot of the node store.
+// A free slot of a table whose slots carry a stage byte.
 inline constexpr int8_t kFreeSlot = -1;
 
 // The radices of the key digits and how they are packed into 64-bit words.
@@ -215,8 +215,8 @@ class NodeStore {
     bounds_[node].second = v;
     IndexEntryOf(node).bounds.second = v;
   }
-  // Places a node in a given slot, bypassing the hash (the stage-0 node);
-  // returns the node.
+  // Places a node in a given free slot, bypassing the hash (the stage-0
+  // node of a new store); returns the node.
   int64_t Place(int64_t slot, int stage, const int64_t* key, double first, double second);
 
  private:

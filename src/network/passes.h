@@ -601,14 +601,10 @@ int ExpandNode(const Network& net, const M& member, NodeStore& store, PastPool& 
   walk.Start(s, w.m.data());
   do {
     const int64_t* key_next = walk.key();
-    int64_t next;
-    if (owners > 1) {
-      const uint64_t mix = store.Mix(s + 1, key_next);
-      if (static_cast<int>((mix >> 32) % static_cast<uint64_t>(owners)) != owner) continue;
-      next = store.FindMixed(mix, s + 1, key_next);
-    } else {
-      next = store.Find(s + 1, key_next);
-    }
+    const uint64_t mix = store.Mix(s + 1, key_next);
+    if (owners > 1 && static_cast<int>((mix >> 32) % static_cast<uint64_t>(owners)) != owner)
+      continue;
+    int64_t next = store.FindMixed(mix, s + 1, key_next);
     const double wt = walk.Weight();
     const double inc = member.EdgeStatistic(s, walk.line(), wt);
     const double f = std::exp(wt + walk.Remaining() - R);
@@ -693,7 +689,6 @@ class StageSharing {
  public:
   StageSharing(const Network& net, const M& member, int owners)
       : net_(net), member_(member), owners_(owners) {}
-  int owners() const { return owners_; }
 
   // Expands stage s (`nodes` nodes), `own` being the calling thread's
   // share, and adds the new entries of all shares to `new_entries`.
