@@ -1,5 +1,8 @@
 #include "network/enumerators.h"
 
+#include <functional>
+#include <vector>
+
 namespace anvl::net {
 
 int64_t StageEnumerator(int K, const int64_t* A, int64_t T, int64_t N, int64_t limit,
@@ -43,6 +46,72 @@ int64_t StageEnumerator(int K, const int64_t* A, int64_t T, int64_t N, int64_t l
     }
     fill(level + 1);
   }
+}
+
+namespace {
+
+// The number of nodes of a stage with total T (0 <= m_j <= A_j, summing to
+// T), or limit + 1 when there are more.  Column by column, the count of
+// each partial sum is a window sum of the last column's counts; counts are
+// held at limit + 1 at most, which keeps every window sum exact in 128 bits.
+int64_t StageNodeCount(int K, const int64_t* A, int64_t T, int64_t limit) {
+  const int64_t cap = limit + 1;
+  std::vector<int64_t> ways(static_cast<size_t>(T) + 1, 0), next(ways.size());
+  ways[0] = 1;
+  for (int j = 0; j < K; ++j) {
+    __int128 window = 0;
+    for (int64_t s = 0; s <= T; ++s) {
+      window += ways[s];
+      if (s - A[j] - 1 >= 0) window -= ways[s - A[j] - 1];
+      next[s] = window > cap ? cap : static_cast<int64_t>(window);
+    }
+    ways.swap(next);
+  }
+  return ways[T];
+}
+
+}  // namespace
+
+int64_t CanonicalStageEnumerator(int K, const int64_t* A, int64_t T, int64_t N, int64_t limit,
+                                 int64_t* matrix) {
+  if (K == 1) return limit < 1 ? -1 : 1;
+  if (StageNodeCount(K, A, T, limit) > limit) return -1;
+  const int levels = K - 1;
+  const int64_t R = N - T;
+  int64_t asum[kMaxDigits], m[kMaxDigits], u[kMaxDigits];
+  int64_t s = 0;
+  for (int j = 0; j < levels; ++j) {
+    s += A[j];
+    asum[j] = s;
+  }
+  // Whether complement v in column j leaves the node the least of its class
+  // so far: no earlier column i could take it and give its own, smaller one.
+  auto least = [&](int j, int64_t v) {
+    for (int i = 0; i < j; ++i)
+      if (u[i] < v && v <= A[i]) return false;
+    return true;
+  };
+  int64_t count = 0;
+  // Digits j.. after a prefix summing to `prev`, each within the bounds of
+  // StageEnumerator, in its order.
+  std::function<void(int, int64_t)> visit = [&](int j, int64_t prev) {
+    if (j == levels) {
+      if (!least(levels, A[levels] - (T - prev))) return;
+      for (int i = 0; i < levels; ++i) matrix[static_cast<size_t>(count * levels + i)] = m[i];
+      ++count;
+      return;
+    }
+    const int64_t lo = std::max<int64_t>(0, asum[j] - R - prev);
+    const int64_t hi = std::min(A[j], T - prev);
+    for (int64_t x = lo; x <= hi; ++x) {
+      u[j] = A[j] - x;
+      if (!least(j, u[j])) continue;
+      m[j] = x;
+      visit(j + 1, prev + x);
+    }
+  };
+  visit(0, 0);
+  return count;
 }
 
 }  // namespace anvl::net

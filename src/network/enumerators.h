@@ -20,6 +20,17 @@ inline constexpr int kMaxDigits = 128;
 int64_t StageEnumerator(int K, const int64_t* A, int64_t T, int64_t N, int64_t limit,
                         int64_t* matrix);
 
+// The nodes of a stage with total T, as StageEnumerator lists them, that
+// are the first of their class: nodes whose complements A_j - m_j are the
+// same values in another order are one class.  Needs A ascending.  The
+// first node of a class in the listing's (lexicographic) order is its
+// least: no exchange of the complements of columns i < j is allowed
+// (u_j <= A_i) and lowers m_i (u_i < u_j).  Returns the count written, or
+// -1 when the stage has more than `limit` nodes in all, as
+// StageEnumerator would.
+int64_t CanonicalStageEnumerator(int K, const int64_t* A, int64_t T, int64_t N, int64_t limit,
+                                 int64_t* matrix);
+
 // Successors of a node m of stage s at stage s + 1: the lines d with
 // 0 <= d_j <= A_j - m_j summing to the line total, such that the lines
 // after it (summing to `rest`) can still be filled.  Writes m'[0..K-2];
@@ -39,14 +50,18 @@ class SuccessorEnumerator {
   // column j whose tie[j] = i >= 0 (an earlier column of the same
   // capacity) takes at most what column i takes: of the lines that differ
   // only by an exchange of such columns, only the one whose cells don't
-  // rise within each group is listed.  False when there is no line.
+  // rise within each group is listed.  With `rising` too, column j takes
+  // at least what column i takes: the one listed is then the one whose
+  // cells don't fall, which comes first of them in the order of the
+  // walk.  False when there is no line.
   bool Start(int K, const int64_t* A, const int64_t* m, int64_t line_total, int64_t rest,
-             int64_t* next, const int* tie = nullptr) {
+             int64_t* next, const int* tie = nullptr, bool rising = false) {
     K_ = K;
     line_ = line_total;
     rest_ = rest;
     m_ = m;
     tied_ = tie != nullptr;
+    rising_ = rising;
     int64_t s = 0;
     for (int j = 0; j < K; ++j) {
       cap_[j] = A[j] - m[j];
@@ -129,10 +144,14 @@ class SuccessorEnumerator {
       int64_t lo = std::max(prev, capsum_[j] - rest_);
       int64_t hi = std::min(prev + cap_[j], line_);
       if (tied_) {
-        if (tie_[j] >= 0) hi = std::min(hi, prev + Cell(tie_[j]));
+        if (tie_[j] >= 0) {
+          if (rising_) lo = std::max(lo, prev + Cell(tie_[j]));
+          else hi = std::min(hi, prev + Cell(tie_[j]));
+        }
         if (j == K_ - 2 && tie_[K_ - 1] >= 0) {  // the last cell, line - c_j, is bounded too
           const int t = tie_[K_ - 1];
-          lo = std::max(lo, t == j ? (line_ + prev + 1) / 2 : line_ - Cell(t));
+          if (rising_) hi = std::min(hi, t == j ? (line_ + prev) / 2 : line_ - Cell(t));
+          else lo = std::max(lo, t == j ? (line_ + prev + 1) / 2 : line_ - Cell(t));
         }
         if (lo > hi) return j;
       }
@@ -152,7 +171,7 @@ class SuccessorEnumerator {
   }
 
   int K_ = 0, last_step_ = -1;
-  bool tied_ = false;
+  bool tied_ = false, rising_ = false;
   int64_t line_ = 0, rest_ = 0;
   const int64_t* m_ = nullptr;
   std::vector<int64_t> c_, upper_, cap_, capsum_;

@@ -25,12 +25,17 @@
 // successor is skipped only when that bound, plus the edge, lies above the
 // least found by more than the rounding of the sums, so the result is the
 // same double that the full programme gives from the same node.
+//
+// That bound plus the edge is a sum over the line's cells of a term of
+// each cell alone, so the successors are not listed one by one: a search
+// over the line's cells, column by column, with the most that the columns
+// still open can add (a knapsack over them, formed once for the node),
+// reaches only the lines whose bound lies within the least found.
 #pragma once
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <memory>
 #include <new>
 #include <vector>
 
@@ -53,9 +58,12 @@ class LazyBounds {
       Resize(1024);
       level_.resize(S_ + 1);
       for (Level& l : level_) {
-        l.walk = std::make_unique<SuccessorWalk<M>>(net_);
         l.m.assign(K_, 0);
         l.tie.assign(K_, -1);
+        l.d.assign(K_, 0);
+        l.next.assign(K_, 0);
+        l.scratch.assign(K_, 0);
+        l.key.assign(nw_, 0);
       }
       BuildRelaxations();
       cells_.assign(static_cast<size_t>(S_) * K_, 0);
@@ -86,12 +94,18 @@ class LazyBounds {
 
  private:
   struct Level {
-    std::unique_ptr<SuccessorWalk<M>> walk;
     std::vector<int64_t> m;
     std::vector<int> tie;
-    // Per successor: its relaxed bound plus the edge, the edge, its key.
-    std::vector<double> reach, inc;
-    std::vector<int64_t> keys;
+    // The search over a line of the node: its cells so far, the successor
+    // and its key; gain[j][x], what cell x of column j adds to the least
+    // statistic's relaxed bound (log x! and its column's greatest rest),
+    // and most[j][r], the most that columns j.. can add with r left (j
+    // from 1; sized when the level is first searched).
+    std::vector<int64_t> d, next, scratch, key;
+    std::vector<double> gain, most;
+    int64_t line = 0;
+    double base = 0.0;  // the bound and the edge with no cell: log B! and the rows'
+    double best = 0.0, need = 0.0;
   };
 
   // Slot of (t, key) in the table of nodes done, made if absent; the
@@ -135,6 +149,11 @@ class LazyBounds {
   }
 
   double ShortestOf(int t, const int64_t* key);
+  void SearchLines(int t, Level& l, int j, int64_t left, double gained);
+  void TryLine(int t, Level& l);
+  // The least found less the rounding of the sums: a line whose bound lies
+  // above it can't attain the least.
+  static double Reach(double best) { return best + 1e-9 * (1.0 + std::fabs(best)); }
   double MostProbableCompletion(int t, const int64_t* m);
   bool CancelOneCycle(int rows);
 
@@ -147,21 +166,14 @@ class LazyBounds {
       SendExactEstimateLine(ClampUnit(tails_->tail_high), ClampUnit(1.0 - tails_->tail_low));
   }
 
-  // A lower bound of the least statistic from node m of stage t to the
-  // root: every column's count piled into the largest lines, whatever the
-  // line totals.
-  double Relaxed(int t, const int64_t* m) const {
-    if (t >= S_) return 0.0;
-    const double* col = &col_most_[static_cast<size_t>(t) * width_];
-    double cols = 0.0;
-    for (int j = 0; j < K_; ++j) cols += col[net_.A[j] - m[j]];
-    return rows_lf_[t] - cols;
-  }
-
   // col_most_[t][u]: the greatest sum of log x! over a column of count u
   // spread over the lines B_t .. B_{S-1}, at most B_s in line s.  Piling
   // into the largest lines first gives a vector that majorizes every other
-  // spread, and a sum of a convex function is greatest there.
+  // spread, and a sum of a convex function is greatest there.  A lower
+  // bound of the least statistic from a node of stage t to the root is
+  // rows_lf_[t] (the lines' log B!) less col_most_[t] of each complement:
+  // every column's count piled into the largest lines, whatever the line
+  // totals.
   void BuildRelaxations() {
     width_ = static_cast<size_t>(net_.A.back()) + 1;
     col_most_.assign(static_cast<size_t>(S_ + 1) * width_, 0.0);
@@ -243,7 +255,9 @@ double LazyBounds<M>::Shortest(int t, const int64_t* key) {
 // The least statistic from node (t, key) to the root: the least over its
 // successors of theirs plus the edge, where a successor whose relaxed
 // bound plus the edge lies above the least found (by more than the
-// rounding of the sums) can't attain it and is passed over.
+// rounding of the sums) can't attain it and is passed over.  The edge of
+// Fisher's network is the line's log weight, log B! less the log x! of
+// its cells, so the bound plus the edge is base less the cells' gains.
 template <NetworkMember M>
 double LazyBounds<M>::ShortestOf(int t, const int64_t* key) {
   if (t >= S_ || stopped_) return 0.0;
@@ -255,34 +269,99 @@ double LazyBounds<M>::ShortestOf(int t, const int64_t* key) {
   NodeOfKey<M>(net_, key, net_.T[t], l.m.data());
   bool tied = false;
   if constexpr (SymmetricLine<M>()) tied = TiedColumns(net_, l.m.data(), l.tie.data());
-  SuccessorWalk<M>& walk = *l.walk;
-  walk.Start(t, l.m.data(), tied ? l.tie.data() : nullptr);
-  // Every successor with its reach; the most promising is done first so
-  // that the others meet a good bound.
-  int64_t n = 0, top = 0;
-  do {
-    if (static_cast<size_t>(n) >= l.reach.size()) {
-      const size_t grow = std::max<size_t>(64, l.reach.size());
-      l.reach.resize(l.reach.size() + grow);
-      l.inc.resize(l.inc.size() + grow);
-      l.keys.resize(l.keys.size() + grow * nw_);
-    }
-    const double inc = member_.EdgeStatistic(t, walk.line(), walk.Weight());
-    l.reach[n] = Relaxed(t + 1, walk.next()) + inc;
-    l.inc[n] = inc;
-    for (int w = 0; w < nw_; ++w) l.keys[n * nw_ + w] = walk.key()[w];
-    if (l.reach[n] < l.reach[top]) top = n;
-    ++n;
-    Tick();
-  } while (walk.Next());
-  double best = ShortestOf(t + 1, &l.keys[top * nw_]) + l.inc[top];
-  for (int64_t i = 0; i < n; ++i) {
-    if (i == top || l.reach[i] > best + 1e-9 * (1.0 + std::fabs(best))) continue;
-    best = std::min(best, ShortestOf(t + 1, &l.keys[i * nw_]) + l.inc[i]);
+  const int64_t B = net_.B[t];
+  const size_t row = static_cast<size_t>(B) + 1;
+  if (l.gain.empty()) {
+    l.gain.resize(K_ * row);
+    l.most.resize((K_ + 1) * row);
   }
+  const double* col = t + 1 < S_ ? &col_most_[static_cast<size_t>(t + 1) * width_] : nullptr;
+  for (int j = 0; j < K_; ++j) {
+    const int64_t u = net_.A[j] - l.m[j];
+    double* g = &l.gain[j * row];
+    for (int64_t x = 0; x <= B; ++x)
+      g[x] = x > u ? -HUGE_VAL : LogFactorial(x, net_.lf) + (col != nullptr ? col[u - x] : 0.0);
+  }
+  double* most = l.most.data();
+  std::fill(most + K_ * row, most + (K_ + 1) * row, -HUGE_VAL);
+  most[K_ * row] = 0.0;
+  for (int j = K_ - 1; j >= 1; --j) {  // the search starts at column 0 with B left
+    const double* g = &l.gain[j * row];
+    const double* after = &most[(j + 1) * row];
+    for (int64_t r = 0; r <= B; ++r) {
+      double m = -HUGE_VAL;
+      for (int64_t x = 0; x <= r; ++x) m = std::max(m, g[x] + after[r - x]);
+      most[j * row + r] = m;
+    }
+  }
+  l.line = B;
+  l.base = LogFactorial(B, net_.lf) + (t + 1 < S_ ? rows_lf_[t + 1] : 0.0);
+  // The line of the greatest gain first, so that the others meet a good
+  // bound: traced back through the knapsack, its cells then ordered within
+  // each group of tied columns as the search lists them.
+  int64_t left = B;
+  for (int j = 0; j < K_; ++j) {
+    const double* g = &l.gain[j * row];
+    const double* after = &most[(j + 1) * row];
+    int64_t pick = 0;
+    for (int64_t x = 1; x <= left; ++x)
+      if (g[x] + after[left - x] > g[pick] + after[left - pick]) pick = x;
+    l.d[j] = pick;
+    left -= pick;
+  }
+  for (int j = 0; j < K_; ++j)  // cells that don't rise within a group
+    for (int at = j, i = l.tie[j]; i >= 0 && l.d[at] > l.d[i]; at = i, i = l.tie[i])
+      std::swap(l.d[at], l.d[i]);
+  l.best = HUGE_VAL;
+  l.need = -HUGE_VAL;
+  TryLine(t, l);
+  SearchLines(t, l, 0, B, 0.0);
   if (stopped_) return 0.0;
-  shortest_[Slot(t, key)] = best;
-  return best;
+  shortest_[Slot(t, key)] = l.best;
+  return l.best;
+}
+
+// Lists the lines of the node at stage t whose columns j.. hold `left`,
+// their first cells being l.d[0..j-1] with gains `gained`, and tries
+// those whose bound can still attain the least found.  A column tied to
+// an earlier one takes at most what that one takes.
+template <NetworkMember M>
+void LazyBounds<M>::SearchLines(int t, Level& l, int j, int64_t left, double gained) {
+  const size_t row = static_cast<size_t>(l.line) + 1;
+  const double* g = &l.gain[j * row];
+  int64_t hi = left;
+  if (l.tie[j] >= 0) hi = std::min(hi, l.d[l.tie[j]]);
+  if (j == K_ - 1) {
+    if (hi < left || g[left] + gained < l.need || stopped_) return;
+    l.d[j] = left;
+    TryLine(t, l);
+    return;
+  }
+  const double* after = &l.most[(j + 1) * row];
+  for (int64_t x = 0; x <= hi; ++x) {
+    if (g[x] + after[left - x] + gained < l.need) continue;
+    l.d[j] = x;
+    SearchLines(t, l, j + 1, left - x, gained + g[x]);
+    if (stopped_) return;
+  }
+}
+
+// The successor through line l.d: its least statistic plus the edge, the
+// line's log weight summed cell by cell as the successor walk sums it.
+template <NetworkMember M>
+void LazyBounds<M>::TryLine(int t, Level& l) {
+  double w = LogFactorial(l.line, net_.lf);
+  for (int j = 0; j < K_; ++j) {
+    l.next[j] = l.m[j] + l.d[j];
+    w -= LogFactorial(l.d[j], net_.lf);
+  }
+  NodeKey<M>(net_, l.next.data(), net_.T[t + 1], l.scratch.data(), l.key.data());
+  const double v = ShortestOf(t + 1, l.key.data()) + member_.EdgeStatistic(t, l.d.data(), w);
+  if (v < l.best) {
+    l.best = v;
+    l.need = l.base - Reach(v);
+  }
+  Tick();
 }
 
 // The greatest statistic from node m of stage t to the root: the log

@@ -225,12 +225,13 @@ class SuccessorWalk {
     succ_.Reserve(K_);
   }
   // The first successor of node m (m[K-1] its true last component) of
-  // stage s; with `tie`, of the lines that SuccessorEnumerator lists under
-  // that constraint.  False when there is none.
-  bool Start(int s, const int64_t* m, const int* tie = nullptr) {
+  // stage s; with `tie` (and `rising`), of the lines that
+  // SuccessorEnumerator lists under that constraint.  False when there is
+  // none.
+  bool Start(int s, const int64_t* m, const int* tie = nullptr, bool rising = false) {
     s_ = s;
     Tnext_ = net_.T[s + 1];
-    if (!succ_.Start(K_, net_.A.data(), m, net_.B[s], net_.rest[s], mn_.data(), tie))
+    if (!succ_.Start(K_, net_.A.data(), m, net_.B[s], net_.rest[s], mn_.data(), tie, rising))
       return false;
     w_sum_[0] = LogFactorial(net_.B[s], net_.lf);
     r_sum_[0] = LogFactorial(net_.N - Tnext_, net_.lf);
@@ -324,6 +325,28 @@ inline bool TiedColumns(const Network& net, const int64_t* m, int* tie) {
   return any;
 }
 
+// The number of lines that exchanges of cells between tied columns (as
+// TiedColumns gives them) make of line d, d among them: per group of g
+// columns whose cells take values with counts c_1, c_2, ..., the
+// multinomial g! / (c_1! c_2! ...).  The cells of d must not fall within
+// a group (equal cells are then neighbours in it).  `pos` and `run` (K
+// each) are scratch.  Exact while below 2^53: the product is formed
+// column by column, each step an integer.
+inline double TiedLineCount(int K, const int64_t* d, const int* tie, int* pos, int* run) {
+  double count = 1.0;
+  for (int j = 0; j < K; ++j) {
+    const int i = tie[j];
+    if (i < 0) {
+      pos[j] = run[j] = 1;
+      continue;
+    }
+    pos[j] = pos[i] + 1;
+    run[j] = d[j] == d[i] ? run[i] + 1 : 1;
+    count = count * pos[j] / run[j];
+  }
+  return count;
+}
+
 // Whether a member's bounds may be formed on demand (LazyBounds): the
 // forward pass then asks for a node's LongestPath when an edge first
 // reaches it, and for its ShortestPath when an entry first needs it.
@@ -366,6 +389,7 @@ int BackwardInduction(Network& net, const M& member, bool list_only = false) {
   std::vector<double> batch_inc(kBackwardBatch);
   std::vector<int> tie(K);
   std::vector<int64_t> done;
+  const bool first_of_class = M::kCanonical && std::is_sorted(net.A.begin(), net.A.end());
 
   // The root: the vector A at stage S (every complement 0).
   NodeKey<M>(net, net.A.data(), net.N, scratch.data(), key.data());
@@ -377,15 +401,19 @@ int BackwardInduction(Network& net, const M& member, bool list_only = false) {
     if (tick() || M::kCanonical) SendBackwardLine(t);
     if (t > 0) {
       const int64_t Tt = net.T[t];
+      // Canonical nodes: only the first node of each class is listed.
       const int64_t count =
-          StageEnumerator(K, net.A.data(), Tt, net.N, net.stage_node_limit, matrix.data());
+          first_of_class ? CanonicalStageEnumerator(K, net.A.data(), Tt, net.N,
+                                                    net.stage_node_limit, matrix.data())
+                         : StageEnumerator(K, net.A.data(), Tt, net.N, net.stage_node_limit,
+                                           matrix.data());
       if (count < 0) return -1;
       for (int64_t i = 0; i < count; ++i) {
         for (int j = 0; j < K - 1; ++j) m[j] = matrix[static_cast<size_t>(i * (K - 1) + j)];
         CompleteLast(K, Tt, m.data());
         if constexpr (M::kCanonical) {
           NodeKey<M>(net, m.data(), Tt, scratch.data(), key.data());
-          if (store.Find(t, key.data()) != 0) continue;  // an equivalent node is done
+          if (!first_of_class && store.Find(t, key.data()) != 0) continue;  // its class is done
         }
         double shortest = HUGE_VAL, longest = -HUGE_VAL;
         bool first = true, more = !list_only;
@@ -570,9 +598,11 @@ inline constexpr int64_t kSharedStageEntries = 2048;
 // What one thread needs to expand its share of a stage.
 template <NetworkMember M>
 struct ForwardShare {
-  explicit ForwardShare(const Network& net) : walk(net), m(net.K) {}
+  explicit ForwardShare(const Network& net)
+      : walk(net), m(net.K), tie(net.K), pos(net.K), run(net.K) {}
   SuccessorWalk<M> walk;
   std::vector<int64_t> m;
+  std::vector<int> tie, pos, run;  // the node's tied columns; TiedLineCount's scratch
   LazyBounds<M>* lazy = nullptr;
   int64_t* stack = nullptr;
   PassResult* result = nullptr;  // the tails it adds to
@@ -598,7 +628,15 @@ int ExpandNode(const Network& net, const M& member, NodeStore& store, PastPool& 
   const double R = net.LogRemainingWeight(Ts, w.m.data());
   PassResult& result = *w.result;
   SuccessorWalk<M>& walk = w.walk;
-  walk.Start(s, w.m.data());
+  // Lines that differ by an exchange of cells between columns of equal
+  // complement reach the same successor with the same edge, up to the
+  // last bits of its sums.  Only the first of them in the walk's order is
+  // listed, with their count as a factor of its probability: each of the
+  // others would have merged its values into the entries that the first
+  // one's values reached or made, and decided as it did.
+  bool tied = false;
+  if constexpr (SymmetricLine<M>()) tied = TiedColumns(net, w.m.data(), w.tie.data());
+  walk.Start(s, w.m.data(), tied ? w.tie.data() : nullptr, true);
   do {
     const int64_t* key_next = walk.key();
     const uint64_t mix = store.Mix(s + 1, key_next);
@@ -607,7 +645,8 @@ int ExpandNode(const Network& net, const M& member, NodeStore& store, PastPool& 
     int64_t next = store.FindMixed(mix, s + 1, key_next);
     const double wt = walk.Weight();
     const double inc = member.EdgeStatistic(s, walk.line(), wt);
-    const double f = std::exp(wt + walk.Remaining() - R);
+    double f = std::exp(wt + walk.Remaining() - R);
+    if (tied) f *= TiedLineCount(net.K, walk.line(), w.tie.data(), w.pos.data(), w.run.data());
     if constexpr (M::kClosedFormBounds) {
       if (next == 0) {  // first met: its bounds now, and into the store
         double shortest, longest;

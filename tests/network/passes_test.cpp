@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <functional>
+#include <map>
 #include <random>
 #include <set>
 #include <vector>
@@ -243,24 +244,70 @@ TEST(NetworkExact, SharedStagesGiveTheRecordAndTheBudgetOfOneThread) {
   }
 }
 
+// The canonical listing of a stage is the full listing with every node
+// whose class (the same complements in another order) came earlier
+// dropped, in the same order; it fails as the full one does when the
+// stage has more nodes in all than the limit.
+TEST(StageEnumerator, CanonicalListingKeepsTheFirstNodeOfEachClass) {
+  std::mt19937_64 rng(20261124);
+  for (int trial = 0; trial < 300; ++trial) {
+    const int K = 1 + static_cast<int>(rng() % 6);
+    std::vector<int64_t> A(K);
+    int64_t N = 0;
+    for (int64_t& a : A) N += a = 1 + static_cast<int64_t>(rng() % 7);
+    std::sort(A.begin(), A.end());
+    const int64_t T = static_cast<int64_t>(rng() % (N + 1));
+    const int width = std::max(K - 1, 1);
+    std::vector<int64_t> all(static_cast<size_t>(width) * 300000);
+    const int64_t raw = StageEnumerator(K, A.data(), T, N, 300000, all.data());
+    ASSERT_GT(raw, 0) << trial;
+    std::set<std::vector<int64_t>> seen;
+    std::vector<std::vector<int64_t>> expected;
+    for (int64_t i = 0; i < raw && K > 1; ++i) {
+      std::vector<int64_t> node(all.begin() + i * width, all.begin() + (i + 1) * width);
+      std::vector<int64_t> u(K);
+      int64_t used = 0;
+      for (int j = 0; j < K - 1; ++j) used += node[j];
+      for (int j = 0; j < K; ++j) u[j] = A[j] - (j < K - 1 ? node[j] : T - used);
+      std::sort(u.begin(), u.end());
+      if (seen.insert(u).second) expected.push_back(node);
+    }
+    std::vector<int64_t> listed(all.size());
+    ASSERT_EQ(CanonicalStageEnumerator(K, A.data(), T, N, raw - 1, listed.data()), -1) << trial;
+    const int64_t count = CanonicalStageEnumerator(K, A.data(), T, N, raw, listed.data());
+    if (K == 1) {
+      EXPECT_EQ(count, 1);
+      continue;
+    }
+    ASSERT_EQ(count, static_cast<int64_t>(expected.size())) << trial;
+    for (int64_t i = 0; i < count; ++i) {
+      ASSERT_EQ(std::vector<int64_t>(listed.begin() + i * width, listed.begin() + (i + 1) * width),
+                expected[i])
+          << trial << " node " << i;
+    }
+  }
+}
+
 // Under tie constraints the successor enumerator lists, of the lines that
 // differ by an exchange of cells between columns of equal capacity, exactly
-// the one whose cells don't rise within each group, once each and in
-// order; the successor and FirstChanged agree with each line.
+// the one whose cells don't rise (or, rising, don't fall) within each
+// group, once each and in order; the successor and FirstChanged agree with
+// each line, and TiedLineCount gives the number of lines of its exchange.
 TEST(SuccessorEnumerator, TiedColumnsListOneLineOfEachExchange) {
   std::mt19937_64 rng(20261123);
-  for (int trial = 0; trial < 400; ++trial) {
+  for (int trial = 0; trial < 800; ++trial) {
+    const bool rising = trial % 2 == 1;
     const int K = 2 + static_cast<int>(rng() % 5);
     std::vector<int64_t> cap(K), m(K, 0);
     int64_t total = 0;
     for (int64_t& a : cap) total += a = static_cast<int64_t>(rng() % 5);
     const int64_t line = static_cast<int64_t>(rng() % (total + 1));
-    std::vector<int> tie(K, -1);
+    std::vector<int> tie(K, -1), pos(K), run(K);
     for (int j = 0; j < K; ++j)
       for (int i = 0; i < j; ++i)
         if (cap[i] == cap[j]) tie[j] = i;
-    // Every line by brute force, reduced to its group's representative.
-    std::set<std::vector<int64_t>> expected;
+    // Every line by brute force, counted under its group's representative.
+    std::map<std::vector<int64_t>, int64_t> expected;
     std::vector<int64_t> d(K);
     std::function<void(int, int64_t)> all = [&](int j, int64_t left) {
       if (j == K - 1) {
@@ -268,15 +315,16 @@ TEST(SuccessorEnumerator, TiedColumnsListOneLineOfEachExchange) {
         d[j] = left;
         std::vector<int64_t> rep = d;
         for (int a = 0; a < K; ++a) {
-          std::vector<int> pos;
+          std::vector<int> at;
           for (int b = 0; b < K; ++b)
-            if (cap[b] == cap[a]) pos.push_back(b);
+            if (cap[b] == cap[a]) at.push_back(b);
           std::vector<int64_t> v;
-          for (int b : pos) v.push_back(d[b]);
-          std::sort(v.rbegin(), v.rend());
-          for (size_t k = 0; k < pos.size(); ++k) rep[pos[k]] = v[k];
+          for (int b : at) v.push_back(d[b]);
+          if (rising) std::sort(v.begin(), v.end());
+          else std::sort(v.rbegin(), v.rend());
+          for (size_t k = 0; k < at.size(); ++k) rep[at[k]] = v[k];
         }
-        expected.insert(rep);
+        ++expected[rep];
         return;
       }
       for (d[j] = 0; d[j] <= std::min(cap[j], left); ++d[j]) all(j + 1, left - d[j]);
@@ -285,26 +333,27 @@ TEST(SuccessorEnumerator, TiedColumnsListOneLineOfEachExchange) {
     SuccessorEnumerator e;
     e.Reserve(K);
     std::vector<int64_t> next(K), got(K);
-    std::vector<std::vector<int64_t>> listed;
-    bool more = e.Start(K, cap.data(), m.data(), line, total - line, next.data(), tie.data());
+    std::map<std::vector<int64_t>, int64_t> listed;
+    std::vector<int64_t> before;
+    bool more =
+        e.Start(K, cap.data(), m.data(), line, total - line, next.data(), tie.data(), rising);
     while (more) {
       e.Line(got.data());
       for (int j = 0; j < K - 1; ++j) {
         ASSERT_EQ(next[j], got[j]) << trial;
       }
-      if (!listed.empty()) {
+      if (!before.empty()) {
+        ASSERT_LT(before, got) << trial;
         for (int j = 0; j < e.FirstChanged(); ++j) {
-          ASSERT_EQ(got[j], listed.back()[j]) << trial;
+          ASSERT_EQ(got[j], before[j]) << trial;
         }
       }
-      listed.push_back(got);
+      if (rising) listed[got] = TiedLineCount(K, got.data(), tie.data(), pos.data(), run.data());
+      else listed[got] = expected.count(got) ? expected[got] : 0;
+      before = got;
       more = e.Next(next.data());
     }
-    ASSERT_TRUE(std::is_sorted(listed.begin(), listed.end(), std::less_equal<>()) ||
-                listed.size() < 2)
-        << trial;
-    EXPECT_EQ(std::set<std::vector<int64_t>>(listed.begin(), listed.end()), expected) << trial;
-    EXPECT_EQ(listed.size(), expected.size()) << trial;
+    EXPECT_EQ(listed, expected) << trial;
   }
 }
 
