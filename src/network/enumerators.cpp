@@ -1,6 +1,7 @@
 #include "network/enumerators.h"
 
 #include <functional>
+#include <new>
 #include <vector>
 
 namespace anvl::net {
@@ -70,12 +71,8 @@ int64_t StageNodeCount(int K, const int64_t* A, int64_t T, int64_t limit) {
   return ways[T];
 }
 
-}  // namespace
-
-int64_t CanonicalStageEnumerator(int K, const int64_t* A, int64_t T, int64_t N, int64_t limit,
-                                 int64_t* matrix) {
-  if (K == 1) return limit < 1 ? -1 : 1;
-  if (StageNodeCount(K, A, T, limit) > limit) return -1;
+// The first node of each class, as CanonicalStageEnumerator lists them.
+int64_t ListFirstOfClass(int K, const int64_t* A, int64_t T, int64_t N, int64_t* matrix) {
   const int levels = K - 1;
   const int64_t R = N - T;
   int64_t asum[kMaxDigits], m[kMaxDigits], u[kMaxDigits];
@@ -112,6 +109,19 @@ int64_t CanonicalStageEnumerator(int K, const int64_t* A, int64_t T, int64_t N, 
   };
   visit(0, 0);
   return count;
+}
+
+}  // namespace
+
+int64_t CanonicalStageEnumerator(int K, const int64_t* A, int64_t T, int64_t N, int64_t limit,
+                                 int64_t* matrix) {
+  if (K == 1) return limit < 1 ? -1 : 1;
+  try {
+    if (StageNodeCount(K, A, T, limit) > limit) return -1;
+    return ListFirstOfClass(K, A, T, N, matrix);
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
 }
 
 }  // namespace anvl::net

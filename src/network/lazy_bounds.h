@@ -332,7 +332,7 @@ void LazyBounds<M>::SearchLines(int t, Level& l, int j, int64_t left, double gai
   int64_t hi = left;
   if (l.tie[j] >= 0) hi = std::min(hi, l.d[l.tie[j]]);
   if (j == K_ - 1) {
-    if (hi < left || g[left] + gained < l.need || stopped_) return;
+    if (hi < left || g[left] == -HUGE_VAL || g[left] + gained < l.need || stopped_) return;
     l.d[j] = left;
     TryLine(t, l);
     return;
