@@ -273,7 +273,7 @@ double LazyBounds<M>::ShortestOf(int t, const int64_t* key) {
   const size_t row = static_cast<size_t>(B) + 1;
   if (l.gain.empty()) {
     l.gain.resize(K_ * row);
-    l.most.resize((K_ + 1) * row);
+    l.most.resize(K_ * row);
   }
   const double* col = t + 1 < S_ ? &col_most_[static_cast<size_t>(t + 1) * width_] : nullptr;
   for (int j = 0; j < K_; ++j) {
@@ -282,17 +282,22 @@ double LazyBounds<M>::ShortestOf(int t, const int64_t* key) {
     for (int64_t x = 0; x <= B; ++x)
       g[x] = x > u ? -HUGE_VAL : LogFactorial(x, net_.lf) + (col != nullptr ? col[u - x] : 0.0);
   }
+  // The last column takes what is left; before it, column j takes x of r
+  // within its complement, and the columns after it at most what they hold.
   double* most = l.most.data();
-  std::fill(most + K_ * row, most + (K_ + 1) * row, -HUGE_VAL);
-  most[K_ * row] = 0.0;
-  for (int j = K_ - 1; j >= 1; --j) {  // the search starts at column 0 with B left
+  std::copy(&l.gain[(K_ - 1) * row], &l.gain[K_ * row], most + (K_ - 1) * row);
+  int64_t after_holds = net_.A[K_ - 1] - l.m[K_ - 1];
+  for (int j = K_ - 2; j >= 1; --j) {  // the search starts at column 0 with B left
     const double* g = &l.gain[j * row];
     const double* after = &most[(j + 1) * row];
+    const int64_t u = net_.A[j] - l.m[j];
     for (int64_t r = 0; r <= B; ++r) {
       double m = -HUGE_VAL;
-      for (int64_t x = 0; x <= r; ++x) m = std::max(m, g[x] + after[r - x]);
+      for (int64_t x = std::max<int64_t>(0, r - after_holds); x <= std::min(r, u); ++x)
+        m = std::max(m, g[x] + after[r - x]);
       most[j * row + r] = m;
     }
+    after_holds += u;
   }
   l.line = B;
   l.base = LogFactorial(B, net_.lf) + (t + 1 < S_ ? rows_lf_[t + 1] : 0.0);
@@ -300,7 +305,7 @@ double LazyBounds<M>::ShortestOf(int t, const int64_t* key) {
   // bound: traced back through the knapsack, its cells then ordered within
   // each group of tied columns as the search lists them.
   int64_t left = B;
-  for (int j = 0; j < K_; ++j) {
+  for (int j = 0; j < K_ - 1; ++j) {
     const double* g = &l.gain[j * row];
     const double* after = &most[(j + 1) * row];
     int64_t pick = 0;
@@ -309,6 +314,7 @@ double LazyBounds<M>::ShortestOf(int t, const int64_t* key) {
     l.d[j] = pick;
     left -= pick;
   }
+  l.d[K_ - 1] = left;
   for (int j = 0; j < K_; ++j)  // cells that don't rise within a group
     for (int at = j, i = l.tie[j]; i >= 0 && l.d[at] > l.d[i]; at = i, i = l.tie[i])
       std::swap(l.d[at], l.d[i]);
