@@ -6,16 +6,22 @@
 
 namespace anvl::net {
 
+namespace {
+
+// asum[j] = A_0 + ... + A_j for the first `levels` margins.
+void PrefixSums(const int64_t* A, int levels, int64_t* asum) {
+  int64_t s = 0;
+  for (int j = 0; j < levels; ++j) asum[j] = s += A[j];
+}
+
+}  // namespace
+
 int64_t StageEnumerator(int K, const int64_t* A, int64_t T, int64_t N, int64_t limit,
                         int64_t* matrix) {
   const int levels = K - 1;
   const int64_t R = N - T;
   int64_t c[kMaxDigits], upper[kMaxDigits], asum[kMaxDigits];
-  int64_t s = 0;
-  for (int j = 0; j < levels; ++j) {
-    s += A[j];
-    asum[j] = s;
-  }
+  PrefixSums(A, levels, asum);
   auto fill = [&](int from) {
     for (int j = from; j < levels; ++j) {
       const int64_t prev = j == 0 ? 0 : c[j - 1];
@@ -76,11 +82,7 @@ int64_t ListFirstOfClass(int K, const int64_t* A, int64_t T, int64_t N, int64_t*
   const int levels = K - 1;
   const int64_t R = N - T;
   int64_t asum[kMaxDigits], m[kMaxDigits], u[kMaxDigits];
-  int64_t s = 0;
-  for (int j = 0; j < levels; ++j) {
-    s += A[j];
-    asum[j] = s;
-  }
+  PrefixSums(A, levels, asum);
   // Whether complement v in column j leaves the node the least of its class
   // so far: no earlier column i could take it and give its own, smaller one.
   auto least = [&](int j, int64_t v) {
