@@ -1,6 +1,5 @@
 #include "network/enumerators.h"
 
-#include <functional>
 #include <new>
 #include <vector>
 
@@ -77,25 +76,27 @@ int64_t StageNodeCount(int K, const int64_t* A, int64_t T, int64_t limit) {
   return ways[T];
 }
 
-// The first node of each class, as CanonicalStageEnumerator lists them.
-int64_t ListFirstOfClass(int K, const int64_t* A, int64_t T, int64_t N, int64_t* matrix) {
-  const int levels = K - 1;
-  const int64_t R = N - T;
-  int64_t asum[kMaxDigits], m[kMaxDigits], u[kMaxDigits];
-  PrefixSums(A, levels, asum);
-  // Whether complement v in column j leaves the node the least of its class
-  // so far: no earlier column i could take it and give its own, smaller one.
-  auto least = [&](int j, int64_t v) {
+// The first node of each class, as CanonicalStageEnumerator lists them:
+// digits j.. after a prefix summing to `prev`, each within the bounds of
+// StageEnumerator and in its order, and each leaving the node the least of
+// its class so far (no earlier column i could take its complement and give
+// its own, smaller one).
+struct ClassListing {
+  int levels;
+  const int64_t* A;
+  int64_t T, R;
+  int64_t* matrix;
+  int64_t count = 0;
+  int64_t asum[kMaxDigits] = {}, m[kMaxDigits] = {}, u[kMaxDigits] = {};
+
+  bool Least(int j, int64_t v) const {
     for (int i = 0; i < j; ++i)
       if (u[i] < v && v <= A[i]) return false;
     return true;
-  };
-  int64_t count = 0;
-  // Digits j.. after a prefix summing to `prev`, each within the bounds of
-  // StageEnumerator, in its order.
-  std::function<void(int, int64_t)> visit = [&](int j, int64_t prev) {
+  }
+  void Visit(int j, int64_t prev) {
     if (j == levels) {
-      if (!least(levels, A[levels] - (T - prev))) return;
+      if (!Least(levels, A[levels] - (T - prev))) return;
       for (int i = 0; i < levels; ++i) matrix[static_cast<size_t>(count * levels + i)] = m[i];
       ++count;
       return;
@@ -104,14 +105,12 @@ int64_t ListFirstOfClass(int K, const int64_t* A, int64_t T, int64_t N, int64_t*
     const int64_t hi = std::min(A[j], T - prev);
     for (int64_t x = lo; x <= hi; ++x) {
       u[j] = A[j] - x;
-      if (!least(j, u[j])) continue;
+      if (!Least(j, u[j])) continue;
       m[j] = x;
-      visit(j + 1, prev + x);
+      Visit(j + 1, prev + x);
     }
-  };
-  visit(0, 0);
-  return count;
-}
+  }
+};
 
 }  // namespace
 
@@ -120,7 +119,10 @@ int64_t CanonicalStageEnumerator(int K, const int64_t* A, int64_t T, int64_t N, 
   if (K == 1) return limit < 1 ? -1 : 1;
   try {
     if (StageNodeCount(K, A, T, limit) > limit) return -1;
-    return ListFirstOfClass(K, A, T, N, matrix);
+    ClassListing listing{K - 1, A, T, N - T, matrix};
+    PrefixSums(A, K - 1, listing.asum);
+    listing.Visit(0, 0);
+    return listing.count;
   } catch (const std::bad_alloc&) {
     return -1;
   }
