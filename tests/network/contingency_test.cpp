@@ -51,17 +51,10 @@ TEST(ContingencyRecord, CarriesExactlyTheFieldsOfEachProcedure) {
   }
 }
 
-// Failures reach the record with the filler everywhere else; degenerate
-// tables that Fisher's test can still answer.
+// Failures of the cut, the spill file and Fisher's test reach the record with
+// the filler everywhere else (bad tables: engines/failures_test.cpp);
+// degenerate tables that Fisher's test can still answer.
 TEST(ContingencyFailures, ReachTheRecordWithTheFiller) {
-  const Table zero_row = MakeTable({{2, 1, 1}, {0, 0, 0}, {1, 0, 4}});
-  for (int64_t procedure : {TQ_PROC_CHISQ, TQ_PROC_CHISQ_SHORT, TQ_PROC_MEDIAN, TQ_PROC_NOMINAL, TQ_PROC_FISHER})
-    for (int64_t method : {1, 2, 3, 0}) {
-      HostCall call(procedure, method);
-      const double* r = call.Run(zero_row);
-      EXPECT_EQ(r[48], -1001.0) << procedure << " " << method;
-      EXPECT_TRUE(call.Published().empty());
-    }
   struct Case {
     const char* what;
     HostCall call;
@@ -77,8 +70,6 @@ TEST(ContingencyFailures, ReachTheRecordWithTheFiller) {
   HostCall unwritable_asymptotic = unwritable;
   unwritable_asymptotic.ip[TQ_INT_METHOD] = TQ_METHOD_ASYMPTOTIC;
   const Case cases[] = {
-      {"7 on one row", HostCall(TQ_PROC_CHISQ, TQ_METHOD_EXACT), MakeTable({{2, 1, 1}}), -99, NAN},
-      {"42 on one column", HostCall(TQ_PROC_NOMINAL, TQ_METHOD_ASYMPTOTIC), MakeTable({{2}, {3}}), -99, NAN},
       {"nothing above the cut: a level at the cut goes below", median, kWorked, -1032, NAN},
       {"cut at 0.0: nothing at or below it", median_zero, kWorked, -1032, NAN},
       {"unwritable spill file", unwritable, kWorked, -1009, NAN},
@@ -120,18 +111,14 @@ TEST(ContingencyFailures, HostStopAndTheSpillFileLeavesNothingBehind) {
   }
 }
 
-TEST(ContingencyNetwork, HandlesUpTo127StagesAndRefuses128) {
-  for (int cols : {127, 128}) {
-    std::vector<std::vector<int64_t>> cells(2, std::vector<int64_t>(cols, 0));
-    for (int j = 0; j < cols; ++j) cells[j % 2][j] = 1;
-    HostCall call(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
-    const double* r = call.Run(MakeTable(cells));
-    EXPECT_EQ(r[48], cols == 127 ? 0.0 : -1001.0) << cols;
-    if (cols == 127) {
-      EXPECT_GT(r[16], 0.0);
-      EXPECT_LE(r[16], 1.0);
-    }
-  }
+TEST(ContingencyNetwork, Handles127Stages) {  // 128 are refused: engines/failures_test.cpp
+  std::vector<std::vector<int64_t>> cells(2, std::vector<int64_t>(127, 0));
+  for (int j = 0; j < 127; ++j) cells[j % 2][j] = 1;
+  HostCall call(TQ_PROC_CHISQ, TQ_METHOD_EXACT);
+  const double* r = call.Run(MakeTable(cells));
+  ASSERT_EQ(r[48], 0.0);
+  EXPECT_GT(r[16], 0.0);
+  EXPECT_LE(r[16], 1.0);
 }
 
 // The past-value pool follows the memory budget: 2 MiB (the floor) holds
