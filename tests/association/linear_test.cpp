@@ -79,25 +79,16 @@ std::vector<int64_t> DoubledMidRanks(const std::vector<int64_t>& totals) {
   return r;
 }
 
-const double* LogFactorials() {
-  static const LogFactorialTable lf = [] {
-    LogFactorialTable t;
-    BuildLogFactorials(t);
-    return t;
-  }();
-  return lf.data();
-}
-
 // Both forms of the pass on the table `run` observed: they hold the same
 // values (unless one stopped early) and give the same masses but for the
 // order of the sums (1e-12); the lattice form's masses against the
 // enumeration to `rel`.  Give or take 1e-12 after an early stop, which the
 // result tells.
-bool ExpectFormsAgree(const assoc::LinearRun& run, const Masses& ref, double rel, const std::string& what,
-                      bool* lattice) {
+bool ExpectFormsAgree(const assoc::LinearRun& run, const double* lf, const Masses& ref, double rel,
+                      const std::string& what, bool* lattice) {
   net::PassResult pass, tree;
-  EXPECT_EQ(run.Exact(LogFactorials(), pass, assoc::ExactForm::kAny, lattice), 0) << what;
-  EXPECT_EQ(run.Exact(LogFactorials(), tree, assoc::ExactForm::kTree), 0) << what;
+  EXPECT_EQ(run.Exact(lf, pass, assoc::ExactForm::kAny, lattice), 0) << what;
+  EXPECT_EQ(run.Exact(lf, tree, assoc::ExactForm::kTree), 0) << what;
   const double slack = pass.stopped_early ? 1e-12 : 0.0;
   if (!pass.stopped_early && !tree.stopped_early) {
     EXPECT_EQ(pass.peak_values, tree.peak_values) << what;
@@ -121,6 +112,8 @@ TEST(LinearFamily, ExactMassesMatchEnumeration) {
       support::MakeTable({{1, 2, 1}, {2, 4, 2}}), support::MakeTable({{1, 0, 1}, {0, 2, 0}, {1, 0, 1}}),
       support::MakeTable({{2, 1}, {2, 1}, {4, 2}}),
   };
+  LogFactorialTable lf;
+  BuildLogFactorials(lf);
   int cases = 0, at_mean = 0, early = 0, lattices = 0;
   for (int k = 0; cases < 500; ++k) {
     Table t;
@@ -163,10 +156,10 @@ TEST(LinearFamily, ExactMassesMatchEnumeration) {
     assoc::LinearRun run(proc == 41 ? 3 : (proc == 47 ? 1 : 2), su.engine.empty() ? nullptr : su.engine.data(),
                          sv.engine.empty() ? nullptr : sv.engine.data());
     const auto cells = support::ColumnMajor(t);
-    ASSERT_EQ(run.Observed(cells, t.rows, t.cols, LogFactorials()), 0);
+    ASSERT_EQ(run.Observed(cells, t.rows, t.cols, lf.data()), 0);
     ASSERT_FALSE(run.Degenerate()) << what;
     bool lattice = false;
-    const bool stopped = ExpectFormsAgree(run, ref, 1e-9, what, &lattice);
+    const bool stopped = ExpectFormsAgree(run, lf.data(), ref, 1e-9, what, &lattice);
     const double slack = stopped ? 1e-12 : 0.0;
     early += stopped;
     lattices += lattice;
@@ -194,7 +187,9 @@ TEST(LinearFamily, LatticeFormHoldsWhatTheTreeFormHolds) {
   const Table t = support::MakeTable({{3, 2, 2, 1, 0}, {2, 2, 3, 1, 2}, {1, 2, 2, 3, 2},
                                       {0, 1, 2, 3, 4}});
   assoc::LinearRun run(2, nullptr, nullptr);  // Spearman: mid-ranks on the lattice of halves
-  const double* lf = LogFactorials();
+  LogFactorialTable table;
+  BuildLogFactorials(table);
+  const double* lf = table.data();
   const auto cells = support::ColumnMajor(t);
   ASSERT_EQ(run.Observed(cells, t.rows, t.cols, lf), 0);
   SetSetting(setting::kMemoryLimit, int64_t{16384});
@@ -229,7 +224,7 @@ TEST(LinearFamily, LatticeFormHoldsWhatTheTreeFormHolds) {
     ASSERT_EQ(big_run.Observed(big_cells, big.rows, big.cols, lf), 0);
     std::vector<int64_t> iv(cols);
     for (int j = 0; j < cols; ++j) iv[j] = j + 1;
-    ExpectFormsAgree(big_run, Enumerate(big, {1, 2}, iv), 1e-11, support::Describe(big), &lattice);
+    ExpectFormsAgree(big_run, lf, Enumerate(big, {1, 2}, iv), 1e-11, support::Describe(big), &lattice);
     EXPECT_TRUE(lattice) << support::Describe(big);
   }
   SetSetting(setting::kMemoryLimit, int64_t{-1});
