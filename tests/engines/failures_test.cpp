@@ -168,6 +168,7 @@ TEST(FailureCodes, BadInputGivesTheCodeAndNothingElse) {
       // table (7, 507, 42, 31, 32), and the one-way test on case data:
       // counts as the weights, expected counts as the values.
       {"empty row", {7, 507, 31, 42, 32}, T(MakeTable({{2, 1, 1}, {0, 0, 0}, {1, 0, 4}})), -1001.0},
+      {"empty column", {7, 507, 31, 42, 32}, T(MakeTable({{2, 0, 1}, {3, 0, 4}})), -1001.0},
       {"7 on one row", {7}, T(MakeTable({{2, 1, 1}})), -99.0},
       {"42 on one column", {42}, T(MakeTable({{2}, {3}})), -99.0},
       {"one-way: one category", {7}, V({12}, {12}), -99.0},

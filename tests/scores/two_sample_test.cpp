@@ -104,16 +104,6 @@ TEST(TwoSampleScores, ExactMatchesEnumerationWithHeavyTies) {
   EXPECT_GE(checked, 600);
 }
 
-template <class Form>
-int RunNetwork(const std::vector<scores::TwoRowColumn>& cols, double high, double low, int64_t budget,
-               int route, scores::TwoRowTails& out, int64_t& peak) {
-  scores::SetNetworkRouteForTesting(route);
-  const int code = scores::TwoRowNetwork<Form>(cols, high, low, budget, out);
-  scores::SetNetworkRouteForTesting(0);
-  peak = scores::LastNetworkPeakNodes();
-  return code;
-}
-
 // Both routes of the network (dense lattice runs where the scores are
 // multiples of a power of 1/2, hashed tables for any scores) against the
 // enumerated distribution, to 1e-12; on lattice scores they must hold the
@@ -170,17 +160,21 @@ TEST(TwoRowNetworkRoutes, MatchEnumerationAndEachOther) {
     }
     SCOPED_TRACE("trial " + std::to_string(trial));
     const auto run = [&](int64_t budget, int route, scores::TwoRowTails& t, int64_t& peak) {
-      if (form == 0) return RunNetwork<scores::PlainForm>(cols, high, low, budget, route, t, peak);
-      if (form == 1) return RunNetwork<scores::BalancedForm>(cols, high, low, budget, route, t, peak);
-      return RunNetwork<scores::BalancedCoarseForm>(cols, high, low, budget, route, t, peak);
+      scores::SetNetworkRouteForTesting(route);
+      const int code = form == 0   ? scores::TwoRowNetwork<scores::PlainForm>(cols, high, low, budget, t)
+                       : form == 1 ? scores::TwoRowNetwork<scores::BalancedForm>(cols, high, low, budget, t)
+                                   : scores::TwoRowNetwork<scores::BalancedCoarseForm>(cols, high, low, budget, t);
+      scores::SetNetworkRouteForTesting(0);
+      peak = scores::LastNetworkPeakNodes();
+      return code;
     };
     // Routes: lattice (where the scores allow), hashed, lattice with reach flags.
     int64_t peak[3] = {};
+    int nonempty = 0;
+    for (const auto& col : cols) nonempty += col.first + col.second > 0;
     for (int route : {0, 1, 2}) {
       scores::TwoRowTails t;
       const int code = run(16777216, route, t, peak[route]);
-      int nonempty = 0;
-      for (const auto& col : cols) nonempty += col.first + col.second > 0;
       if (nonempty < 2) {
         EXPECT_EQ(code, -4);
         continue;
