@@ -9,7 +9,6 @@
 #include <cmath>
 #include <map>
 #include <random>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -91,12 +90,6 @@ HostCall Call(int64_t procedure, int64_t method, std::vector<double> values, int
   return c;
 }
 
-std::string Show(const std::vector<double>& v, int k) {
-  std::ostringstream s;
-  for (size_t i = 0; i < v.size(); ++i) s << (i % k == 0 && i ? " | " : " ") << v[i];
-  return s.str();
-}
-
 // A random data set without constant blocks; values 0/1 for levels 2,
 // else 1..levels.
 std::vector<double> RandomBlocks(std::mt19937_64& rng, int K, int N, int levels) {
@@ -118,7 +111,7 @@ TEST(RelatedSamples, ExactMatchesTheConvolutionOfAllWithinBlockOrders) {
   std::mt19937_64 rng(24);
   auto check = [](const std::vector<double>& data, int K, int N, std::vector<int64_t> procedures) {
     const Exact ref = Convolve(data, K, N);
-    SCOPED_TRACE("K " + std::to_string(K) + " N " + std::to_string(N) + ":" + Show(data, K));
+    SCOPED_TRACE("K " + std::to_string(K) + " N " + std::to_string(N) + ": " + testing::PrintToString(data));
     double friedman = 0.0;
     for (int64_t proc : procedures) {
       HostCall c = Call(proc, TQ_METHOD_EXACT, data, K);

@@ -5,7 +5,6 @@
 
 #include <cmath>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -73,13 +72,6 @@ Enumerated Enumerate(const std::vector<int64_t>& counts, const std::vector<doubl
   return out;
 }
 
-std::string Show(const std::vector<int64_t>& n, const std::vector<double>& e) {
-  std::ostringstream s;
-  s.precision(17);
-  for (size_t i = 0; i < n.size(); ++i) s << " " << n[i] << "/" << e[i];
-  return s.str();
-}
-
 TEST(OneWay, ExactMatchesEnumerationOfAllTablesWithTheTotal) {
   std::mt19937_64 rng(507);
   // (K, largest N): at most some 10^5 tables.
@@ -106,7 +98,7 @@ TEST(OneWay, ExactMatchesEnumerationOfAllTablesWithTheTotal) {
         ++unclear;
         continue;
       }
-      SCOPED_TRACE("N " + std::to_string(N) + ":" + Show(n, e));
+      SCOPED_TRACE(testing::PrintToString(n) + " against " + testing::PrintToString(e));
       const int64_t proc = round % 2 ? TQ_PROC_CHISQ : TQ_PROC_CHISQ_SHORT;
       HostCall c = OneWay(proc, TQ_METHOD_EXACT, n, e);
       const double* r = c.RunCases();
