@@ -58,7 +58,7 @@ void KsStats(const Row& x, const Row& c, int64_t out[3]) {
   out[0] = top, out[1] = -bottom, out[2] = std::max(top, -bottom);
 }
 
-const int kKsTail[3] = {86, 93, 100}, kKsMc[3] = {88, 95, 102};
+const int kKsTail[3] = {86, 93, 100};
 
 TEST(KsTwoSample, ExactTailsMatchEnumerationWithTies) {
   std::mt19937_64 rng(17);
