@@ -57,10 +57,6 @@ assoc_test::Masses EnumerateKappa(const Table& t) {
 }
 
 TEST(NominalFamily, ExactPValuesMatchEnumeration) {
-  struct Member {
-    int proc;
-    bool square;
-  };
   const std::vector<Table> fixed = {
       support::MakeTable({{2, 4}, {3, 6}}),             // independent: the least H
       support::MakeTable({{1, 2, 1}, {2, 4, 2}}),       // G2 = 0, tau = 0
@@ -71,34 +67,34 @@ TEST(NominalFamily, ExactPValuesMatchEnumeration) {
       support::MakeTable({{2, 0, 1}, {0, 0, 0}, {1, 0, 3}}),  // kappa: an empty row and column
       support::MakeTable({{0, 0}, {0, 5}}),                   // kappa: one category, t2 = 1
   };
-  for (const Member& mb : {Member{40, false}, Member{45, false}, Member{43, true},
-                           Member{46, false}}) {
-    std::mt19937_64 rng(20261123 + mb.proc);
+  for (const int proc : {40, 45, 43, 46}) {
+    const bool square = proc == 43;
+    std::mt19937_64 rng(20261123 + proc);
     int cases = 0, two_by_two = 0, ties = 0;
     for (int k = 0; cases < 220; ++k) {
       const bool fixed_case = k < static_cast<int>(fixed.size());
       // Random tables up to 4 x 4, N <= 20; for kappa square, a third of
       // them with the diagonal emptied (kappa below 0).
       std::uniform_int_distribution<int> dim(2, 4), nn(4, 20);
-      const int r = dim(rng), c = mb.square ? r : dim(rng);
+      const int r = dim(rng), c = square ? r : dim(rng);
       Table t = fixed_case ? fixed[k]
                 : k % 2  ? support::RandomSkewedTable(rng, r, c, nn(rng))
                          : support::RandomTable(rng, r, c, nn(rng));
-      if (mb.square && !fixed_case && k % 3 == 0)
+      if (square && !fixed_case && k % 3 == 0)
         for (int i = 0; i < r; ++i) t.cells[static_cast<size_t>(i) * c + i] = 0;
       if (support::GrandTotal(t) == 0) continue;
       const auto R = support::RowTotals(t), C = support::ColTotals(t);
       const bool empty_line = std::count(R.begin(), R.end(), 0) + std::count(C.begin(), C.end(), 0);
-      if ((mb.square && t.rows != t.cols) || (empty_line && !mb.square) ||
+      if ((square && t.rows != t.cols) || (empty_line && !square) ||
           support::CountTables(R, C, 200000) > 200000)
         continue;
       ++cases;
       two_by_two += t.rows == 2 && t.cols == 2;
-      const std::string what = support::Describe(t) + " procedure " + std::to_string(mb.proc);
-      HostCall call(mb.proc, TQ_METHOD_EXACT);
+      const std::string what = support::Describe(t) + " procedure " + std::to_string(proc);
+      HostCall call(proc, TQ_METHOD_EXACT);
       const double* f = call.Run(t);
       ASSERT_EQ(f[48], 0.0) << what;
-      if (mb.proc == 43) {
+      if (proc == 43) {
         const assoc_test::Masses m = EnumerateKappa(t);
         const long double high = m.above + m.high_point, low = m.below + m.low_point;
         ExpectNear(f[16], std::min<long double>(1, high + low), 0, what);
@@ -109,18 +105,18 @@ TEST(NominalFamily, ExactPValuesMatchEnumeration) {
         continue;
       }
       // 40 and 45 test H (2^-23 relative; the 2 x 2 walk of 40 1e-7), 46 tests Q.
-      const bool walk = mb.proc == 40 && t.rows == 2 && t.cols == 2;
+      const bool walk = proc == 40 && t.rows == 2 && t.cols == 2;
       const support::TailResult m =
-          mb.proc == 46 ? support::EnumerateTails(t, RowConcentration, 4.999999873689376e-05, 0)
+          proc == 46 ? support::EnumerateTails(t, RowConcentration, 4.999999873689376e-05, 0)
                         : support::EnumerateTails(t, Entropy, walk ? 1e-7 : 0x1p-23, 0);
       // The likelihood pass ends when 1e-12 of the mass is undecided.
-      const double slack = mb.proc == 46 ? 0.0 : 1.1e-12;
+      const double slack = proc == 46 ? 0.0 : 1.1e-12;
       ExpectNear(f[16], m.above + m.equal, slack, what + " two-sided");
       ExpectNear(Slot(slot::kPointProbability).value, m.equal, slack, what + " point");
       ties += m.equal > 1.0001L * std::exp(support::LogTableProbability(t));
     }
-    EXPECT_GE(ties, 10) << mb.proc;
-    if (mb.proc == 40) {
+    EXPECT_GE(ties, 10) << proc;
+    if (proc == 40) {
       EXPECT_GE(two_by_two, 20);
     }
   }

@@ -88,7 +88,7 @@ TEST(FailureCodes, BadInputGivesTheCodeAndNothingElse) {
       {"negative count", {41, 47, 48, 50, 49, 20, 21, 40, 45, 43}, T(MakeTable({{1, 2}, {3, -1}})), -1001.0},
       {"negative count, totals >= 0", {43}, T(MakeTable({{3, -1}, {0, 2}})), -1001.0},
       {"negative count", {40, 45, 46}, T(MakeTable({{1, 2, 1}, {3, -1, 2}})), -1001.0},
-      {"128 columns", {41, 47, 48, 50, 49, 20, 21}, T(MakeTable({wide, wide})), -1001.0, kExactOnly},
+      {"128 columns", {41, 47, 48, 50, 49, 20, 21, 7}, T(MakeTable({wide, wide})), -1001.0, kExactOnly},
       {"NaN score", {41, 47}, T(square, {}, {1, nan}), -1003.0},
       {"infinite score", {41, 47}, T(square, {0, inf}), -1003.0},
       {"scores overflow", {41, 47}, T(square, {1e300, 2e300}, {1e300, 2e300}), -1003.0},
@@ -164,10 +164,28 @@ TEST(FailureCodes, BadInputGivesTheCodeAndNothingElse) {
       {"weights all 0", {6}, Ks(4, 0.0, 1.0, {0.1, 0.2}, {0, 0}), -1001.0},
       {"negative weight", {6}, Ks(4, 0.0, 1.0, {0.1, 0.2}, {3, -1}), -1001.0},
       {"Durbin matrix too large", {6}, Ks(1, 0.0, 1.0, {0.5}, {50000}), -1001.0, kExactOnly},
+      // Pearson's X2, the nominal measures, median and Fisher's tests on a
+      // table (7, 507, 42, 31, 32), and the one-way test on case data:
+      // counts as the weights, expected counts as the values.
+      {"empty row", {7, 507, 31, 42, 32}, T(MakeTable({{2, 1, 1}, {0, 0, 0}, {1, 0, 4}})), -1001.0},
+      {"empty column", {7, 507, 31, 42, 32}, T(MakeTable({{2, 0, 1}, {3, 0, 4}})), -1001.0},
+      {"7 on one row", {7}, T(MakeTable({{2, 1, 1}})), -99.0},
+      {"42 on one column", {42}, T(MakeTable({{2}, {3}})), -99.0},
+      {"one-way: one category", {7}, V({12}, {12}), -99.0},
+      {"one-way: no count at all", {7}, V({1, 1, 1}, {0, 0, 0}), -99.0},
+      {"one-way: no counts given", {7}, V({5, 7}), -99.0},
+      {"one-way: two case rows", {7}, V({1, 2, 3, 4}, {1, 2}, 2), -99.0},
+      {"one-way: the median test has none", {31}, V({7, 6, 9}, {7, 6, 9}), -99.0},
+      {"one-way: a negative count", {7}, V({4.0, 4.0, 6.0}, {7, -2, 9}), -1001.0},
+      {"one-way: an expected count of 0", {7}, V({11, 0, 11}, {7, 6, 9}), -1302.0},
+      {"one-way: a negative expected count", {7}, V({12, -1, 11}, {7, 6, 9}), -1302.0},
+      {"one-way: expected counts missing the total", {7}, V({7, 6, 9.0001}, {7, 6, 9}), -1302.0},
+      {"one-way: a NaN expected count", {7}, V({7, nan, 9}, {7, 6, 9}), -1302.0},
+      {"one-way: an infinite expected count", {7}, V({7, inf, 9}, {7, 6, 9}), -1302.0},
   };
   for (const Case& c : cases)
     for (int64_t procedure : c.procedures)
-      for (int64_t method : {TQ_METHOD_EXACT, TQ_METHOD_MONTE_CARLO, TQ_METHOD_ASYMPTOTIC}) {
+      for (int64_t method : {1, 2, 3, 0}) {  // exact, Monte Carlo, asymptotic, none given
         if (c.routes == kExactOnly && method != TQ_METHOD_EXACT) continue;
         SCOPED_TRACE(std::string(c.what) + ", procedure " + std::to_string(procedure) + ", method " +
                      std::to_string(method));

@@ -58,7 +58,7 @@ void KsStats(const Row& x, const Row& c, int64_t out[3]) {
   out[0] = top, out[1] = -bottom, out[2] = std::max(top, -bottom);
 }
 
-const int kKsTail[3] = {86, 93, 100}, kKsMc[3] = {88, 95, 102};
+const int kKsTail[3] = {86, 93, 100};
 
 TEST(KsTwoSample, ExactTailsMatchEnumerationWithTies) {
   std::mt19937_64 rng(17);
@@ -142,9 +142,7 @@ TEST(KsTwoSample, MatchesRKsTestWithAndWithoutTies) {
 // `mean`, from the distribution f of the count: the tail on the lower side
 // (the upper side for a cut series above its mean), the point, and the
 // mass at or beyond R and its mirror image rounded away from the mean.
-struct Expected {
-  double one, point, two;
-};
+struct Expected { double one, point, two; };
 Expected RunsExpected(const std::vector<double>& f, int R, double mean, bool upper) {
   double M = 2.0 * mean - R;
   M = M > mean ? std::ceil(M) : std::trunc(M);
@@ -212,15 +210,6 @@ TEST(RunsTest, TiedLevelsArrangeAsStatedAndExactValuesMatchEnumeration) {
   EXPECT_GE(tied, 100);
 }
 
-// A series of ones and zeros for the one-sample test: cut at 0.5.
-HostCall SeriesCall(const std::vector<double>& s, int64_t method) {
-  HostCall c(TQ_PROC_RUNS, method);
-  c.values = s;
-  c.ip[TQ_INT_OPTION11] = 13;
-  c.rp[TQ_REAL_OPTION11] = 0.5;
-  return c;
-}
-
 TEST(RunsTest, MatchesTheNullDistributionAndTseries) {
   const auto refs = anvl::support::LoadCsv("runs_refs.csv");
   ASSERT_EQ(refs.size(), 40u);
@@ -238,7 +227,8 @@ TEST(RunsTest, MatchesTheNullDistributionAndTseries) {
     EXPECT_LE(Rel(f[15], lower), 1e-9);
     EXPECT_LE(Rel(f[17], point), 1e-9);
     EXPECT_LE(Rel(Slot(slot::kExactTwoSided2).value, r.Real("two")), 1e-9);
-    HostCall cut = SeriesCall(s, TQ_METHOD_EXACT);  // the tail on the observed side
+    HostCall cut(TQ_PROC_RUNS, TQ_METHOD_EXACT);  // the series cut at 0.5: the tail on the observed side
+    cut.values = s, cut.ip[TQ_INT_OPTION11] = 13, cut.rp[TQ_REAL_OPTION11] = 0.5;
     f = cut.RunCases();
     ASSERT_EQ(f[TQ_REC_FAILURE], 0.0);
     const double z = f[1], mean = f[2], sd = f[3];

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "anvlwtq.h"
+#include "association/two_cut.h"
 #include "frame/progress.h"
 #include "frame/run_store.h"
 #include "scores/two_row_network.h"
@@ -15,94 +16,20 @@
 namespace anvl::support {
 namespace {
 
-// Exact distribution of T = sum x[j] s[j] over first rows x with column
-// totals c and first-row total m, by listing every row.
-struct BruteTails {
-  long double at_or_above = 0, at_or_below = 0, point = 0;
-  long double two_sided = 0;
-};
-
 long double LogChoose(int64_t n, int64_t k) {
   return std::lgammal(n + 1.0L) - std::lgammal(k + 1.0L) - std::lgammal(n - k + 1.0L);
 }
 
+// Every first row x (column totals c, first-row total `left`) with T = sum
+// x[j] s[j] and its log weight.
 void Walk(const std::vector<int64_t>& c, const std::vector<double>& s, size_t j, int64_t left,
           long double logw, long double t, std::vector<std::pair<long double, long double>>& out) {
   if (j + 1 == c.size()) {
-    if (left > c[j]) return;
-    out.emplace_back(t + left * (long double)s[j], logw + LogChoose(c[j], left));
+    if (left <= c[j]) out.emplace_back(t + left * (long double)s[j], logw + LogChoose(c[j], left));
     return;
   }
   for (int64_t x = 0; x <= std::min(c[j], left); ++x)
     Walk(c, s, j + 1, left - x, logw + LogChoose(c[j], x), t + x * (long double)s[j], out);
-}
-
-std::vector<std::pair<long double, long double>> NetworkRows(const std::vector<scores::TwoRowColumn>& cols,
-                                                             bool balanced);
-
-// Midrank or equally spaced scores of the levels, the observed T and its
-// tails; ties within 1e-9 absolute (the scores are halves).
-BruteTails Brute(const Table& t, bool midranks, long double* tobs_out, long double* mean_out) {
-  std::vector<scores::TwoRowColumn> cols;
-  int64_t m = 0, N = 0;
-  double rank = 0;
-  for (int j = 0; j < t.cols; ++j) {
-    const int64_t c = t.at(0, j) + t.at(1, j);
-    cols.push_back({t.at(0, j), t.at(1, j), midranks ? rank + (c + 1) / 2.0 : j});
-    rank += c, m += t.at(0, j), N += c;
-  }
-  long double tobs = 0, mean = 0;
-  for (const auto& col : cols) {
-    tobs += col.first * (long double)col.score;
-    mean += (long double)m / N * (col.first + col.second) * col.score;
-  }
-  const long double mirror = 2 * mean - tobs, hi = std::max(tobs, mirror), lo = std::min(tobs, mirror);
-  const long double eps = 1e-9L;
-  BruteTails b;
-  for (auto [v, lw] : NetworkRows(cols, false)) {
-    const long double p = std::exp(lw);
-    if (v >= tobs - eps) b.at_or_above += p;
-    if (v <= tobs + eps) b.at_or_below += p;
-    if (std::fabs(v - tobs) <= eps) b.point += p;
-    if (v >= hi - eps) b.two_sided += p;
-    if (v <= lo + eps) b.two_sided += p;
-  }
-  *tobs_out = tobs;
-  *mean_out = mean;
-  return b;
-}
-
-void ExpectRel(double got, long double want, double tol, const char* what) {
-  EXPECT_LE(std::fabs(got - (double)want), tol * std::max(1e-300, std::fabs((double)want)))
-      << what << ": got " << got << " want " << (double)want;
-}
-
-TEST(TwoSampleScores, ExactMatchesEnumerationWithHeavyTies) {
-  std::mt19937_64 rng(20261123);
-  int checked = 0;
-  for (int trial = 0; trial < 400; ++trial) {
-    const int K = 2 + static_cast<int>(rng() % 5);
-    Table t{2, K, std::vector<int64_t>(2 * K)};
-    for (auto& x : t.cells) x = static_cast<int64_t>(rng() % 5);
-    int64_t first = 0, second = 0;
-    for (int j = 0; j < K; ++j) first += t.at(0, j), second += t.at(1, j);
-    if (second == 0 || first == 0) continue;
-    for (int64_t procedure : {TQ_PROC_WILCOXON, TQ_PROC_SCORES_EQUAL}) {
-      long double tobs, mean;
-      const BruteTails b = Brute(t, procedure == TQ_PROC_WILCOXON, &tobs, &mean);
-      HostCall call(procedure, TQ_METHOD_EXACT);
-      const double* f = call.Run(t);
-      SCOPED_TRACE(Describe(t) + " procedure " + std::to_string(procedure));
-      ASSERT_EQ(f[48], 0.0);
-      const bool upper = tobs > mean;
-      EXPECT_EQ(f[12], upper ? 2.0 : 1.0);
-      ExpectRel(f[15], upper ? b.at_or_above : b.at_or_below, 1e-9, "one-sided");
-      ExpectRel(f[16], std::min<long double>(1, b.two_sided), 1e-9, "two-sided");
-      ExpectRel(f[17], b.point, 1e-9, "point");
-      ++checked;
-    }
-  }
-  EXPECT_GE(checked, 600);
 }
 
 // The network's distribution of T by enumeration: plain (hypergeometric
@@ -134,14 +61,47 @@ std::vector<std::pair<long double, long double>> NetworkRows(
   return rows;
 }
 
-template <class Form>
-int RunNetwork(const std::vector<scores::TwoRowColumn>& cols, double high, double low, int64_t budget,
-               int route, scores::TwoRowTails& out, int64_t& peak) {
-  scores::SetNetworkRouteForTesting(route);
-  const int code = scores::TwoRowNetwork<Form>(cols, high, low, budget, out);
-  scores::SetNetworkRouteForTesting(0);
-  peak = scores::LastNetworkPeakNodes();
-  return code;
+// The rank-sum (midrank scores) and equally spaced score tests on random
+// two-row tables, ties within 1e-9 absolute (the scores are halves): the
+// side, the one-sided and two-sided tails and the point, by enumeration.
+TEST(TwoSampleScores, ExactMatchesEnumerationWithHeavyTies) {
+  std::mt19937_64 rng(20261123);
+  int checked = 0;
+  for (int trial = 0; trial < 400; ++trial) {
+    const int K = 2 + static_cast<int>(rng() % 5);
+    Table t{2, K, std::vector<int64_t>(2 * K)};
+    for (auto& x : t.cells) x = static_cast<int64_t>(rng() % 5);
+    if (GrandTotal(t) == RowTotals(t)[0] || RowTotals(t)[0] == 0) continue;
+    for (int64_t procedure : {TQ_PROC_WILCOXON, TQ_PROC_SCORES_EQUAL}) {
+      std::vector<scores::TwoRowColumn> cols;
+      long double tobs = 0, mean = 0, rank = 0;
+      for (int j = 0; j < K; ++j) {
+        const int64_t c = t.at(0, j) + t.at(1, j);
+        cols.push_back({t.at(0, j), t.at(1, j), procedure == TQ_PROC_WILCOXON ? double(rank + (c + 1) / 2.0L) : j});
+        rank += c;
+        tobs += t.at(0, j) * (long double)cols.back().score;
+        mean += (long double)RowTotals(t)[0] / GrandTotal(t) * c * cols.back().score;
+      }
+      const long double hi = std::max(tobs, 2 * mean - tobs), lo = std::min(tobs, 2 * mean - tobs), eps = 1e-9L;
+      long double above = 0, below = 0, point = 0, two = 0;
+      for (auto [v, lw] : NetworkRows(cols, false)) {
+        const long double p = std::exp(lw);
+        above += v >= tobs - eps ? p : 0, below += v <= tobs + eps ? p : 0;
+        point += std::fabs(v - tobs) <= eps ? p : 0;
+        two += (v >= hi - eps ? p : 0) + (v <= lo + eps ? p : 0);
+      }
+      HostCall call(procedure, TQ_METHOD_EXACT);
+      const double* f = call.Run(t);
+      const std::string what = Describe(t) + " procedure " + std::to_string(procedure);
+      ASSERT_EQ(f[48], 0.0) << what;
+      EXPECT_EQ(f[12], tobs > mean ? 2.0 : 1.0) << what;
+      assoc_test::ExpectNear(f[15], tobs > mean ? above : below, 0, what + " one-sided");
+      assoc_test::ExpectNear(f[16], std::min<long double>(1, two), 0, what + " two-sided");
+      assoc_test::ExpectNear(f[17], point, 0, what + " point");
+      ++checked;
+    }
+  }
+  EXPECT_GE(checked, 600);
 }
 
 // Both routes of the network (dense lattice runs where the scores are
@@ -200,17 +160,21 @@ TEST(TwoRowNetworkRoutes, MatchEnumerationAndEachOther) {
     }
     SCOPED_TRACE("trial " + std::to_string(trial));
     const auto run = [&](int64_t budget, int route, scores::TwoRowTails& t, int64_t& peak) {
-      if (form == 0) return RunNetwork<scores::PlainForm>(cols, high, low, budget, route, t, peak);
-      if (form == 1) return RunNetwork<scores::BalancedForm>(cols, high, low, budget, route, t, peak);
-      return RunNetwork<scores::BalancedCoarseForm>(cols, high, low, budget, route, t, peak);
+      scores::SetNetworkRouteForTesting(route);
+      const int code = form == 0   ? scores::TwoRowNetwork<scores::PlainForm>(cols, high, low, budget, t)
+                       : form == 1 ? scores::TwoRowNetwork<scores::BalancedForm>(cols, high, low, budget, t)
+                                   : scores::TwoRowNetwork<scores::BalancedCoarseForm>(cols, high, low, budget, t);
+      scores::SetNetworkRouteForTesting(0);
+      peak = scores::LastNetworkPeakNodes();
+      return code;
     };
     // Routes: lattice (where the scores allow), hashed, lattice with reach flags.
     int64_t peak[3] = {};
+    int nonempty = 0;
+    for (const auto& col : cols) nonempty += col.first + col.second > 0;
     for (int route : {0, 1, 2}) {
       scores::TwoRowTails t;
       const int code = run(16777216, route, t, peak[route]);
-      int nonempty = 0;
-      for (const auto& col : cols) nonempty += col.first + col.second > 0;
       if (nonempty < 2) {
         EXPECT_EQ(code, -4);
         continue;
