@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -185,7 +186,8 @@ TEST(FailureCodes, BadInputGivesTheCodeAndNothingElse) {
   };
   for (const Case& c : cases)
     for (int64_t procedure : c.procedures)
-      for (int64_t method : {1, 2, 3, 0}) {  // exact, Monte Carlo, asymptotic, none given
+      for (int64_t method : std::initializer_list<int64_t>{
+               TQ_METHOD_EXACT, TQ_METHOD_MONTE_CARLO, TQ_METHOD_ASYMPTOTIC, 0}) {  // 0: none given
         if (c.routes == kExactOnly && method != TQ_METHOD_EXACT) continue;
         SCOPED_TRACE(std::string(c.what) + ", procedure " + std::to_string(procedure) + ", method " +
                      std::to_string(method));
