@@ -151,7 +151,7 @@ class LazyBounds {
   double ShortestOf(int t, const int64_t* key);
   void SearchLines(int t, Level& l, int j, int64_t left, double gained);
   void TryLine(int t, Level& l);
-  // The least found less the rounding of the sums: a line whose bound lies
+  // The least found plus the rounding of the sums: a line whose bound lies
   // above it can't attain the least.
   static double Reach(double best) { return best + 1e-9 * (1.0 + std::fabs(best)); }
   double MostProbableCompletion(int t, const int64_t* m);
@@ -267,8 +267,7 @@ double LazyBounds<M>::ShortestOf(int t, const int64_t* key) {
   }
   Level& l = level_[t];
   NodeOfKey<M>(net_, key, net_.T[t], l.m.data());
-  bool tied = false;
-  if constexpr (SymmetricLine<M>()) tied = TiedColumns(net_, l.m.data(), l.tie.data());
+  if constexpr (SymmetricLine<M>()) TiedColumns(net_, l.m.data(), l.tie.data());
   const int64_t B = net_.B[t];
   const size_t row = static_cast<size_t>(B) + 1;
   if (l.gain.empty()) {

@@ -332,11 +332,6 @@ int NodeStore::StageInSlotOrder(int stage, std::vector<int64_t>& nodes) const {
   return 0;
 }
 
-int64_t NodeStore::Place(int64_t slot, int stage, const int64_t* key, double first,
-                         double second) {
-  return Take(slot, stage, key, first, second);
-}
-
 int64_t PastPool::EntryLimit(int64_t budget_bytes) {
   return std::min(budget_bytes / kBytesPerEntry - kEntryReserve, kLargestPool);
 }

@@ -217,7 +217,9 @@ class NodeStore {
   }
   // Places a node in a given free slot, bypassing the hash (the stage-0
   // node of a new store); returns the node.
-  int64_t Place(int64_t slot, int stage, const int64_t* key, double first, double second);
+  int64_t Place(int64_t slot, int stage, const int64_t* key, double first, double second) {
+    return Take(slot, stage, key, first, second);
+  }
 
  private:
   struct IndexEntry;

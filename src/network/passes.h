@@ -485,7 +485,6 @@ namespace detail {
 // `second` are the successor's cuts (one-cut) or its ShortestPath and
 // LongestPath (two-cut, against `cuts`).  The walk uses `stack`; kQuiet:
 // no ticks (a thread other than the caller's).
-// LongestPath (two-cut, against `cuts`).
 template <NetworkMember M, bool kQuiet = false>
 int PastPathUpdate(PastPool& pool, int64_t* stack, Ticker& tick, int64_t root, int64_t& succ_root,
                    double inc, double f, double first, double second, const TwoCuts& cuts,
