@@ -59,6 +59,7 @@ struct Display {
   ProgressState state;
   Clock::time_point start;
   Clock::time_point last_plain{};
+  bool held = false;  // plain: the engine's last words came within a second of a line, unshown
   bool drawn = false;
   std::string last_drawn;
   bool stop_noted = false;
@@ -114,6 +115,13 @@ struct Display {
     }
     if (mode == Mode::kTerminal && Seconds() >= kQuietStart) Draw();
     if (mode == Mode::kPlain && !stop_noted && g_stop.load() != 0) PrintPlain(StopNote());
+    // Words held back are shown when their second is up, so that a line
+    // doesn't wait for the engine's next report.
+    if (mode == Mode::kPlain && held && g_stop.load() == 0 &&
+        Clock::now() - last_plain >= std::chrono::seconds(1)) {
+      PrintPlain(state.text);
+      held = false;
+    }
     if (g_stop.load() != 0) stop_noted = true;
   }
 };
@@ -245,8 +253,9 @@ extern "C" void ReceiveText(const char* text, int32_t* length, int64_t*, int64_t
   if (d == nullptr || text == nullptr || n <= 0 || d->mode == Display::Mode::kOff) return;
   std::lock_guard<std::mutex> lock(d->mutex);
   if (!Describe(std::string_view(text, static_cast<size_t>(n)), d->state)) return;
-  if (d->mode == Display::Mode::kPlain && Clock::now() - d->last_plain >= std::chrono::seconds(1))
-    d->PrintPlain(d->state.text);
+  if (d->mode != Display::Mode::kPlain) return;
+  d->held = Clock::now() - d->last_plain < std::chrono::seconds(1);
+  if (!d->held) d->PrintPlain(d->state.text);
 }
 
 }  // namespace tq
